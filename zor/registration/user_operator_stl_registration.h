@@ -1,0 +1,113 @@
+#pragma once
+// Rigid registration of a moving mesh onto a fixed mesh.
+//
+// Use: construct, SetAllParams, set the fixed and the moving input (a mesh or a
+// selection, each with an optional 4x4 placement), Operate, then read
+// GetTransformation (moving coordinates onto the fixed mesh) and GetError.
+//
+// Meshes handed in stay the caller's and must outlive the operator's use of them. An
+// operator object is used by one thread at a time; different operators may run on
+// different threads at once.
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "zor/export.h"
+#include "zor/model/progress.h"
+#include "zor/model/registered.h"
+#include "zor/model/stl_base.h"
+#include "zor/model/stl_item.h"
+#include "zor/model/transform.h"
+
+class ZOR_API MUserOperatorStlRegistration {
+public:
+  enum MInitialAlignment : std::int32_t {
+    AlignNone = 0,       // start from the given placements
+    AlignAutomatic = 1,  // choose from the shapes' symmetry
+    AlignAxes = 2,       // principal axes of a body with three distinct spreads
+    AlignRod = 3,        // one distinct axis: rotations about it
+    AlignDisc = 4,       // one distinct axis across a flat body
+    AlignBall = 5,       // no usable axis: a tournament over spread orientations
+  };
+
+  // Lengths are in coordinate (user) units and multiplied by MUnit::GetIE() where read.
+  struct ZOR_API MParams {
+    bool reduceMeshes = true;              // work on reduced clones of both meshes
+    double reduceTolerance = 0.3;          // coordinate units: reduction distance bound
+    double errorTolerance = 0.1;           // coordinate units: refinement stops below it
+    std::uint64_t sampleCount = 500;       // samples on the moving mesh
+    double overlapFraction = 0.8;          // share of samples expected on the fixed mesh; not range-checked
+    double slideStep = 10.0;               // coordinate units: step of the slide along an axis
+    bool useNormals = false;               // match with sample normals
+    double normalRadius = 2.0;             // coordinate units: neighbourhood of fitted normals
+    double maxNormalAngle = 25.0;          // degrees: half angle of accepted normals
+    double normalWeight = 0.5;             // 0..1: weight of normal mismatch against distance
+    MInitialAlignment initialAlignment = AlignAxes;
+    std::uint64_t sphereRingSteps = 4;     // latitude steps of the direction sphere
+    std::uint64_t sphereSpinSteps = 8;     // spins about each direction
+    std::uint64_t axisRotationSteps = 16;  // rotations about a symmetry axis
+    std::uint64_t iterationCount = 100;    // refinement iterations; 0: no refinement
+    bool flipNormals = false;              // negate sample normals (switches normals on)
+  };
+
+  MUserOperatorStlRegistration();
+  ~MUserOperatorStlRegistration();
+  MUserOperatorStlRegistration(const MUserOperatorStlRegistration&) = delete;
+  MUserOperatorStlRegistration& operator=(const MUserOperatorStlRegistration&) = delete;
+
+  // Copies the block; nothing is validated and nothing else changes.
+  void SetAllParams(const MParams& p);
+  // Each input setter stores its mesh or item and then replaces the side's placement:
+  // `matrix` points at 16 doubles (row-major, element (r, c) at 4 r + c) or is null,
+  // which clears it. A later setter of the same side therefore always overrides an
+  // earlier matrix. A direct mesh and an item may both be set; the mesh wins while it
+  // is not null. A matrix with a value that is not finite is not stored (the side is
+  // left without placement).
+  void SetFixedStl(MStlBase* mesh, const double* matrix);
+  void SetMovingStl(MStlBase* mesh, const double* matrix);
+  void SetFixedItem(MStlItem item, const double* matrix);
+  void SetMovingItem(MStlItem item, const double* matrix);
+  void SetProgressDelegate(std::shared_ptr<ZorSDK::Common::IProgressDelegate> delegate);
+
+  // The result: takes moving coordinates onto the fixed mesh (identity before a run).
+  void GetTransformation(MMTransformMatrix& out) const;
+  // Mean trimmed distance of the result in coordinate units; 0.0 before a run.
+  double GetError() const;
+
+  const MParams& GetParams() const { return params; }
+  MStlBase* GetFixedStl() const { return fixedStl; }
+  MStlBase* GetMovingStl() const { return movingStl; }
+  const MStlItem& GetFixedItem() const { return fixedItem; }
+  const MStlItem& GetMovingItem() const { return movingItem; }
+  // The placements, or null when none is set.
+  const MMTransformMatrix* GetFixedTransform() const { return fixedTransform.get(); }
+  const MMTransformMatrix* GetMovingTransform() const { return movingTransform.get(); }
+  std::uint64_t GetInlierCount() const { return inlierCount; }
+
+private:
+  static std::unique_ptr<MMTransformMatrix> _MakePlacement(const double* matrix);
+
+  // Declared in this order so that destruction runs: delegate, copies, samples,
+  // placements, then result and items.
+  MParams params;
+  MStlBase* fixedStl = nullptr;
+  MStlBase* movingStl = nullptr;
+  MStlItem fixedItem;
+  MStlItem movingItem;
+  MMTransformMatrix transformation;
+  double error = 0.0;  // internal units
+  std::unique_ptr<MMTransformMatrix> movingTransform;
+  std::unique_ptr<MMTransformMatrix> fixedTransform;
+  std::unique_ptr<std::vector<MMVector<double, 3>>> samplePoints;
+  std::unique_ptr<std::vector<MMVector<double, 3>>> sampleNormals;
+  std::unique_ptr<MStlBase> fixedCopy;
+  std::unique_ptr<MStlBase> movingCopy;
+  std::shared_ptr<ZorSDK::Common::IProgressDelegate> progressDelegate;
+  std::uint64_t inlierCount = 0;
+};
+
+// A caller's registered mesh handle converts to the mesh (null for an empty handle or
+// a destroyed mesh); the conversions are exported from this library.
+extern template class ZOR_API MRegisteredHandle<MRegisteredID<MStlBase>, MStlBase>;
