@@ -1,0 +1,97 @@
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "support/meshes.h"
+#include "zor/registration/user_operator_stl_registration.h"
+
+namespace {
+
+using Op = MUserOperatorStlRegistration;
+
+const double kShift[16] = {1, 0, 0, 5, 0, 1, 0, 6, 0, 0, 1, 7, 0, 0, 0, 1};
+
+TEST(RegistrationInterface, DefaultsAndResultsBeforeARun) {
+  const Op::MParams p;
+  EXPECT_TRUE(p.reduceMeshes);
+  EXPECT_EQ(p.reduceTolerance, 0.3);
+  EXPECT_EQ(p.errorTolerance, 0.1);
+  EXPECT_EQ(p.sampleCount, 500u);
+  EXPECT_EQ(p.overlapFraction, 0.8);
+  EXPECT_EQ(p.slideStep, 10.0);
+  EXPECT_FALSE(p.useNormals);
+  EXPECT_EQ(p.normalRadius, 2.0);
+  EXPECT_EQ(p.maxNormalAngle, 25.0);
+  EXPECT_EQ(p.normalWeight, 0.5);
+  EXPECT_EQ(p.initialAlignment, Op::AlignAxes);
+  EXPECT_EQ(p.sphereRingSteps, 4u);
+  EXPECT_EQ(p.sphereSpinSteps, 8u);
+  EXPECT_EQ(p.axisRotationSteps, 16u);
+  EXPECT_EQ(p.iterationCount, 100u);
+  EXPECT_FALSE(p.flipNormals);
+  EXPECT_EQ(static_cast<int>(Op::AlignBall), 5);
+
+  Op op;
+  EXPECT_EQ(op.GetError(), 0.0);
+  MMTransformMatrix t;
+  t.MakeTranslation(MMVector3d(1, 1, 1));
+  op.GetTransformation(t);
+  EXPECT_TRUE(t.IsIdentity());
+  EXPECT_EQ(op.GetInlierCount(), 0u);
+}
+
+TEST(RegistrationInterface, ParamsAreCopiedUnchecked) {
+  Op op;
+  Op::MParams p;
+  p.overlapFraction = 1.7;
+  p.sampleCount = 0;
+  p.initialAlignment = Op::AlignBall;
+  op.SetAllParams(p);
+  p.overlapFraction = 0.1;  // the operator holds its own copy
+  EXPECT_EQ(op.GetParams().overlapFraction, 1.7);
+  EXPECT_EQ(op.GetParams().sampleCount, 0u);
+  EXPECT_EQ(op.GetParams().initialAlignment, Op::AlignBall);
+}
+
+TEST(RegistrationInterface, EachSetterReplacesItsSidesPlacement) {
+  auto fixed = zortest::MakeTetrahedron();
+  auto moving = zortest::MakeTetrahedron();
+  Op op;
+  op.SetFixedStl(nullptr, kShift);  // a matrix with no mesh: stored, mesh cleared
+  EXPECT_EQ(op.GetFixedStl(), nullptr);
+  ASSERT_NE(op.GetFixedTransform(), nullptr);
+  EXPECT_EQ(op.GetFixedTransform()->GetTranslation(), MMVector3d(5, 6, 7));
+  EXPECT_EQ(op.GetMovingTransform(), nullptr);  // the other side untouched
+
+  op.SetFixedStl(fixed.get(), nullptr);  // null clears the earlier matrix
+  EXPECT_EQ(op.GetFixedStl(), fixed.get());
+  EXPECT_EQ(op.GetFixedTransform(), nullptr);
+
+  op.SetMovingStl(moving.get(), kShift);
+  op.SetMovingItem(MStlItem(moving.get()), nullptr);  // an item setter also overrides the matrix
+  EXPECT_EQ(op.GetMovingTransform(), nullptr);
+  EXPECT_EQ(op.GetMovingStl(), moving.get());  // and leaves the direct mesh in place
+  EXPECT_EQ(op.GetMovingItem().GetType(), MStlItemStl);
+
+  op.SetFixedItem(MStlItem::MarkedTriangles(fixed.get()), kShift);
+  EXPECT_EQ(op.GetFixedItem().GetType(), MStlItemMarkedTriangles);
+  ASSERT_NE(op.GetFixedTransform(), nullptr);
+
+  double bad[16];
+  std::copy(kShift, kShift + 16, bad);
+  bad[3] = std::numeric_limits<double>::infinity();
+  op.SetFixedStl(fixed.get(), bad);
+  EXPECT_EQ(op.GetFixedTransform(), nullptr);
+}
+
+TEST(RegistrationInterface, HandleConversionsReachTheMesh) {
+  auto mesh = zortest::MakeTetrahedron();
+  auto handle = mesh->GetHandle();
+  MStlBase* asMesh = handle;
+  EXPECT_EQ(asMesh, mesh.get());
+  Op op;
+  op.SetFixedStl(handle, nullptr);
+  EXPECT_EQ(op.GetFixedStl(), mesh.get());
+}
+
+}  // namespace
