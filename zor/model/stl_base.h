@@ -103,6 +103,8 @@ public:
   virtual MStlPoint* AddPoint(const std::int32_t* xyz, bool forceNew);
   virtual MStlPoint* AddPoint(std::int32_t x, std::int32_t y, std::int32_t z, bool forceNew);
   // The point at those coordinates (the first added, if several share them), or null.
+  // After points moved, the first call rebuilds the merge index: it is an edit in that
+  // respect and must not run beside other reads of the mesh.
   virtual MStlPoint* GetPoint(std::int32_t x, std::int32_t y, std::int32_t z) const;
 
   // Adds the triangle (a, b, c) in that winding to `surface`, or to the first surface
