@@ -1,5 +1,14 @@
 #include "zor/model/stl_guards.h"
 
+namespace {
+
+void InvertAllWindings(MStlBase& mesh) {
+  for (MStlIteratorStlTriangle it = MStlIteratorStlTriangle::Begin(&mesh); it != MStlIteratorStlTriangle::End(&mesh); ++it)
+    it->Invert(0);
+}
+
+}  // namespace
+
 MStlTempTransformation::MStlTempTransformation(MStlBase& m, const MMTransform& transform, bool flipReflections)
     : mesh(m) {
   std::vector<MMVector3i> moved;
@@ -11,9 +20,7 @@ MStlTempTransformation::MStlTempTransformation(MStlBase& m, const MMTransform& t
   if (flipReflections) {
     const auto* matrix = dynamic_cast<const MMTransformMatrix*>(&transform);
     if (matrix != nullptr && matrix->Determinant() < 0.0) {
-      for (MStlIteratorStlTriangle it = MStlIteratorStlTriangle::Begin(&mesh); it != MStlIteratorStlTriangle::End(&mesh);
-           ++it)
-        it->Invert(0);
+      InvertAllWindings(mesh);
       flipped = true;
     }
   }
@@ -23,10 +30,7 @@ MStlTempTransformation::MStlTempTransformation(MStlBase& m, const MMTransform& t
 MStlTempTransformation::~MStlTempTransformation() {
   mesh._BeginBatch();
   mesh._ApplyCoordinates(original);
-  if (flipped)
-    for (MStlIteratorStlTriangle it = MStlIteratorStlTriangle::Begin(&mesh); it != MStlIteratorStlTriangle::End(&mesh);
-         ++it)
-      it->Invert(0);
+  if (flipped) InvertAllWindings(mesh);
   mesh._EndBatch();
 }
 

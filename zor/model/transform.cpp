@@ -207,19 +207,17 @@ void MMTransformMatrix::_Update() {
 }
 
 bool MMTransformMatrix::ComputeInverse() {
-  if (kind == MMTransformClass::Identity || kind == MMTransformClass::Translation) {
+  // A pure translation (linear part exactly 1) inverts exactly by negating the shift.
+  const bool pureShift = m[0][0] == 1.0 && m[1][1] == 1.0 && m[2][2] == 1.0 && m[0][1] == 0.0 && m[0][2] == 0.0 &&
+                         m[1][0] == 0.0 && m[1][2] == 0.0 && m[2][0] == 0.0 && m[2][1] == 0.0 &&
+                         kind != MMTransformClass::Projective;
+  if (pureShift) {
     SetIdentity(inv);
     for (int r = 0; r < 3; ++r) inv[r][3] = -m[r][3];
-    // Within the identity tolerance the linear part is not exactly 1; invert it exactly.
-    if (!(m[0][0] == 1.0 && m[1][1] == 1.0 && m[2][2] == 1.0 && m[0][1] == 0.0 && m[0][2] == 0.0 &&
-          m[1][0] == 0.0 && m[1][2] == 0.0 && m[2][0] == 0.0 && m[2][1] == 0.0)) {
-      inverseState = Inverse4(m, inv) ? InverseState::Current : InverseState::Singular;
-      return inverseState == InverseState::Current;
-    }
     inverseState = InverseState::Current;
-    return true;
+  } else {
+    inverseState = Inverse4(m, inv) ? InverseState::Current : InverseState::Singular;
   }
-  inverseState = Inverse4(m, inv) ? InverseState::Current : InverseState::Singular;
   return inverseState == InverseState::Current;
 }
 
