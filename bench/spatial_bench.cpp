@@ -57,6 +57,21 @@ const PointData& Points(std::int64_t count) {
   return d;
 }
 
+// Times all queries in `arena`, once untimed first to warm caches and pages.
+template <typename Body>
+void TimeQueries(benchmark::State& state, tbb::task_arena& arena, const Body& queryRange,
+                 std::vector<double>& distances) {
+  const auto runAll = [&] {
+    arena.execute([&] { tbb::parallel_for(tbb::blocked_range<std::size_t>(0, kQueries, 1024), queryRange); });
+  };
+  runAll();
+  for (auto _ : state) {
+    runAll();
+    benchmark::DoNotOptimize(distances.data());
+  }
+  state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kQueries));
+}
+
 void BM_TriangleTreeBuild(benchmark::State& state) {
   const TriangleData& d = Triangles(state.range(0));
   tbb::task_arena arena(static_cast<int>(state.range(1)));
@@ -80,15 +95,7 @@ void BM_NearestTriangle(benchmark::State& state) {
       distances[i] = MeshQueries::FindNearestTriangle(holder, q, std::numeric_limits<double>::infinity()).second;
     }
   };
-  const auto runAll = [&] {
-    arena.execute([&] { tbb::parallel_for(tbb::blocked_range<std::size_t>(0, kQueries, 1024), queryRange); });
-  };
-  runAll();  // warm caches and pages outside the timing
-  for (auto _ : state) {
-    runAll();
-    benchmark::DoNotOptimize(distances.data());
-  }
-  state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kQueries));
+  TimeQueries(state, arena, queryRange, distances);
 }
 
 void BM_PointTreeBuild(benchmark::State& state) {
@@ -119,15 +126,7 @@ void BM_NearestPoint(benchmark::State& state) {
       distances[i] = radius;
     }
   };
-  const auto runAll = [&] {
-    arena.execute([&] { tbb::parallel_for(tbb::blocked_range<std::size_t>(0, kQueries, 1024), queryRange); });
-  };
-  runAll();  // warm caches and pages outside the timing
-  for (auto _ : state) {
-    runAll();
-    benchmark::DoNotOptimize(distances.data());
-  }
-  state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kQueries));
+  TimeQueries(state, arena, queryRange, distances);
 }
 
 }  // namespace

@@ -164,31 +164,6 @@ TEST(NearestTriangle, MatchesBruteForceOnDegenerateMeshes) {
   ExpectTreeMatchesBruteForce(line, 10, 1500);
 }
 
-TEST(NearestTriangle, GivesTheSameAnswersOnEitherSideOfTheParallelThreshold) {
-  // 999 triangles build serially, 1000 in parallel; the extra triangle lies far away.
-  auto mesh = zortest::MakeRandomTriangles(999, 77, 1000);
-  TriangleTreeHolder serial{MeshHandle(mesh.get())};
-  serial.Build();
-  std::vector<std::pair<const MStlTriangle*, double>> answers;
-  std::mt19937 rng(3);
-  std::uniform_real_distribution<double> u(0.0, 1000.0);
-  std::vector<MMVector3d> queries;
-  for (int i = 0; i < 300; ++i) queries.emplace_back(u(rng), u(rng), u(rng));
-  for (const auto& q : queries) {
-    const auto r = MeshQueries::FindNearestTriangle(serial, q, kInf);
-    answers.emplace_back(r.first.GetTriangle(), r.second);
-  }
-  mesh->AddTriangle(MMVector3i(90000, 0, 0), MMVector3i(90001, 0, 0), MMVector3i(90000, 1, 0), nullptr);
-  TriangleTreeHolder parallel{MeshHandle(mesh.get())};
-  parallel.Build();
-  ASSERT_TRUE(parallel.GetTree().UsedParallelStore());
-  for (std::size_t i = 0; i < queries.size(); ++i) {
-    const auto r = MeshQueries::FindNearestTriangle(parallel, queries[i], kInf);
-    EXPECT_EQ(r.first.GetTriangle(), answers[i].first);
-    EXPECT_EQ(r.second, answers[i].second);
-  }
-}
-
 TEST(NearestPoint, MatchesBruteForceAndTakesTheFirstOfEqualPoints) {
   std::mt19937 rng(31);
   std::uniform_int_distribution<int> c(0, 300);
