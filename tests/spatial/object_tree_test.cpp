@@ -5,9 +5,7 @@
 #include <tbb/task_arena.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
-#include <limits>
 #include <random>
 #include <vector>
 
@@ -20,30 +18,6 @@ namespace {
 using MeshQueries::MeshVertex;
 using MeshQueries::PointTree;
 using MeshQueries::detail::TreeParams;
-
-// A sample point with a normal, in doubles: the third kind of tree object.
-struct SamplePoint {
-  double position[3];
-  double normal[3];
-};
-
-}  // namespace
-
-template <typename Box>
-struct MeshQueries::detail::ObjectTreeDefaultAccessor<SamplePoint, Box> {
-  Box operator()(const SamplePoint& p) const {
-    Box b;
-    for (int k = 0; k < 3; ++k) b.minCorner[k] = b.maxCorner[k] = p.position[k];
-    return b;
-  }
-};
-
-namespace {
-
-using SampleBox = ZorSDK::Math::boundingbox<double, 3>;
-using SampleTree = MeshQueries::detail::M3DObjectTree<MeshQueries::detail::M3DObjectTreeParams<
-    SamplePoint, double, 3, MeshQueries::detail::ObjectTreeDefaultAccessor<SamplePoint, SampleBox>,
-    std::vector<SamplePoint>>>;
 
 // Vertices with an id in the point field (never dereferenced by the tree).
 std::vector<MeshVertex> RandomVertices(std::size_t n, unsigned seed, int extent) {
@@ -148,17 +122,6 @@ TEST(ObjectTreeBuild, IdenticalObjectsMakeALeafOfAnySize) {
   }
 }
 
-TEST(ObjectTreeBuild, PointsOnALineSplitOnThatAxisOnly) {
-  std::vector<MeshVertex> line;
-  for (int i = 0; i < 3000; ++i) line.push_back(MeshVertex{{5, i * 3, -2}, reinterpret_cast<MStlPoint*>(i + 1)});
-  PointTree tree;
-  tree.Build(TreeParams{30}, std::move(line));
-  CheckTree(tree, 30);
-  // Halving 9000 units down to leaves of at most 30 points takes about log2(100) levels.
-  EXPECT_GE(tree.GetDepth(), 6u);
-  EXPECT_LE(tree.GetDepth(), 9u);
-}
-
 TEST(ObjectTreeBuild, ObjectsThatAllStraddleEveryMiddleStayInOneLeaf) {
   // Every triangle spans the whole cube through its centre, so no axis separates any
   // two of them: after three retries the root is a leaf of 200 triangles.
@@ -216,37 +179,6 @@ TEST(ObjectTreeBuild, RebuildReusesNodeBlocksAndFreesUntouchedChunks) {
   tree.Build(TreeParams{4}, RandomVertices(500, 8, 1000000));
   CheckTree(tree, 4);
   EXPECT_FALSE(tree.UsedParallelStore());
-}
-
-TEST(ObjectTreeBuild, DoublePointsWithANaNCoordinateStillBuildAndAnswer) {
-  std::vector<SamplePoint> samples;
-  std::mt19937 rng(11);
-  std::uniform_real_distribution<double> u(-1.0, 1.0);
-  for (int i = 0; i < 2000; ++i) samples.push_back(SamplePoint{{u(rng), u(rng), u(rng)}, {0, 0, 1}});
-  samples[17].position[1] = std::numeric_limits<double>::quiet_NaN();
-  const std::vector<SamplePoint> copy = samples;
-  SampleTree tree;
-  tree.Build(TreeParams{30}, std::move(samples));
-  EXPECT_EQ(tree.GetObjects().size(), copy.size());
-  const double q[3] = {0.25, -0.5, 0.125};
-  double best = std::numeric_limits<double>::infinity();
-  for (std::size_t i = 0; i < copy.size(); ++i) {
-    const double* p = copy[i].position;
-    if (i != 17) best = std::min(best, (p[0] - q[0]) * (p[0] - q[0]) + (p[1] - q[1]) * (p[1] - q[1]) + (p[2] - q[2]) * (p[2] - q[2]));
-  }
-  struct Distance {
-    const SamplePoint* objects;
-    const double* q;
-    const double* Query() const { return q; }
-    double operator()(std::uint32_t i) const {
-      const double* p = objects[i].position;
-      return (p[0] - q[0]) * (p[0] - q[0]) + (p[1] - q[1]) * (p[1] - q[1]) + (p[2] - q[2]) * (p[2] - q[2]);
-    }
-    void Prefetch(std::uint32_t, std::uint32_t) const {}
-  } distance{tree.GetObjects().data(), q};
-  double bound2 = std::numeric_limits<double>::infinity();
-  ASSERT_NE(MeshQueries::NearestObjectIndex(tree, distance, bound2), MeshQueries::kNoObject);
-  EXPECT_EQ(bound2, best);
 }
 
 }  // namespace
