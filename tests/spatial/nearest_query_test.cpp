@@ -96,16 +96,6 @@ TEST(ChildVisitOrder, FollowsTheDecisionTableIncludingTies) {
     }
 }
 
-TEST(ChildVisitOrder, BoxDistanceIsZeroInsideAndNaNForANaNQuery) {
-  MeshQueries::IntBox box;
-  box.Add({{-5, 0, 10}});
-  box.Add({{5, 8, 20}});
-  const double inside[3] = {0, 4, 15}, corner[3] = {8, -4, 10}, nan[3] = {0, std::nan(""), 15};
-  EXPECT_EQ(MeshQueries::detail::BoxDistance2(box, inside), 0.0);
-  EXPECT_EQ(MeshQueries::detail::BoxDistance2(box, corner), 9.0 + 16.0);
-  EXPECT_TRUE(std::isnan(MeshQueries::detail::BoxDistance2(box, nan)));
-}
-
 // ---------------------------------------------------------------------------------------
 // Tree answers against brute force
 

@@ -65,9 +65,6 @@ public:
     if (error) std::rethrow_exception(error);
   }
 
-  // Requests waiting now (read under the shared lock; for tests and reports).
-  std::uint64_t GetWaiters() const { return waiters; }
-
 private:
   // One build and everyone who waits for it.
   struct BuildRun {
