@@ -364,6 +364,14 @@ void MStlBase::RemoveTriangle(MStlTriangle* triangle) { RemoveTriangle(triangle-
 
 void MStlBase::RemoveTriangle(MStlTriangleCell* cell) { RemoveTriangle(cell, RemoveFreePoints); }
 
+void MStlBase::RemoveTriangles(const std::vector<MStlTriangleCell*>& cells, MRemoveTriangleMode mode) {
+  if (cells.empty()) return;
+  if (cells.size() > pointCount / 16) _InvalidatePointIndex();
+  _BeginBatch();
+  for (MStlTriangleCell* cell : cells) RemoveTriangle(cell, mode);
+  _EndBatch();
+}
+
 void MStlBase::Mark() {
   for (auto& s : surfaces)
     for (MStlTriangleCell* c = s->first; c != nullptr; c = c->next) c->data.SetMarked(true);

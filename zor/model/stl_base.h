@@ -126,6 +126,10 @@ public:
   virtual void RemoveTriangle(const MStlIteratorStlTriangle& it);
   virtual void RemoveTriangle(MStlTriangle* triangle);
   virtual void RemoveTriangle(MStlTriangleCell* cell);
+  // Removes all of `cells` (distinct triangles of this mesh) as RemoveTriangle would one
+  // by one, in one edit batch; large batches drop the merge index instead of updating it
+  // point by point (the next GetPoint rebuilds it).
+  virtual void RemoveTriangles(const std::vector<MStlTriangleCell*>& cells, MRemoveTriangleMode mode);
 
   // Refreshes derived data (MStlUpdateFlags); with `notify` the mesh's followers are
   // told that points moved. Call it after changing points with MStlPoint::Set.

@@ -1,5 +1,6 @@
 #include "zor/registration/user_operator_stl_registration.h"
 
+#include "zor/alignment/surface_sampling.h"
 #include "zor/model/unit.h"
 
 template class MRegisteredHandle<MRegisteredID<MStlBase>, MStlBase>;
@@ -44,3 +45,10 @@ void MUserOperatorStlRegistration::SetProgressDelegate(std::shared_ptr<ZorSDK::C
 void MUserOperatorStlRegistration::GetTransformation(MMTransformMatrix& out) const { out = transformation; }
 
 double MUserOperatorStlRegistration::GetError() const { return error / static_cast<double>(MUnit::GetIE()); }
+
+void MUserOperatorStlRegistration::CollectSurfaceSamples(MStlBase* mesh, std::uint64_t wanted,
+                                                         std::vector<MMVector<double, 3>>& points,
+                                                         std::vector<MMVector<double, 3>>* normals) {
+  ZorStlRegistration::SampleSurface(mesh, wanted, params.normalRadius * MUnit::GetIE(), params.flipNormals, points,
+                                    normals);
+}

@@ -88,6 +88,10 @@ public:
 
 private:
   static std::unique_ptr<MMTransformMatrix> _MakePlacement(const double* matrix);
+  // About `wanted` samples of `mesh` (internal units), with fitted normals over
+  // normalRadius when `normals` is not null, negated when flipNormals is set.
+  void CollectSurfaceSamples(MStlBase* mesh, std::uint64_t wanted, std::vector<MMVector<double, 3>>& points,
+                             std::vector<MMVector<double, 3>>* normals);
 
   // Declared in this order so that destruction runs: delegate, copies, samples,
   // placements, then result and items.

@@ -19,7 +19,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "zor/export.h"
+#include "zor/spatial/export.h"
 #include "zor/model/math_types.h"
 #include "zor/model/stl_handles.h"
 
@@ -174,9 +174,9 @@ using TriangleTree = detail::M3DObjectTree<detail::M3DObjectTreeParams<
     std::vector<ZorMesh::StlBase::Handle::Triangle>>>;
 
 // The two mesh instances are compiled into the library.
-extern template class ZOR_API detail::M3DObjectTree<detail::M3DObjectTreeParams<
+extern template class ZOR_SPATIAL_API detail::M3DObjectTree<detail::M3DObjectTreeParams<
     MeshVertex, std::int32_t, 3, detail::ObjectTreeDefaultAccessor<MeshVertex, IntBox>, std::vector<MeshVertex>>>;
-extern template class ZOR_API detail::M3DObjectTree<detail::M3DObjectTreeParams<
+extern template class ZOR_SPATIAL_API detail::M3DObjectTree<detail::M3DObjectTreeParams<
     ZorMesh::StlBase::Handle::Triangle, std::int32_t, 3,
     detail::ObjectTreeDefaultAccessor<ZorMesh::StlBase::Handle::Triangle, IntBox>,
     std::vector<ZorMesh::StlBase::Handle::Triangle>>>;

@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "zor/export.h"
+#include "zor/spatial/export.h"
 #include "zor/model/mm_vector.h"
 #include "zor/spatial/m3d_object_tree.h"
 #include "zor/spatial/nearest_query.h"
@@ -24,7 +24,7 @@ namespace MeshQueries {
 // A tree over the triangles of a mesh's main feature, with the corner coordinates of
 // its objects in tree order for fast leaf scans. The mesh must not change while the
 // holder is used.
-class ZOR_API TriangleTreeHolder {
+class ZOR_SPATIAL_API TriangleTreeHolder {
 public:
   explicit TriangleTreeHolder(MeshHandle m) : mesh(m) {}
   TriangleTreeHolder(const TriangleTreeHolder&) = delete;
@@ -45,7 +45,7 @@ private:
 };
 
 // A nearest triangle and the closest point on it, computed when first asked for.
-struct ZOR_API ClosestTriangle {
+struct ZOR_SPATIAL_API ClosestTriangle {
   MeshHandle mesh;                   // null when nothing was found
   double distance = 0.0;             // to the triangle; the given radius when nothing was found
   double barycentric[3] = {0, 0, 0};  // of corners 0, 1, 2, once barycentricValid
@@ -61,32 +61,32 @@ struct ZOR_API ClosestTriangle {
 // The cached trees. Null for a null mesh. Valid until the mesh changes. A failed build
 // (std::bad_alloc, std::length_error "Too many objects") throws to every caller that
 // waited for it; the next call tries again.
-ZOR_API const PointTree* GetPointTree(MeshHandle mesh);
-ZOR_API const TriangleTreeHolder* GetTriangleTree(MeshHandle mesh);
+ZOR_SPATIAL_API const PointTree* GetPointTree(MeshHandle mesh);
+ZOR_SPATIAL_API const TriangleTreeHolder* GetTriangleTree(MeshHandle mesh);
 
 // The nearest mesh point to `query` within `radius` (+infinity: unbounded). On success
 // `point` and `radius` get the point and its distance and true is returned; otherwise
 // both stay as they were.
-ZOR_API bool FindNearestPoint(MeshHandle mesh, const MMVector3d& query, double& radius, MStlPoint*& point);
+ZOR_SPATIAL_API bool FindNearestPoint(MeshHandle mesh, const MMVector3d& query, double& radius, MStlPoint*& point);
 
 // The nearest triangle within `radius` and its distance; a null triangle and `radius`
 // when there is none.
-ZOR_API std::pair<ZorMesh::StlBase::Handle::Triangle, double> FindNearestTriangle(const TriangleTreeHolder& holder,
+ZOR_SPATIAL_API std::pair<ZorMesh::StlBase::Handle::Triangle, double> FindNearestTriangle(const TriangleTreeHolder& holder,
                                                                                   const MMVector3d& query,
                                                                                   double radius);
 // As above, filling `result` (barycentricValid false); returns whether one was found.
-ZOR_API bool FindNearestTriangle(const TriangleTreeHolder& holder, const MMVector3d& query, double radius,
+ZOR_SPATIAL_API bool FindNearestTriangle(const TriangleTreeHolder& holder, const MMVector3d& query, double radius,
                                  ClosestTriangle& result);
 // The nearest triangle whose normal has a dot product of at least `minCosine` with the
 // unit `normal`. Incompatible triangles count as lying at the largest double: with a
 // finite radius they are never found, with +infinity one is returned when no
 // compatible triangle exists.
-ZOR_API std::pair<ZorMesh::StlBase::Handle::Triangle, double> FindNearestOrientedTriangle(
+ZOR_SPATIAL_API std::pair<ZorMesh::StlBase::Handle::Triangle, double> FindNearestOrientedTriangle(
     const TriangleTreeHolder& holder, const MMVector3d& query, const MMVector3d& normal, double minCosine,
     double radius);
 
 // The closest point of the mesh's surface to `query`, by its cached triangle tree.
 // False for a null mesh or a mesh without triangles.
-ZOR_API bool GetClosestPoint(MeshHandle mesh, const MMVector3d& query, MMVector3d& closest);
+ZOR_SPATIAL_API bool GetClosestPoint(MeshHandle mesh, const MMVector3d& query, MMVector3d& closest);
 
 }  // namespace MeshQueries

@@ -21,13 +21,13 @@
 #include <oneapi/tbb/collaborative_call_once.h>
 #include <oneapi/tbb/spin_rw_mutex.h>
 
-#include "zor/export.h"
+#include "zor/spatial/export.h"
 #include "zor/model/stl_base.h"
 #include "zor/spatial/m3d_object_tree.h"
 
 namespace MeshQueries {
 
-class ZOR_API ThreadSafePropertyBase {
+class ZOR_SPATIAL_API ThreadSafePropertyBase {
 public:
   // The one lock shared by all properties of all meshes.
   static tbb::spin_rw_mutex& GetSharedMutex();

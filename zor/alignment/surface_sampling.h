@@ -1,0 +1,121 @@
+#pragma once
+// Sampling a mesh: an evenly spread set of points found on a sorted grid, and the local
+// surface evaluation (a patch around a point, fitted with a quadric) that gives a
+// normal at a point of a mesh.
+//
+// Everything here is deterministic and draws on no random source. A
+// SurfacePatchEvaluator holds working buffers and is used by one thread at a time; the
+// mesh must not change while it is in use.
+
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "zor/export.h"
+#include "zor/model/data_mask.h"
+#include "zor/model/stl_base.h"
+
+namespace ZorStlRegistration {
+
+// Order of two vectors by one component, ascending, with no tie-break.
+struct CmpByX {
+  bool operator()(const MMVector3d& a, const MMVector3d& b) const { return a[0] < b[0]; }
+};
+struct CmpByY {
+  bool operator()(const MMVector3d& a, const MMVector3d& b) const { return a[1] < b[1]; }
+};
+struct CmpByZ {
+  bool operator()(const MMVector3d& a, const MMVector3d& b) const { return a[2] < b[2]; }
+};
+
+struct GridSampleContext {
+  const std::vector<MMVector3d>* source = nullptr;
+  double cellSize = 0.0;  // internal units
+  bool countOnly = false;
+};
+
+// Counts the occupied cells of a grid over the source points and, unless countOnly,
+// appends the mean of each cell's points to `out`. Cells are not a fixed lattice: slabs
+// start at the lowest x, each slab's rows at its lowest y, each row's cells at its
+// lowest z; a cell holds the points below its upper bound, so a point exactly on it
+// opens the next cell. A cell size that is not above 0 (or not finite) gives cells of
+// no extent: each set of points with equal coordinates is one cell.
+ZOR_API std::uint64_t GridSample(const GridSampleContext& context, std::vector<MMVector3d>& out);
+
+// About `wanted` points spread evenly over the mesh, in internal units: all mesh points
+// (in point order) when there are no more than `wanted`, otherwise the centroids of a
+// grid whose cell size is found by bisection until the count is within 4 of `wanted`.
+// With `normals` not null, each sample moves onto its nearest mesh point and gets the
+// fitted unit normal there (over `normalRadius`, internal units), negated when
+// `flipNormals`; a sample whose nearest point has no triangle keeps its place and the
+// zero normal.
+//
+// The x extent drives the search. When it is zero (every point at one x of 0 or more),
+// the search runs on the largest extent of the three axes instead, and when all points
+// coincide the one cell holds them all.
+ZOR_API void SampleSurface(MStlBase* mesh, std::uint64_t wanted, double normalRadius, bool flipNormals,
+                           std::vector<MMVector3d>& points, std::vector<MMVector3d>* normals);
+
+// The neighbours of a triangle across its edges 0, 1, 2 (edge e joins corners e and
+// (e + 1) % 3), or null where the edge is open, shared by more than two triangles, or
+// a crease.
+struct MAdjacentTrianglesCalculatorCached {
+  struct MTriangleNeighbours {
+    MStlTriangle* across[3] = {nullptr, nullptr, nullptr};
+  };
+};
+
+struct SurfaceEvaluation {
+  double curvature = 0.0;
+  MMVector3d normal;
+};
+
+// The local surface evaluation of one mesh. Set the fields, then Initialise; after
+// that, SurfacePatch and Evaluate may be called any number of times.
+class ZOR_API SurfacePatchEvaluator {
+public:
+  double radius = 0.0;                // internal units
+  std::int32_t curvatureKind = 1;     // 0 mean, 1 Gaussian, 2 K1, 3 K2, other: 0.0
+  std::int32_t neighbourhoodRule = 0; // the flood fill over neighbours; the only rule
+  double edgeStep = 0.0;              // extra points along edges: off (the only setting)
+  bool fitFlag = true;                // handed to the quadric fit (refine the normal)
+  double creaseCosine = 0.0;          // neighbours whose normals' dot product is at most this are not joined
+
+  // Binds the evaluator to the container's mesh and builds the neighbour table (in
+  // parallel) and the working masks.
+  void Initialise(const MStlBaseContainer& meshContainer);
+
+  // The patch of the triangles around the point with weights `bary` of the seed's
+  // corners, clipped by the sphere of `patchRadius` about it: vertex points and edge cut
+  // points, each with its weight (an area), and the area-weighted unit normal. A seed
+  // with no corner inside the sphere gives empty lists and the seed's normal. Edge cuts
+  // are computed from the edge's end points in a fixed order, so the two triangles on an
+  // edge give bit-identical cut points, whose weights meet in one entry.
+  void SurfacePatch(MStlTriangle* seed, const double bary[3], double patchRadius, std::vector<MMVector3d>& points,
+                    std::vector<double>& weights, MMVector3d& patchNormal);
+
+  // The normal (and the curvature of `curvatureKind`) at that point: a patch of
+  // `radiusOverride` (or `radius` when it is not above 0), doubled up to four times
+  // until it has 6 entries, fitted with a quadric. Falls back to the patch normal when
+  // the fit fails and to the triangle's normal when the patch stays too small.
+  SurfaceEvaluation Evaluate(MStlTriangle* triangle, const double bary[3], bool unused, double radiusOverride);
+
+  const MStlBaseContainer& GetContainer() const { return container; }
+
+private:
+  void _AddVertexWeight(MStlPoint* point, double w);
+
+  MStlBaseContainer container{nullptr};
+  MDataMask<MStlTriangle, MAdjacentTrianglesCalculatorCached::MTriangleNeighbours> neighbours;
+  std::vector<MMVector3d> points;
+  std::vector<double> weights;
+  MDataMask<MStlPoint, double> vertexWeight{0.0};
+  std::vector<MStlPoint*> touchedVertices;
+  std::vector<std::pair<MMVector3d, double>> cutWeight;  // merged by key at output
+  MDataMask<MStlTriangle, std::uint8_t> visited{0};
+  std::vector<MStlTriangle*> visitedList;
+  std::vector<MStlTriangle*> stack;
+};
+
+}  // namespace ZorStlRegistration

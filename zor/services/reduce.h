@@ -1,0 +1,67 @@
+#pragma once
+// Error-bounded mesh reduction in place.
+//
+// Engine: meshoptimizer's quadric edge-collapse simplifier (Garland and Heckbert's
+// error quadrics, collapsing onto existing vertices), run surface by surface with the
+// border vertices of each surface locked. The engine bounds an averaged plane distance,
+// not the distance of each original vertex, so every result is checked: the distance
+// from every original vertex to the candidate is measured exactly (nearest triangle,
+// Eberly's point-triangle distance), and every candidate triangle must face the same
+// way as the original surface at its corners. A candidate that fails is rerun with a
+// tighter engine target, in proportion to the worst deviation found.
+//
+// What the result keeps: points keep their exact integer coordinates (collapses land
+// on existing points, so nothing is rounded); open borders and the seams between
+// surfaces keep every point; each triangle stays in its surface; triangles the engine
+// did not touch stay as they were; points that no triangle used before stay as well.
+
+#include <cstddef>
+#include <cstdint>
+
+#include "zor/model/stl_base.h"
+#include "zor/services/export.h"
+
+class ZOR_SERVICES_API MStlBaseOperatorReduceExBase {
+public:
+  struct ZOR_SERVICES_API MParams {
+    // Internal units: every original vertex lies within this distance of the result.
+    double distance = 0.0;
+    // Reduce-and-check rounds. When none gives a result within `distance` (or without a
+    // flipped triangle), the mesh is left as it was and Operate returns false.
+    std::int32_t maxPasses = 5;
+    // Percent of the triangles: a result that removes fewer is not worth rewriting the
+    // mesh, which is then left as it was (and Operate returns true).
+    double minGainPercent = 10.0;
+  };
+};
+
+template <typename Container>
+class MStlBaseOperatorReduceEx;
+
+// Reduction of a whole mesh. Operate runs on the calling thread and uses all threads
+// for its parallel parts; no other thread may use the mesh meanwhile. The result does
+// not depend on the number of threads.
+template <>
+class ZOR_SERVICES_API MStlBaseOperatorReduceEx<MStlBaseContainer> : public MStlBaseOperatorReduceExBase {
+public:
+  MStlBaseOperatorReduceEx(MStlBaseContainer container, const MParams& params);
+
+  // True when the mesh holds a checked result, or was left as it was because there was
+  // nothing worth removing. False, with the mesh unchanged, for a null mesh, a distance
+  // that is negative or not finite, fewer than one pass, or when no pass met the bound.
+  bool Operate();
+
+  std::size_t GetTrianglesBefore() const { return trianglesBefore; }
+  std::size_t GetTrianglesAfter() const { return trianglesAfter; }
+  std::int32_t GetPassesRun() const { return passesRun; }
+  // Greatest distance of an original vertex from the applied result (internal units).
+  double GetMaxDeviation() const { return maxDeviation; }
+
+private:
+  MStlBaseContainer container;
+  MParams params;
+  std::size_t trianglesBefore = 0;
+  std::size_t trianglesAfter = 0;
+  std::int32_t passesRun = 0;
+  double maxDeviation = 0.0;
+};
