@@ -1,5 +1,6 @@
 #pragma once
 // Small meshes built by hand for tests.
+#include <cmath>
 #include <cstdint>
 #include <memory>
 #include <random>
@@ -72,6 +73,64 @@ inline std::unique_ptr<MStlBase> MakeRandomTriangles(int count, unsigned seed, i
     }
     mesh->AddTriangle(c[0], c[1], c[2], nullptr);
   }
+  return mesh;
+}
+
+// A closed UV sphere of `radius` about `centre`, outward winding: a pole vertex at
+// each end and `rows` - 1 rings of `cols` vertices between them. `bump` adds a smooth
+// asymmetric relief of that amplitude (0: a true sphere).
+inline std::unique_ptr<MStlBase> MakeSphere(double radius, int rows, int cols, double bump = 0.0,
+                                            MMVector3d centre = MMVector3d()) {
+  const double pi = 3.14159265358979323846;
+  std::vector<double> xyz;
+  std::vector<std::uint32_t> idx;
+  const auto push = [&](double th, double ph) {
+    const double r = radius + bump * (std::sin(3 * th + 0.5) * std::cos(2 * ph) + 0.5 * std::sin(5 * ph + th));
+    xyz.insert(xyz.end(), {std::round(centre[0] + r * std::sin(th) * std::cos(ph)),
+                           std::round(centre[1] + r * std::sin(th) * std::sin(ph)),
+                           std::round(centre[2] + r * std::cos(th))});
+  };
+  push(0, 0);
+  for (int r = 1; r < rows; ++r)
+    for (int c = 0; c < cols; ++c) push(pi * r / rows, 2 * pi * c / cols);
+  push(pi, 0);
+  const std::uint32_t south = static_cast<std::uint32_t>(xyz.size() / 3 - 1);
+  const auto at = [cols](int r, int c) { return static_cast<std::uint32_t>(1 + (r - 1) * cols + (c % cols)); };
+  for (int c = 0; c < cols; ++c) idx.insert(idx.end(), {0u, at(1, c), at(1, c + 1)});
+  for (int r = 1; r + 1 < rows; ++r)
+    for (int c = 0; c < cols; ++c)
+      idx.insert(idx.end(), {at(r, c), at(r + 1, c), at(r + 1, c + 1), at(r, c), at(r + 1, c + 1), at(r, c + 1)});
+  for (int c = 0; c < cols; ++c) idx.insert(idx.end(), {at(rows - 1, c), south, at(rows - 1, c + 1)});
+  return BuildStl(xyz.data(), xyz.size() / 3, idx.data(), idx.size() / 3);
+}
+
+// A closed box [0, ex] x [0, ey] x [0, ez], outward winding, each face an n x n grid.
+inline std::unique_ptr<MStlBase> MakeBox(int ex, int ey, int ez, int n) {
+  auto mesh = std::make_unique<MStlBase>();
+  const int size[3] = {ex, ey, ez};
+  for (int axis = 0; axis < 3; ++axis)
+    for (int side = 0; side < 2; ++side) {
+      const int u = (axis + 1) % 3, v = (axis + 2) % 3;
+      const auto corner = [&](int i, int j) {
+        std::int32_t p[3];
+        p[axis] = side * size[axis];
+        p[u] = static_cast<std::int32_t>(std::lround(double(size[u]) * i / n));
+        p[v] = static_cast<std::int32_t>(std::lround(double(size[v]) * j / n));
+        return mesh->AddPoint(p[0], p[1], p[2], false);
+      };
+      for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j) {
+          MStlPoint *a = corner(i, j), *b = corner(i + 1, j), *c = corner(i + 1, j + 1), *d = corner(i, j + 1);
+          // u x v points along +axis: keep that winding on the far side, reverse it on the near one.
+          if (side == 1) {
+            mesh->AddTriangle(a, b, c, nullptr);
+            mesh->AddTriangle(a, c, d, nullptr);
+          } else {
+            mesh->AddTriangle(a, c, b, nullptr);
+            mesh->AddTriangle(a, d, c, nullptr);
+          }
+        }
+    }
   return mesh;
 }
 

@@ -14,6 +14,8 @@
 // on existing points, so nothing is rounded); open borders and the seams between
 // surfaces keep every point; each triangle stays in its surface; triangles the engine
 // did not touch stay as they were; points that no triangle used before stay as well.
+// Between collinear locked border points the engine may leave triangles of no area;
+// they are kept, since they hold those points, and they carry no normal.
 
 #include <cstddef>
 #include <cstdint>

@@ -84,6 +84,8 @@ bool MStlBaseOperatorRegistrationICP::Operate() {
   const MeshQueries::TriangleTreeHolder* holder = MeshQueries::GetTriangleTree(MeshQueries::MeshHandle(reference));
   std::vector<Pair> pairs(samples.size());
   Eigen::Matrix4d estimate = Eigen::Matrix4d::Identity();  // in reference coordinates
+  Eigen::Matrix4d best = estimate;
+  double bestRms = HUGE_VAL;
 
   const auto matchRange = [&](const oneapi::tbb::blocked_range<std::size_t>& r) {
     MeshQueries::ClosestTriangle found;
@@ -116,9 +118,15 @@ bool MStlBaseOperatorRegistrationICP::Operate() {
       if (iteration == 0) return false;
       break;
     }
+    // On facets of integer points the steps end in a jitter of a few thousandths of a
+    // unit; a pose that does not improve on the best one ends the run at the best.
+    const double rms = std::sqrt(distance2 / double(count));
+    if (!(rms < bestRms * (1.0 - 1e-9))) break;
+    best = estimate;
+    bestRms = rms;
     iterationsRun = iteration + 1;
     pairCount = count;
-    rmsError = std::sqrt(distance2 / double(count));
+    rmsError = rms;
     centre /= double(count);
     double spread2 = 0.0, maxRadius = 0.0;
     for (const Pair& p : pairs)
@@ -156,12 +164,16 @@ bool MStlBaseOperatorRegistrationICP::Operate() {
     step.topLeftCorner<3, 3>() = rotation;
     step.topRightCorner<3, 1>() = centre + translation - rotation * centre;
     estimate = step * estimate;
-    if (angle * maxRadius + translation.norm() < kStillMotion) break;
+    if (angle * maxRadius + translation.norm() < kStillMotion) {
+      best = estimate;  // a still step cannot have made the pose worse
+      break;
+    }
   }
 
   // Carry the estimate back: moving coordinates -> placed -> reference frame -> placed.
   const Eigen::Matrix4d movingInverse = movingPlacement.matrix().inverse();
-  result = FromMatrix(movingInverse * referencePlacement.matrix() * estimate * referencePlacement.matrix().inverse() *
+  if (bestRms == HUGE_VAL) best = estimate;
+  result = FromMatrix(movingInverse * referencePlacement.matrix() * best * referencePlacement.matrix().inverse() *
                       movingPlacement.matrix());
   return true;
 }

@@ -44,8 +44,9 @@ public:
 // closest points on the reference surface (the reference's cached triangle tree), and
 // each iteration solves the linearised least-squares rigid step that moves the samples
 // onto the tangent planes at those points, then applies it as an exact rotation. It
-// stops when a step moves no sample by more than 0.001 internal units, when fewer than
-// six pairs remain, or after the iteration limit.
+// stops when a step moves no sample by more than 0.001 internal units, when the RMS
+// distance of the pairs no longer improves (the best pose is kept), when fewer than six
+// pairs remain, or after the iteration limit.
 //
 // The meshes are only read. The result is the transform to apply to the moving mesh's
 // own coordinates (before its placement) so that, placed, it lies on the placed
