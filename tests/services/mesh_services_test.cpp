@@ -179,7 +179,9 @@ TEST(Reduction, FlatOpenMeshKeepsItsBorderInPlace) {
       EXPECT_NE(grid->GetPoint(xy.first * 250, xy.second * 250, 0), nullptr) << xy.first << " " << xy.second;
   // Nothing flipped; triangles between collinear border points may have no area.
   for (auto it = grid->BeginTriangle(); it != grid->EndTriangle(); ++it) {
-    if (it->SurfaceArea() > 0.0) EXPECT_GT(it->GetNormal()[2], 0.99);
+    if (it->SurfaceArea() > 0.0) {
+      EXPECT_GT(it->GetNormal()[2], 0.99);
+    }
   }
 }
 
