@@ -189,7 +189,9 @@ void SampleSurface(MStlBase* mesh, std::uint64_t wanted, double normalRadius, bo
 void SurfacePatchEvaluator::Initialise(const MStlBaseContainer& meshContainer) {
   container = meshContainer;
   MStlBase* mesh = container.GetStl();
-  neighbours._SetSize(mesh->GetMasks().GetTriangleMaskSize());
+  auto table = std::make_shared<NeighbourTable>();
+  table->_SetSize(mesh->GetMasks().GetTriangleMaskSize());
+  NeighbourTable& neighbourTable = *table;
   vertexWeight._SetSize(mesh->GetMasks().GetPointMaskSize());
   visited._SetSize(mesh->GetMasks().GetTriangleMaskSize());
   std::vector<MStlTriangle*> triangles;
@@ -207,10 +209,29 @@ void SurfacePatchEvaluator::Initialise(const MStlBaseContainer& meshContainer) {
             MStlTriangleCell* cell = t->FindAdjacentTriangle(e, true);
             if (cell != nullptr && Dot(cell->data.GetNormal(), normal) > minCosine) entry.across[e] = &cell->data;
           }
-          neighbours.SetInfo(*t, entry);
+          neighbourTable.SetInfo(*t, entry);
         }
       },
       oneapi::tbb::auto_partitioner());
+  neighbours = std::move(table);
+}
+
+std::unique_ptr<SurfacePatchEvaluator> SurfacePatchEvaluator::CloneForAnotherThread() const {
+  auto copy = std::make_unique<SurfacePatchEvaluator>();
+  copy->radius = radius;
+  copy->curvatureKind = curvatureKind;
+  copy->neighbourhoodRule = neighbourhoodRule;
+  copy->edgeStep = edgeStep;
+  copy->fitFlag = fitFlag;
+  copy->creaseCosine = creaseCosine;
+  copy->container = container;
+  copy->neighbours = neighbours;
+  MStlBase* mesh = container.GetStl();
+  if (mesh != nullptr) {
+    copy->vertexWeight._SetSize(mesh->GetMasks().GetPointMaskSize());
+    copy->visited._SetSize(mesh->GetMasks().GetTriangleMaskSize());
+  }
+  return copy;
 }
 
 void SurfacePatchEvaluator::_AddVertexWeight(MStlPoint* point, double w) {
@@ -274,7 +295,7 @@ void SurfacePatchEvaluator::SurfacePatch(MStlTriangle* seed, const double bary[3
     }
     patchNormal += t->GetNormal() * w;
 
-    const MAdjacentTrianglesCalculatorCached::MTriangleNeighbours& across = neighbours.GetInfo(*t);
+    const MAdjacentTrianglesCalculatorCached::MTriangleNeighbours& across = neighbours->GetInfo(*t);
     for (int e = 0; e < 3; ++e) {
       MStlTriangle* nb = across.across[e];
       if (nb == nullptr || visited.GetInfo(*nb) != 0 || !(d2[e] < r2 || d2[(e + 1) % 3] < r2)) continue;

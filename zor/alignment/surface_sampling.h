@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -103,11 +104,18 @@ public:
 
   const MStlBaseContainer& GetContainer() const { return container; }
 
+  // An evaluator of the same settings and mesh for another thread: it shares this
+  // one's neighbour table (which is only read) and has working buffers of its own. It
+  // gives the same results as this one.
+  std::unique_ptr<SurfacePatchEvaluator> CloneForAnotherThread() const;
+
 private:
   void _AddVertexWeight(MStlPoint* point, double w);
 
+  using NeighbourTable = MDataMask<MStlTriangle, MAdjacentTrianglesCalculatorCached::MTriangleNeighbours>;
+
   MStlBaseContainer container{nullptr};
-  MDataMask<MStlTriangle, MAdjacentTrianglesCalculatorCached::MTriangleNeighbours> neighbours;
+  std::shared_ptr<const NeighbourTable> neighbours;
   std::vector<MMVector3d> points;
   std::vector<double> weights;
   MDataMask<MStlPoint, double> vertexWeight{0.0};

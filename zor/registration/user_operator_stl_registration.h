@@ -21,6 +21,13 @@
 #include "zor/model/stl_item.h"
 #include "zor/model/transform.h"
 
+namespace ZorStlRegistration {
+class NormalOrientationIndex;
+}
+namespace ZorSDK::Common {
+class IncrementalProgressReporter;
+}
+
 class ZOR_API MUserOperatorStlRegistration {
 public:
   enum MInitialAlignment : std::int32_t {
@@ -71,10 +78,37 @@ public:
   void SetMovingItem(MStlItem item, const double* matrix);
   void SetProgressDelegate(std::shared_ptr<ZorSDK::Common::IProgressDelegate> delegate);
 
+  // Registers the moving input onto the fixed one: reduces clones of both (unless
+  // reduceMeshes is false), samples the moving mesh, searches an initial pose, then
+  // refines by a trimmed closest-point iteration. The inputs are never changed. False,
+  // leaving the result of the run before, when an input names no mesh; true otherwise,
+  // also when there was nothing to fit (then the identity stands with error 0.0). The
+  // same inputs give the same result on every run and at every thread count. Throws
+  // std::out_of_range when a placement carries a mesh out of the coordinate range.
+  bool Operate();
+
   // The result: takes moving coordinates onto the fixed mesh (identity before a run).
   void GetTransformation(MMTransformMatrix& out) const;
   // Mean trimmed distance of the result in coordinate units; 0.0 before a run.
   double GetError() const;
+  // The same measure on the samples of the last run, always without normals, for a
+  // pose taken relative to the result: the samples are moved by
+  // transformation^-1 * pose. So GetError(transformation) scores the samples where they
+  // stand, and GetError(transformation * transformation) scores the result itself
+  // (equal to GetError() when normals were off, to rounding). 0.0 before a run.
+  double GetError(const MMTransformMatrix& pose) const;
+
+  // Wall-clock seconds of the stages of the last run that got that far.
+  struct StageTimes {
+    double reduction = 0.0;   // clones and their reduction
+    double sampling = 0.0;    // placements, areas and samples of the moving mesh
+    double index = 0.0;       // the matcher over the fixed mesh
+    double alignment = 0.0;   // baseline score and initial alignment
+    double refinement = 0.0;  // first evaluation and the iterations
+    double total = 0.0;
+    std::uint64_t iterations = 0;  // accepted refinement iterations
+  };
+  const StageTimes& GetStageTimes() const { return stageTimes; }
 
   const MParams& GetParams() const { return params; }
   MStlBase* GetFixedStl() const { return fixedStl; }
@@ -92,6 +126,13 @@ private:
   // normalRadius when `normals` is not null, negated when flipNormals is set.
   void CollectSurfaceSamples(MStlBase* mesh, std::uint64_t wanted, std::vector<MMVector<double, 3>>& points,
                              std::vector<MMVector<double, 3>>* normals);
+  // The trimmed mean distance (internal units) of the samples moved by `pose`, over the
+  // `count` closest of them.
+  double ScorePose(const std::vector<MMVector<double, 3>>& samples, const std::vector<MMVector<double, 3>>* normals,
+                   const MMTransformMatrix& pose, std::uint64_t count, bool sort) const;
+  // The initial alignment: may replace transformation and error by a better pose.
+  void AlignInitially(ZorSDK::Common::IncrementalProgressReporter& reporter,
+                      const std::vector<MMVector<double, 3>>* scoreNormals);
 
   // Declared in this order so that destruction runs: delegate, copies, samples,
   // placements, then result and items.
@@ -104,12 +145,17 @@ private:
   double error = 0.0;  // internal units
   std::unique_ptr<MMTransformMatrix> movingTransform;
   std::unique_ptr<MMTransformMatrix> fixedTransform;
+  std::unique_ptr<ZorStlRegistration::NormalOrientationIndex> orientationIndex;
   std::unique_ptr<std::vector<MMVector<double, 3>>> samplePoints;
   std::unique_ptr<std::vector<MMVector<double, 3>>> sampleNormals;
   std::unique_ptr<MStlBase> fixedCopy;
   std::unique_ptr<MStlBase> movingCopy;
   std::shared_ptr<ZorSDK::Common::IProgressDelegate> progressDelegate;
   std::uint64_t inlierCount = 0;
+  // The reduced clone of the fixed mesh that orientationIndex is bound to, kept so that
+  // GetError(pose) can still match on it after the run.
+  std::unique_ptr<MStlBase> indexedFixed;
+  StageTimes stageTimes;
 };
 
 // A caller's registered mesh handle converts to the mesh (null for an empty handle or

@@ -1,0 +1,246 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <vector>
+
+#include <tbb/task_arena.h>
+
+#include "support/meshes.h"
+#include "zor/model/stl_iterators.h"
+#include "zor/model/unit.h"
+#include "zor/registration/user_operator_stl_registration.h"
+
+namespace {
+
+using Registration = MUserOperatorStlRegistration;
+constexpr double kPi = 3.141592653589793;
+
+class CountingDelegate : public ZorSDK::Common::IProgressDelegate {
+public:
+  void OnStart(const std::string& l, std::size_t t) override { label = l, total = t, ++starts; }
+  void OnProgress(const std::string&, std::size_t d, std::size_t) override { done = d; }
+  void OnEnd(const std::string&) override { ++ends; }
+  std::string label;
+  std::size_t total = 0, done = 0;
+  int starts = 0, ends = 0;
+};
+
+MMTransformMatrix SmallPose() {
+  MMTransformMatrix pose;
+  pose.MakeRotation(MMVector3d(3000, -2000, 1000), MMVector3d(1, -2, 0.5), 6.0 * kPi / 180.0);
+  MMTransformMatrix shift;
+  shift.MakeTranslation(MMVector3d(1500, -800, 600));
+  return pose.PreMultiply(shift);
+}
+
+// Sum of all point coordinates and the counts: equal before and after means untouched.
+double Fingerprint(const MStlBase& mesh) {
+  double sum = static_cast<double>(mesh.NumberOfPoints()) + 1e3 * static_cast<double>(mesh.GetNumberOfTriangles());
+  for (auto it = MStlIteratorStlPointConst::Begin(&mesh); it != MStlIteratorStlPointConst::End(&mesh); ++it)
+    sum += it->GetDouble()[0] + 3.0 * it->GetDouble()[1] + 7.0 * it->GetDouble()[2];
+  return sum;
+}
+
+double RotationDegrees(const MMTransformMatrix& m) {
+  const double trace = m.GetElement(0, 0) + m.GetElement(1, 1) + m.GetElement(2, 2);
+  return std::acos(std::max(-1.0, std::min(1.0, (trace - 1.0) / 2.0))) * 180.0 / kPi;
+}
+
+// A bumpy, asymmetric body of about 4k triangles and a copy of it under SmallPose.
+struct RegistrationRun : ::testing::Test {
+  void SetUp() override {
+    fixed = zortest::MakeSphere(20000, 32, 64, 3000);
+    moving.reset(fixed->Clone(nullptr));
+    moving->Transform(SmallPose());
+    params.initialAlignment = Registration::AlignNone;
+  }
+  MMTransformMatrix Run(Registration& r, MStlBase* f, MStlBase* m) {
+    r.SetAllParams(params);
+    r.SetFixedStl(f, nullptr);
+    r.SetMovingStl(m, nullptr);
+    EXPECT_TRUE(r.Operate());
+    MMTransformMatrix result;
+    r.GetTransformation(result);
+    return result;
+  }
+  std::unique_ptr<MStlBase> fixed, moving;
+  Registration::MParams params;
+};
+
+TEST_F(RegistrationRun, RecoversASmallPoseWithoutTouchingTheInputs) {
+  params.errorTolerance = 0.0;
+  params.iterationCount = 400;
+  params.sampleCount = 3000;
+  const double before[2] = {Fingerprint(*fixed), Fingerprint(*moving)};
+  Registration r;
+  const MMTransformMatrix found = Run(r, fixed.get(), moving.get());
+  const MMTransformMatrix residual = found * SmallPose();
+  EXPECT_LT(RotationDegrees(residual), 0.05);
+  EXPECT_LT(Length(residual.GetTranslation()), 30.0);  // 0.03 mm on a 46 mm body
+  EXPECT_LT(r.GetError(), 0.02);
+  EXPECT_EQ(Fingerprint(*fixed), before[0]);
+  EXPECT_EQ(Fingerprint(*moving), before[1]);
+}
+
+TEST_F(RegistrationRun, ResultIsTheSameOnEveryRunAndThreadCount) {
+  Registration a, b, c;
+  const MMTransformMatrix first = Run(a, fixed.get(), moving.get());
+  const MMTransformMatrix second = Run(b, fixed.get(), moving.get());
+  MMTransformMatrix single;
+  tbb::task_arena one(1);
+  one.execute([&] { single = Run(c, fixed.get(), moving.get()); });
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 4; ++j) {
+      EXPECT_EQ(first.GetElement(i, j), second.GetElement(i, j));
+      EXPECT_EQ(first.GetElement(i, j), single.GetElement(i, j));
+    }
+  EXPECT_EQ(a.GetError(), b.GetError());
+  EXPECT_EQ(a.GetError(), c.GetError());
+}
+
+TEST_F(RegistrationRun, RefinementStopsOnARisingErrorAndKeepsThePoseOfItsError) {
+  // No tolerance and room for many iterations: the run ends when an iteration would
+  // raise the error, and that iteration's pose is dropped.
+  params.errorTolerance = 0.0;
+  params.iterationCount = 100000;
+  Registration r;
+  const MMTransformMatrix found = Run(r, fixed.get(), moving.get());
+  EXPECT_GT(r.GetStageTimes().iterations, 5u);
+  EXPECT_LT(r.GetStageTimes().iterations, 100000u);
+  // GetError(pose) scores a pose relative to the result, so the result itself is
+  // result * result there, and the stored error belongs to the stored pose.
+  EXPECT_NEAR(r.GetError(found * found), r.GetError(), 1e-9);
+  MMTransformMatrix worse = found * found;
+  worse.AddTranslation(MMVector3d(500, 0, 0));
+  EXPECT_GT(r.GetError(worse), r.GetError());
+  // Each accepted iteration advances the report once, after the five stages.
+  params.iterationCount = 3;
+  auto delegate = std::make_shared<CountingDelegate>();
+  Registration counted;
+  counted.SetProgressDelegate(delegate);
+  Run(counted, fixed.get(), moving.get());
+  EXPECT_EQ(delegate->label, "Stl registration");
+  EXPECT_EQ(delegate->total, 9u);
+  EXPECT_EQ(delegate->done, 5u + counted.GetStageTimes().iterations);
+  EXPECT_EQ(delegate->ends, 1);
+}
+
+TEST_F(RegistrationRun, NoIterationsLeaveTheStartScoredOnTheSamples) {
+  params.iterationCount = 0;
+  Registration r;
+  const MMTransformMatrix found = Run(r, fixed.get(), moving.get());
+  EXPECT_TRUE(found.IsIdentity());
+  EXPECT_EQ(r.GetError(), r.GetError(MMTransformMatrix()));
+  EXPECT_GT(r.GetError(), 0.1);
+}
+
+TEST_F(RegistrationRun, EdgeRunsEndWithTheIdentity) {
+  Registration before;
+  EXPECT_EQ(before.GetError(MMTransformMatrix()), 0.0);
+
+  MStlBase empty;
+  auto delegate = std::make_shared<CountingDelegate>();
+  for (int kase = 0; kase < 3; ++kase) {
+    Registration r;
+    Registration::MParams p = params;
+    MStlBase* f = fixed.get();
+    MStlBase* m = moving.get();
+    if (kase == 0) m = &empty;
+    if (kase == 1) f = &empty;
+    if (kase == 2) p.overlapFraction = 0.0;
+    std::swap(params, p);
+    const MMTransformMatrix found = Run(r, f, m);
+    std::swap(params, p);
+    EXPECT_TRUE(found.IsIdentity()) << kase;
+    EXPECT_EQ(r.GetError(), 0.0) << kase;
+    EXPECT_EQ(r.GetInlierCount(), 0u) << kase;
+  }
+
+  // The same mesh on both sides: nothing is reported or sampled.
+  Registration same;
+  same.SetProgressDelegate(delegate);
+  Run(same, fixed.get(), fixed.get());
+  EXPECT_EQ(delegate->starts, 0);
+  EXPECT_EQ(same.GetError(), 0.0);
+
+  // Overlap above 1 counts every sample.
+  params.overlapFraction = 1.5;
+  Registration all;
+  Run(all, fixed.get(), moving.get());
+  params.overlapFraction = -0.5;  // negative rounds below zero: also every sample
+  Registration negative;
+  Run(negative, fixed.get(), moving.get());
+  EXPECT_GT(all.GetInlierCount(), 400u);
+  EXPECT_EQ(negative.GetInlierCount(), all.GetInlierCount());
+}
+
+TEST_F(RegistrationRun, ItemsOfEachKindAndUnresolvableInputs) {
+  // Mark every triangle and gather the one surface into a feature of its own.
+  for (auto it = MStlIteratorStlTriangle::Begin(moving.get()); it != MStlIteratorStlTriangle::End(moving.get()); ++it)
+    it->SetMarked(true);
+  MStlSurface* surface = moving->GetSurfaceList()->GetSurface(0);
+  MStlFeature* feature = moving->AddFeature();
+  feature->AddSurface(surface);
+
+  Registration reference;
+  const MMTransformMatrix expected = Run(reference, fixed.get(), moving.get());
+  for (const MStlItem& item :
+       {MStlItem(moving.get()), MStlItem(surface), MStlItem(feature), MStlItem::MarkedTriangles(moving.get())}) {
+    Registration r;
+    r.SetAllParams(params);
+    r.SetFixedStl(fixed.get(), nullptr);
+    r.SetMovingItem(item, nullptr);
+    ASSERT_TRUE(r.Operate());
+    MMTransformMatrix found;
+    r.GetTransformation(found);
+    EXPECT_LT(RotationDegrees(found * expected.Inverted()), 1e-6) << item.GetType();
+  }
+
+  // An item that names no mesh: false, and the result of the run before stands.
+  auto delegate = std::make_shared<CountingDelegate>();
+  Registration r;
+  Run(r, fixed.get(), moving.get());
+  const double error = r.GetError();
+  r.SetProgressDelegate(delegate);
+  r.SetMovingStl(nullptr, nullptr);
+  r.SetMovingItem(MStlItem(), nullptr);
+  EXPECT_FALSE(r.Operate());
+  EXPECT_EQ(r.GetError(), error);
+  EXPECT_EQ(delegate->done, 0u);
+  EXPECT_EQ(delegate->ends, 1);
+  r.SetMovingStl(moving.get(), nullptr);
+  r.SetFixedStl(nullptr, nullptr);
+  EXPECT_FALSE(r.Operate());
+  EXPECT_EQ(delegate->done, 1u);
+}
+
+TEST_F(RegistrationRun, PlacementsOnEitherSideAreUndoneByTheResult) {
+  params.errorTolerance = 0.0;
+  params.iterationCount = 300;
+  params.sampleCount = 3000;
+  double inverse[16], forward[16];
+  SmallPose().Inverted().ConvertToDouble16(inverse);
+  SmallPose().ConvertToDouble16(forward);
+  // The moving mesh placed back onto the fixed one, or the fixed one placed onto the
+  // moving one: either way the meshes meet and the result is about the identity.
+  Registration movingPlaced, fixedPlaced;
+  movingPlaced.SetAllParams(params);
+  movingPlaced.SetFixedStl(fixed.get(), nullptr);
+  movingPlaced.SetMovingStl(moving.get(), inverse);
+  fixedPlaced.SetAllParams(params);
+  fixedPlaced.SetFixedStl(fixed.get(), forward);
+  fixedPlaced.SetMovingStl(moving.get(), nullptr);
+  for (Registration* r : {&movingPlaced, &fixedPlaced}) {
+    ASSERT_TRUE(r->Operate());
+    MMTransformMatrix found;
+    r->GetTransformation(found);
+    EXPECT_LT(RotationDegrees(found), 0.05);
+    EXPECT_LT(Length(found.GetTranslation()), 50.0);
+    EXPECT_LT(r->GetError(), 0.02);
+    EXPECT_EQ(r->GetError(found), r->GetError());
+  }
+}
+
+}  // namespace

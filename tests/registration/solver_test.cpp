@@ -1,0 +1,184 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "support/meshes.h"
+#include "zor/model/unit.h"
+#include "zor/registration/detail/registration_solver.h"
+
+namespace {
+
+using ZorStlRegistration::NormalOrientationIndex;
+using ZorStlRegistration::detail::HeapPartialSort;
+using ZorStlRegistration::detail::kUnmatched;
+using ZorStlRegistration::detail::RegistrationSolver;
+using ZorStlRegistration::detail::ScorePose;
+
+constexpr double kPi = 3.141592653589793;
+
+double RotationDegrees(const MMTransformMatrix& m) {
+  const double trace = m.GetElement(0, 0) + m.GetElement(1, 1) + m.GetElement(2, 2);
+  return std::acos(std::max(-1.0, std::min(1.0, (trace - 1.0) / 2.0))) * 180.0 / kPi;
+}
+
+TEST(HeapPartialSort, FrontIsTheSmallestInOrderAndEqualLaterElementsStayOut) {
+  std::mt19937 rng(1);
+  std::uniform_int_distribution<int> value(0, 20);
+  for (int round = 0; round < 50; ++round) {
+    // (value, original position); only the value is compared.
+    std::vector<std::pair<int, int>> v;
+    for (int i = 0; i < 60; ++i) v.emplace_back(value(rng), i);
+    const std::size_t k = static_cast<std::size_t>(round % 61);
+    std::vector<std::pair<int, int>> sorted = v;
+    std::stable_sort(sorted.begin(), sorted.end(), [](auto& a, auto& b) { return a.first < b.first; });
+    HeapPartialSort(v.begin(), v.begin() + k, v.end(), [](auto& a, auto& b) { return a.first < b.first; });
+    for (std::size_t i = 0; i < k; ++i) EXPECT_EQ(v[i].first, sorted[i].first);
+  }
+  // A later element equal to the top never enters: of all-equal elements, the first
+  // ones stay.
+  std::vector<std::pair<int, int>> equal;
+  for (int i = 0; i < 10; ++i) equal.emplace_back(4, i);
+  HeapPartialSort(equal.begin(), equal.begin() + 3, equal.end(), [](auto& a, auto& b) { return a.first < b.first; });
+  std::vector<int> kept = {equal[0].second, equal[1].second, equal[2].second};
+  std::sort(kept.begin(), kept.end());
+  EXPECT_EQ(kept, (std::vector<int>{0, 1, 2}));
+}
+
+// Samples 100 units above a 20 x 20 mm grid, with the last three lifted far off it.
+struct PlaneWithOutliers : ::testing::Test {
+  void SetUp() override {
+    plane = zortest::MakeGrid(21, 1000);
+    index.SetMesh(plane.get());
+    for (int i = 0; i < 40; ++i) samples.emplace_back(1000.0 + 450.0 * (i % 8), 1000.0 + 700.0 * (i / 8), 100.0);
+    samples[37][2] = 5000.0;
+    samples[38][2] = 9000.0;
+    samples[39][2] = 7000.0;
+  }
+  std::unique_ptr<MStlBase> plane;
+  NormalOrientationIndex index;
+  std::vector<MMVector3d> samples;
+};
+
+TEST_F(PlaneWithOutliers, TrimmedErrorLeavesOutExactlyTheWorstSamples) {
+  RegistrationSolver solver(&index);
+  solver.SetSamples(samples, nullptr);
+  solver.activeCount = 37;
+  solver.MatchSamples();
+  solver.TrimSamples();
+  EXPECT_NEAR(solver.MeanError(), 100.0, 1e-9);
+  for (std::uint64_t i = 0; i < 37; ++i) EXPECT_NEAR(solver.points[i].closest[2], 0.0, 1e-9);
+
+  // One more active sample takes in the nearest outlier and only that one.
+  solver.activeCount = 38;
+  solver.TrimSamples();
+  solver.errorKnown = false;
+  EXPECT_NEAR(solver.MeanError(), (37 * 100.0 + 5000.0) / 38, 1e-9);
+
+  // The stateless score agrees, for any order of the samples.
+  std::vector<MMVector3d> shuffled = samples;
+  std::reverse(shuffled.begin(), shuffled.end());
+  const MMTransformMatrix identity;
+  EXPECT_NEAR(ScorePose(index, shuffled, nullptr, identity, 37, true), 100.0, 1e-9);
+  EXPECT_NEAR(ScorePose(index, samples, nullptr, identity, 40, true), (37 * 100.0 + 21000.0) / 40, 1e-9);
+  EXPECT_EQ(ScorePose(index, samples, nullptr, identity, 0, true), 0.0);
+}
+
+TEST_F(PlaneWithOutliers, UnmatchedSamplesCountAsLargestAndSortLast) {
+  MStlBase empty;
+  NormalOrientationIndex nothing;
+  nothing.SetMesh(&empty);
+  RegistrationSolver solver(&nothing);
+  solver.SetSamples(samples, nullptr);
+  solver.MatchSamples();
+  for (const auto& r : solver.points) {
+    EXPECT_EQ(r.distance, kUnmatched);
+    EXPECT_EQ(r.closest, MMVector3d());
+  }
+  EXPECT_EQ(ScorePose(nothing, samples, nullptr, MMTransformMatrix(), 1, true), kUnmatched);
+  EXPECT_TRUE(std::isinf(ScorePose(nothing, samples, nullptr, MMTransformMatrix(), 2, true)));
+}
+
+TEST_F(PlaneWithOutliers, TooFewNormalsThrowAfterTheRecordsAreMade) {
+  RegistrationSolver solver(&index);
+  const std::vector<MMVector3d> normals(samples.size() - 1, MMVector3d(0, 0, 1));
+  EXPECT_THROW(solver.SetSamples(samples, &normals), std::out_of_range);
+  EXPECT_EQ(solver.points.size(), samples.size());
+}
+
+// A solver whose active records are given pairs: position p[i], match q[i].
+RegistrationSolver PairedSolver(const std::vector<MMVector3d>& p, const std::vector<MMVector3d>& q) {
+  RegistrationSolver solver(nullptr);
+  solver.SetSamples(p, nullptr);
+  for (std::size_t i = 0; i < p.size(); ++i) solver.points[i].closest = q[i], solver.points[i].distance = 0.0;
+  return solver;
+}
+
+TEST(RegistrationSolverStep, RecoversATranslationAndARotationOfMatchedPairs) {
+  std::mt19937 rng(9);
+  std::uniform_real_distribution<double> u(-20000, 20000);
+  std::vector<MMVector3d> p;
+  for (int i = 0; i < 50; ++i) p.emplace_back(u(rng), u(rng), u(rng));
+
+  MMTransformMatrix truth;
+  truth.MakeTranslation(MMVector3d(1234.5, -300.0, 77.0));
+  std::vector<MMVector3d> q;
+  for (const auto& x : p) q.push_back(truth(x, false));
+  MMTransformMatrix step;
+  ASSERT_TRUE(PairedSolver(p, q).ComputeStep(step));
+  EXPECT_LT(RotationDegrees(step), 1e-6);
+  for (int k = 0; k < 3; ++k) EXPECT_NEAR(step.GetTranslation()[k], truth.GetTranslation()[k], 1e-6);
+
+  truth.MakeRotation(MMVector3d(5000, -2000, 100), MMVector3d(1, 2, -1), 0.2);
+  q.clear();
+  for (const auto& x : p) q.push_back(truth(x, false));
+  ASSERT_TRUE(PairedSolver(p, q).ComputeStep(step));
+  for (int r = 0; r < 3; ++r)
+    for (int c = 0; c < 4; ++c) EXPECT_NEAR(step.GetElement(r, c), truth.GetElement(r, c), c == 3 ? 1e-6 : 1e-12);
+
+  // Another unit scale changes nothing but the units of the translation, which the
+  // step rebuilds in internal units.
+  const std::int32_t ie = MUnit::GetIE();
+  MUnit::SetIE(10);
+  MMTransformMatrix other;
+  ASSERT_TRUE(PairedSolver(p, q).ComputeStep(other));
+  MUnit::SetIE(ie);
+  for (int r = 0; r < 3; ++r)
+    for (int c = 0; c < 4; ++c) EXPECT_NEAR(other.GetElement(r, c), truth.GetElement(r, c), c == 3 ? 1e-6 : 1e-12);
+}
+
+TEST(RegistrationSolverStep, NothingActiveLeavesTheStep) {
+  RegistrationSolver solver = PairedSolver({MMVector3d(1, 2, 3)}, {MMVector3d(4, 5, 6)});
+  solver.activeCount = 0;
+  MMTransformMatrix step;
+  step.MakeTranslation(MMVector3d(9, 9, 9));
+  EXPECT_FALSE(solver.ComputeStep(step));
+  EXPECT_EQ(step.GetTranslation(), MMVector3d(9, 9, 9));
+  // One pair: the step carries the point onto its match.
+  solver.activeCount = 1;
+  ASSERT_TRUE(solver.ComputeStep(step));
+  const MMVector3d moved = step(MMVector3d(1, 2, 3), false);
+  for (int k = 0; k < 3; ++k) EXPECT_NEAR(moved[k], 4.0 + k, 1e-9);
+}
+
+TEST(RegistrationSolverStep, MovingRecordsTranslatesNormalsAsPositions) {
+  // Both go through the position form of the transform, so a translation shifts the
+  // normal as well; the caller relies on that staying so.
+  RegistrationSolver solver(nullptr);
+  const std::vector<MMVector3d> samples = {MMVector3d(1, 0, 0)}, normals = {MMVector3d(0, 0, 1)};
+  solver.SetSamples(samples, &normals);
+  solver.matched = solver.errorKnown = true;
+  MMTransformMatrix shift;
+  shift.MakeTranslation(MMVector3d(10, 0, 0));
+  solver.MoveRecords(shift);
+  EXPECT_EQ(solver.points[0].position, MMVector3d(11, 0, 0));
+  EXPECT_EQ(solver.points[0].normal, MMVector3d(10, 0, 1));
+  EXPECT_FALSE(solver.matched || solver.errorKnown);
+  EXPECT_EQ(solver.moveTransform.GetTranslation(), MMVector3d(10, 0, 0));
+}
+
+}  // namespace

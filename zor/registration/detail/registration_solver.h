@@ -1,0 +1,116 @@
+#pragma once
+// The refinement state of the registration: samples of the moving mesh, each with its
+// match on the fixed mesh, trimmed to the closest part, and the rigid step that fits
+// the active samples onto their matches. Also the stateless score of a pose.
+//
+// Distances are in internal units. A sample with no match counts as lying at the
+// largest double, so trimming puts it last.
+//
+// Threading: a solver is used by one thread at a time; its matching runs in parallel
+// inside, each record written by its own task. Several solvers may share one index.
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <utility>
+#include <vector>
+
+#include "zor/alignment/normal_orientation_index.h"
+#include "zor/export.h"
+#include "zor/model/math_types.h"
+#include "zor/model/mm_vector.h"
+#include "zor/model/transform.h"
+
+namespace ZorStlRegistration::detail {
+
+inline constexpr double kUnmatched = std::numeric_limits<double>::max();
+
+// Brings the (middle - first) smallest elements of [first, last) to the front in
+// ascending order: a max-heap on the front, each later element swapped in when the top
+// is strictly greater, then the heap popped to its back. Of equal elements at the
+// boundary, those that came first stay in front. The rest keep no particular order.
+template <typename It, typename Less>
+void HeapPartialSort(It first, It middle, It last, Less less) {
+  using std::swap;
+  const std::ptrdiff_t size = middle - first;
+  if (size <= 0) return;
+  const auto siftDown = [&](std::ptrdiff_t hole, std::ptrdiff_t length) {
+    for (;;) {
+      std::ptrdiff_t child = 2 * hole + 1;
+      if (child >= length) return;
+      if (child + 1 < length && less(first[child], first[child + 1])) ++child;
+      if (!less(first[hole], first[child])) return;
+      swap(first[hole], first[child]);
+      hole = child;
+    }
+  };
+  for (std::ptrdiff_t i = size / 2; i-- > 0;) siftDown(i, size);
+  for (It it = middle; it != last; ++it) {
+    if (less(*it, *first)) {
+      swap(*it, *first);
+      siftDown(0, size);
+    }
+  }
+  for (std::ptrdiff_t end = size - 1; end > 0; --end) {
+    swap(first[0], first[end]);
+    siftDown(0, end);
+  }
+}
+
+class ZOR_API RegistrationSolver {
+public:
+  struct PointToMove {
+    MMVector3d position;          // the sample in the current pose
+    double distance = 0.0;        // to `closest`, or kUnmatched
+    MMVector3d normal;            // zero when the solver has none
+    MMVector3d closest;           // the matched surface point; zero when unmatched
+  };
+
+  // `index` is the matcher over the fixed mesh; it must outlive the solver.
+  explicit RegistrationSolver(const NormalOrientationIndex* index);
+
+  // One record per sample, in order, at the sample's place; normals (when given, one
+  // per sample) make matching use them. All records become active. Throws
+  // std::out_of_range ("invalid vector<T> subscript") when there are fewer normals
+  // than samples, after the records were made.
+  void SetSamples(const std::vector<MMVector3d>& samples, const std::vector<MMVector3d>* normals);
+  // Matches every record (not only the active ones), unless `matched` is set.
+  void MatchSamples();
+  // Brings the activeCount closest records to the front, in ascending distance.
+  void TrimSamples();
+  // Mean distance of the active records, cached until the flags are cleared.
+  double MeanError();
+  // The rigid step that carries the active positions onto their matches, or false
+  // (leaving `step`) when no record is active.
+  bool ComputeStep(MMTransformMatrix& step);
+  // Moves every record by `t`: the position and the normal through the same in-place
+  // call with the position flag (so the normal takes the translation as well), then
+  // accumulates `t` in moveTransform and clears both flags.
+  void MoveRecords(const MMTransformMatrix& t);
+
+  bool matched = false;
+  bool errorKnown = false;
+  double cachedError = kUnmatched;
+  std::uint64_t activeCount = 0;
+  std::vector<PointToMove> points;
+  MMTransformMatrix moveTransform;
+  bool hasNormals = false;
+  const NormalOrientationIndex* index = nullptr;
+
+private:
+  // `closest` holds a surface point of the fixed mesh from an earlier match, whose
+  // distance bounds the next search of a record that has moved only a little.
+  bool closestIsSurface = false;
+  std::vector<ZorSDK::Math::point<double, 3>> moving, target;  // reused by ComputeStep
+};
+
+// The trimmed mean distance of `samples` moved by `pose`: each matched through
+// `index` (with its normal, turned by the pose, when `normals` is given), the `count`
+// smallest distances (with `sort`; otherwise the first `count`) summed in ascending
+// order and divided by `count`. 0.0 for a count of 0; `count` must not exceed the
+// number of samples. Matching runs in parallel; nothing is written but locals.
+ZOR_API double ScorePose(const NormalOrientationIndex& index, const std::vector<MMVector3d>& samples,
+                         const std::vector<MMVector3d>* normals, const MMTransformMatrix& pose, std::uint64_t count,
+                         bool sort);
+
+}  // namespace ZorStlRegistration::detail
