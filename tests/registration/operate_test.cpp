@@ -137,40 +137,31 @@ TEST_F(RegistrationRun, NoIterationsLeaveTheStartScoredOnTheSamples) {
 }
 
 TEST_F(RegistrationRun, EdgeRunsEndWithTheIdentity) {
-  Registration before;
-  EXPECT_EQ(before.GetError(MMTransformMatrix()), 0.0);
-
+  EXPECT_EQ(Registration().GetError(MMTransformMatrix()), 0.0);
+  // An empty moving mesh, an empty fixed mesh (no overlap can be expected) and an
+  // overlap of 0: nothing counts, so the identity stands with error 0.
   MStlBase empty;
-  auto delegate = std::make_shared<CountingDelegate>();
+  const Registration::MParams defaults = params;
   for (int kase = 0; kase < 3; ++kase) {
+    params.overlapFraction = kase == 2 ? 0.0 : defaults.overlapFraction;
     Registration r;
-    Registration::MParams p = params;
-    MStlBase* f = fixed.get();
-    MStlBase* m = moving.get();
-    if (kase == 0) m = &empty;
-    if (kase == 1) f = &empty;
-    if (kase == 2) p.overlapFraction = 0.0;
-    std::swap(params, p);
-    const MMTransformMatrix found = Run(r, f, m);
-    std::swap(params, p);
+    const MMTransformMatrix found = Run(r, kase == 1 ? &empty : fixed.get(), kase == 0 ? &empty : moving.get());
     EXPECT_TRUE(found.IsIdentity()) << kase;
     EXPECT_EQ(r.GetError(), 0.0) << kase;
     EXPECT_EQ(r.GetInlierCount(), 0u) << kase;
   }
-
   // The same mesh on both sides: nothing is reported or sampled.
+  auto delegate = std::make_shared<CountingDelegate>();
   Registration same;
   same.SetProgressDelegate(delegate);
   Run(same, fixed.get(), fixed.get());
   EXPECT_EQ(delegate->starts, 0);
   EXPECT_EQ(same.GetError(), 0.0);
-
-  // Overlap above 1 counts every sample.
+  // An overlap above 1, or one that rounds below zero, counts every sample.
+  Registration all, negative;
   params.overlapFraction = 1.5;
-  Registration all;
   Run(all, fixed.get(), moving.get());
-  params.overlapFraction = -0.5;  // negative rounds below zero: also every sample
-  Registration negative;
+  params.overlapFraction = -0.5;
   Run(negative, fixed.get(), moving.get());
   EXPECT_GT(all.GetInlierCount(), 400u);
   EXPECT_EQ(negative.GetInlierCount(), all.GetInlierCount());
