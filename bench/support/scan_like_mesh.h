@@ -23,6 +23,27 @@ struct MeshArrays {
   double diagonal = 0.0;
 };
 
+// Triangles over points laid out as a north pole, `rows` - 1 rings of `cols` points and
+// a south pole, outward winding; then the diagonal of the points' box.
+inline void CloseRowsOfPoints(MeshArrays& m, int rows, int cols) {
+  const std::uint32_t south = static_cast<std::uint32_t>(m.xyz.size() / 3 - 1);
+  const auto at = [cols](int r, int c) { return static_cast<std::uint32_t>(1 + (r - 1) * cols + (c % cols)); };
+  for (int c = 0; c < cols; ++c) Push3(m.indices, 0u, at(1, c), at(1, c + 1));
+  for (int r = 1; r + 1 < rows; ++r)
+    for (int c = 0; c < cols; ++c) {
+      Push3(m.indices, at(r, c), at(r + 1, c), at(r + 1, c + 1));
+      Push3(m.indices, at(r, c), at(r + 1, c + 1), at(r, c + 1));
+    }
+  for (int c = 0; c < cols; ++c) Push3(m.indices, at(rows - 1, c), south, at(rows - 1, c + 1));
+  double lo[3] = {1e300, 1e300, 1e300}, hi[3] = {-1e300, -1e300, -1e300};
+  for (std::size_t i = 0; i < m.xyz.size(); ++i) {
+    lo[i % 3] = std::min(lo[i % 3], m.xyz[i]);
+    hi[i % 3] = std::max(hi[i % 3], m.xyz[i]);
+  }
+  m.diagonal = std::sqrt((hi[0] - lo[0]) * (hi[0] - lo[0]) + (hi[1] - lo[1]) * (hi[1] - lo[1]) +
+                         (hi[2] - lo[2]) * (hi[2] - lo[2]));
+}
+
 // A sphere of radius 40 mm with bumps of a few millimetres and 5 micrometres of noise,
 // about `triangles` triangles, rows of vertices in scan order.
 inline MeshArrays MakeScanLikeMesh(std::int64_t triangles) {
@@ -46,22 +67,7 @@ inline MeshArrays MakeScanLikeMesh(std::int64_t triangles) {
     }
   }
   Push3(m.xyz, 0.0, 0.0, std::round(-radiusAt(pi, 0)));
-  const std::uint32_t south = static_cast<std::uint32_t>(m.xyz.size() / 3 - 1);
-  const auto at = [cols](int r, int c) { return static_cast<std::uint32_t>(1 + (r - 1) * cols + (c % cols)); };
-  for (int c = 0; c < cols; ++c) Push3(m.indices, 0u, at(1, c), at(1, c + 1));
-  for (int r = 1; r + 1 < rows; ++r)
-    for (int c = 0; c < cols; ++c) {
-      Push3(m.indices, at(r, c), at(r + 1, c), at(r + 1, c + 1));
-      Push3(m.indices, at(r, c), at(r + 1, c + 1), at(r, c + 1));
-    }
-  for (int c = 0; c < cols; ++c) Push3(m.indices, at(rows - 1, c), south, at(rows - 1, c + 1));
-  double lo[3] = {1e300, 1e300, 1e300}, hi[3] = {-1e300, -1e300, -1e300};
-  for (std::size_t i = 0; i < m.xyz.size(); ++i) {
-    lo[i % 3] = std::min(lo[i % 3], m.xyz[i]);
-    hi[i % 3] = std::max(hi[i % 3], m.xyz[i]);
-  }
-  m.diagonal = std::sqrt((hi[0] - lo[0]) * (hi[0] - lo[0]) + (hi[1] - lo[1]) * (hi[1] - lo[1]) +
-                         (hi[2] - lo[2]) * (hi[2] - lo[2]));
+  CloseRowsOfPoints(m, rows, cols);
   return m;
 }
 

@@ -73,22 +73,7 @@ inline MeshArrays MakeShape(Shape s, std::int64_t triangles, double noise = 0.0)
   for (int r = 1; r < rows; ++r)
     for (int c = 0; c < cols; ++c) push(pi * r / rows, 2 * pi * (c + 0.5 * (r % 2)) / cols);
   push(pi, 0.0);
-  const std::uint32_t south = static_cast<std::uint32_t>(m.xyz.size() / 3 - 1);
-  const auto at = [cols](int r, int c) { return static_cast<std::uint32_t>(1 + (r - 1) * cols + (c % cols)); };
-  for (int c = 0; c < cols; ++c) Push3(m.indices, 0u, at(1, c), at(1, c + 1));
-  for (int r = 1; r + 1 < rows; ++r)
-    for (int c = 0; c < cols; ++c) {
-      Push3(m.indices, at(r, c), at(r + 1, c), at(r + 1, c + 1));
-      Push3(m.indices, at(r, c), at(r + 1, c + 1), at(r, c + 1));
-    }
-  for (int c = 0; c < cols; ++c) Push3(m.indices, at(rows - 1, c), south, at(rows - 1, c + 1));
-  double lo[3] = {1e300, 1e300, 1e300}, hi[3] = {-1e300, -1e300, -1e300};
-  for (std::size_t i = 0; i < m.xyz.size(); ++i) {
-    lo[i % 3] = std::min(lo[i % 3], m.xyz[i]);
-    hi[i % 3] = std::max(hi[i % 3], m.xyz[i]);
-  }
-  m.diagonal = std::sqrt((hi[0] - lo[0]) * (hi[0] - lo[0]) + (hi[1] - lo[1]) * (hi[1] - lo[1]) +
-                         (hi[2] - lo[2]) * (hi[2] - lo[2]));
+  CloseRowsOfPoints(m, rows, cols);
   return m;
 }
 
