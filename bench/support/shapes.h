@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <map>
 #include <memory>
+#include <tuple>
 #include <random>
 #include <string>
 #include <vector>
@@ -17,13 +19,17 @@
 
 namespace zorbench {
 
-enum class Shape { Smooth, Bumpy, Featured };
+enum class Shape { Smooth, Bumpy, Featured, Box, Rod, Disc, Ball };
 
 inline const char* ShapeName(Shape s) {
   switch (s) {
     case Shape::Smooth: return "smooth";
     case Shape::Bumpy: return "bumpy";
     case Shape::Featured: return "featured";
+    case Shape::Box: return "box";
+    case Shape::Rod: return "rod";
+    case Shape::Disc: return "disc";
+    case Shape::Ball: return "ball";
   }
   return "?";
 }
@@ -51,29 +57,151 @@ inline double ShapeRadius(Shape s, double x, double y, double z) {
       if (x < -0.2) r -= 1500.0 * std::exp(-(y * y) / 0.004);
       return r;
     }
+    case Shape::Box: {
+      // A rounded block of 90 x 60 x 30 mm: three distinct extents, no feature.
+      const double p = 8.0;
+      const double q = std::pow(std::fabs(x) / 45.0, p) + std::pow(std::fabs(y) / 30.0, p) + std::pow(std::fabs(z) / 15.0, p);
+      return 1000.0 / std::pow(q, 1.0 / p);
+    }
+    case Shape::Rod: {
+      // A rounded bar 120 mm long and 24 mm thick along X, with a point on its +X end:
+      // symmetric about its axis only.
+      const double rho = std::sqrt(y * y + z * z), p = 4.0;
+      const double q = std::pow(std::fabs(x) / 60.0, p) + std::pow(rho / 12.0, p);
+      return 1000.0 / std::pow(q, 1.0 / p) + (x > 0.0 ? 8000.0 * std::exp(-(1.0 - x) / 0.002) : 0.0);
+    }
+    case Shape::Disc: {
+      // A rounded plate of 80 mm across and 16 mm thick along Z, domed on its +Z face:
+      // symmetric about its axis only.
+      const double rho = std::sqrt(x * x + y * y), p = 4.0;
+      const double q = std::pow(rho / 40.0, p) + std::pow(std::fabs(z) / 8.0, p);
+      return 1000.0 / std::pow(q, 1.0 / p) + (z > 0.0 ? 6000.0 * std::exp(-(1.0 - z) / 0.05) : 0.0);
+    }
+    case Shape::Ball: {
+      // A 40 mm ball with six bumps and dents of 3 to 5 mm at scattered places: no
+      // usable axis, yet one orientation only.
+      static const double detail[6][5] = {{0.36, 0.48, 0.80, 5000, 0.05},  {-0.70, 0.10, 0.71, -4000, 0.06},
+                                           {0.20, -0.93, 0.30, 4500, 0.04}, {-0.40, -0.40, -0.82, 3000, 0.08},
+                                           {0.90, 0.20, -0.39, -3000, 0.03}, {-0.15, 0.85, -0.50, 4000, 0.05}};
+      double r = 40000.0;
+      for (const auto& b : detail) {
+        const double dx = x - b[0], dy = y - b[1], dz = z - b[2];
+        r += b[3] * std::exp(-(dx * dx + dy * dy + dz * dz) / b[4]);
+      }
+      return r;
+    }
   }
   return 0.0;
 }
 
-// About `triangles` triangles: a pole at each end and rows of `cols` points between.
-// Points are rounded to whole micrometres, with `noise` micrometres of Gaussian noise.
+// Rough half extents (mm) of each body, used to spread the vertices more evenly.
+inline MMVector3d ShapeExtents(Shape s) {
+  switch (s) {
+    case Shape::Smooth: return MMVector3d(50, 35, 25);
+    case Shape::Bumpy: return MMVector3d(40, 40, 40);
+    case Shape::Featured: return MMVector3d(40, 30, 20);
+    case Shape::Box: return MMVector3d(45, 30, 15);
+    case Shape::Rod: return MMVector3d(64, 12, 12);
+    case Shape::Disc: return MMVector3d(40, 40, 10);
+    case Shape::Ball: return MMVector3d(40, 40, 40);
+  }
+  return MMVector3d(1, 1, 1);
+}
+
+// A geodesic sphere: each face of the icosahedron split into n^2 triangles, 20 n^2 in
+// all, outward winding. Points on the icosahedron's edges are made once, so the mesh
+// is closed.
+inline void GeodesicSphere(int n, std::vector<MMVector3d>& directions, std::vector<std::uint32_t>& triangles) {
+  const double t = (1.0 + std::sqrt(5.0)) / 2.0;
+  const MMVector3d corners[12] = {{-1, t, 0}, {1, t, 0}, {-1, -t, 0}, {1, -t, 0}, {0, -1, t}, {0, 1, t},
+                                  {0, -1, -t}, {0, 1, -t}, {t, 0, -1}, {t, 0, 1}, {-t, 0, -1}, {-t, 0, 1}};
+  const int faces[20][3] = {{0, 11, 5}, {0, 5, 1}, {0, 1, 7}, {0, 7, 10}, {0, 10, 11}, {1, 5, 9}, {5, 11, 4},
+                            {11, 10, 2}, {10, 7, 6}, {7, 1, 8}, {3, 9, 4}, {3, 4, 2}, {3, 2, 6}, {3, 6, 8},
+                            {3, 8, 9}, {4, 9, 5}, {2, 4, 11}, {6, 2, 10}, {8, 6, 7}, {9, 8, 1}};
+  directions.assign(corners, corners + 12);
+  std::map<std::tuple<int, int, int>, std::uint32_t> edgePoints;
+  const auto edgePoint = [&](int a, int b, int k) -> std::uint32_t {  // k steps from a towards b
+    if (k == 0) return static_cast<std::uint32_t>(a);
+    if (k == n) return static_cast<std::uint32_t>(b);
+    if (a > b) std::swap(a, b), k = n - k;
+    const auto [it, fresh] = edgePoints.emplace(std::make_tuple(a, b, k), static_cast<std::uint32_t>(directions.size()));
+    if (fresh) directions.push_back(corners[a] + (corners[b] - corners[a]) * (static_cast<double>(k) / n));
+    return it->second;
+  };
+  std::vector<std::uint32_t> grid((n + 1) * (n + 1));
+  for (const auto& f : faces) {
+    for (int i = 0; i <= n; ++i)
+      for (int j = 0; i + j <= n; ++j) {
+        std::uint32_t id;
+        if (j == 0) id = edgePoint(f[0], f[1], i);
+        else if (i == 0) id = edgePoint(f[0], f[2], j);
+        else if (i + j == n) id = edgePoint(f[1], f[2], j);
+        else {
+          id = static_cast<std::uint32_t>(directions.size());
+          directions.push_back(corners[f[0]] + (corners[f[1]] - corners[f[0]]) * (static_cast<double>(i) / n) +
+                               (corners[f[2]] - corners[f[0]]) * (static_cast<double>(j) / n));
+        }
+        grid[i * (n + 1) + j] = id;
+      }
+    const auto at = [&](int i, int j) { return grid[i * (n + 1) + j]; };
+    for (int i = 0; i < n; ++i)
+      for (int j = 0; i + j < n; ++j) {
+        Push3(triangles, at(i, j), at(i + 1, j), at(i, j + 1));
+        if (i + j < n - 1) Push3(triangles, at(i + 1, j), at(i + 1, j + 1), at(i, j + 1));
+      }
+  }
+  for (MMVector3d& d : directions) Normalize(d);
+}
+
+// About `triangles` triangles of body `s`, in micrometres, with vertices spread about
+// evenly over the surface as a scanner's would be: a geodesic sphere stretched to the
+// body's extents, laid on the surface along rays from the centre, then relaxed (each
+// vertex to the middle of its neighbours, back on the surface). Points are rounded to
+// whole micrometres after `noise` micrometres of Gaussian noise along the ray.
 inline MeshArrays MakeShape(Shape s, std::int64_t triangles, double noise = 0.0) {
-  const int rows = std::max(4, static_cast<int>(std::sqrt(triangles / 4.0)));
-  const int cols = std::max(8, static_cast<int>(triangles / (2.0 * rows)));
+  const int n = std::max(2, static_cast<int>(std::lround(std::sqrt(static_cast<double>(triangles) / 20.0))));
+  std::vector<MMVector3d> directions;
+  MeshArrays m;
+  GeodesicSphere(n, directions, m.indices);
+  const MMVector3d extents = ShapeExtents(s);
+  const auto onSurface = [&](MMVector3d d) {
+    Normalize(d);
+    return d * ShapeRadius(s, d[0], d[1], d[2]);
+  };
+  std::vector<MMVector3d> points(directions.size()), next(directions.size());
+  for (std::size_t i = 0; i < points.size(); ++i) {
+    const MMVector3d& d = directions[i];
+    points[i] = onSurface(MMVector3d(d[0] * extents[0], d[1] * extents[1], d[2] * extents[2]));
+  }
+  std::vector<std::vector<std::uint32_t>> neighbours(points.size());
+  for (std::size_t t = 0; t < m.indices.size(); t += 3)
+    for (int k = 0; k < 3; ++k) neighbours[m.indices[t + k]].push_back(m.indices[t + (k + 1) % 3]);
+  for (int iteration = 0; iteration < 10; ++iteration) {
+    for (std::size_t i = 0; i < points.size(); ++i) {
+      MMVector3d sum;
+      for (std::uint32_t j : neighbours[i]) sum += points[j];
+      next[i] = onSurface(points[i] * 0.5 + sum * (0.5 / static_cast<double>(neighbours[i].size())));
+    }
+    points.swap(next);
+  }
   std::mt19937 rng(11);
   std::normal_distribution<double> gauss(0.0, noise > 0.0 ? noise : 1.0);
-  const double pi = 3.14159265358979323846;
-  MeshArrays m;
-  const auto push = [&](double th, double ph) {
-    const double x = std::sin(th) * std::cos(ph), y = std::sin(th) * std::sin(ph), z = std::cos(th);
-    const double r = ShapeRadius(s, x, y, z) + (noise > 0.0 ? gauss(rng) : 0.0);
-    Push3(m.xyz, std::round(r * x), std::round(r * y), std::round(r * z));
-  };
-  push(0.0, 0.0);
-  for (int r = 1; r < rows; ++r)
-    for (int c = 0; c < cols; ++c) push(pi * r / rows, 2 * pi * (c + 0.5 * (r % 2)) / cols);
-  push(pi, 0.0);
-  CloseRowsOfPoints(m, rows, cols);
+  for (const MMVector3d& p : points) {
+    MMVector3d q = p;
+    if (noise > 0.0) {
+      MMVector3d ray = p;
+      Normalize(ray);
+      q += ray * gauss(rng);
+    }
+    Push3(m.xyz, std::round(q[0]), std::round(q[1]), std::round(q[2]));
+  }
+  double lo[3] = {1e300, 1e300, 1e300}, hi[3] = {-1e300, -1e300, -1e300};
+  for (std::size_t i = 0; i < m.xyz.size(); ++i) {
+    lo[i % 3] = std::min(lo[i % 3], m.xyz[i]);
+    hi[i % 3] = std::max(hi[i % 3], m.xyz[i]);
+  }
+  m.diagonal = std::sqrt((hi[0] - lo[0]) * (hi[0] - lo[0]) + (hi[1] - lo[1]) * (hi[1] - lo[1]) +
+                         (hi[2] - lo[2]) * (hi[2] - lo[2]));
   return m;
 }
 
@@ -90,7 +218,7 @@ inline std::unique_ptr<MStlBase> MakeMovedCopy(const MeshArrays& m, const MMTran
   }
   std::vector<std::uint32_t> indices;
   if (keep >= 1.0) {
-    indices = m.indices;
+    return BuildStl(xyz.data(), xyz.size() / 3, m.indices.data(), m.indices.size() / 3);
   } else {
     std::vector<double> along;
     for (std::size_t t = 0; t < m.indices.size(); t += 3) along.push_back(m.xyz[3 * m.indices[t] + cutAxis]);
@@ -100,7 +228,18 @@ inline std::unique_ptr<MStlBase> MakeMovedCopy(const MeshArrays& m, const MMTran
     for (std::size_t t = 0; t < along.size(); ++t)
       if (along[t] < cut) indices.insert(indices.end(), &m.indices[3 * t], &m.indices[3 * t] + 3);
   }
-  return BuildStl(xyz.data(), xyz.size() / 3, indices.data(), indices.size() / 3);
+  // Only the points that the kept triangles use: a stray point would still count in
+  // the shape of the copy.
+  std::vector<std::int64_t> renumber(xyz.size() / 3, -1);
+  std::vector<double> used;
+  for (std::uint32_t& i : indices) {
+    if (renumber[i] < 0) {
+      renumber[i] = static_cast<std::int64_t>(used.size() / 3);
+      used.insert(used.end(), &xyz[3 * i], &xyz[3 * i] + 3);
+    }
+    i = static_cast<std::uint32_t>(renumber[i]);
+  }
+  return BuildStl(used.data(), used.size() / 3, indices.data(), indices.size() / 3);
 }
 
 inline std::unique_ptr<MStlBase> MakeMesh(const MeshArrays& m) {

@@ -22,13 +22,6 @@ double SecondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// Rounds to a signed 32-bit count; NaN and values outside that range give the most
-// negative one, which the caller reads as "all samples".
-std::int32_t RoundToInt32(double x) {
-  if (!(x > -2147483648.5 && x < 2147483647.5)) return std::numeric_limits<std::int32_t>::min();
-  return static_cast<std::int32_t>(std::lround(x));
-}
-
 // Reduces a clone in place; a reduction that cannot meet its bound leaves the clone
 // as it was, which is as good an input.
 void ReduceClone(MStlBase& clone, double tolerance) {
@@ -98,13 +91,6 @@ double MUserOperatorStlRegistration::ScorePose(const std::vector<MMVector3d>& sa
   return ZorStlRegistration::detail::ScorePose(*orientationIndex, samples, normals, pose, count, sort);
 }
 
-void MUserOperatorStlRegistration::AlignInitially(ZorSDK::Common::IncrementalProgressReporter& reporter,
-                                                  const std::vector<MMVector3d>* /*scoreNormals*/) {
-  // The search over candidate poses stands here; until then every strategy starts the
-  // refinement from the identity, as AlignNone does.
-  ++reporter;
-}
-
 bool MUserOperatorStlRegistration::Operate() {
   using ZorStlRegistration::NormalOrientationIndex;
   using ZorStlRegistration::detail::RegistrationSolver;
@@ -112,6 +98,7 @@ bool MUserOperatorStlRegistration::Operate() {
   if (movingStl != nullptr && movingStl == fixedStl) {
     error = 0.0;
     transformation.MakeIdentity();
+    alignmentUsed = AlignNone;
     return true;
   }
   const Clock::time_point start = Clock::now();
@@ -199,13 +186,11 @@ bool MUserOperatorStlRegistration::Operate() {
   stage = Clock::now();
   const double ratio = movingArea > fixedArea ? fixedArea / movingArea : 1.0;
   const double overlap = ratio * params.overlapFraction;
-  const std::uint64_t n = samplePoints->size();
-  const std::int64_t wanted = RoundToInt32(static_cast<double>(n) * overlap);
-  inlierCount = std::min<std::uint64_t>(n, static_cast<std::uint64_t>(wanted));
+  inlierCount = ZorStlRegistration::detail::InlierCount(samplePoints->size(), overlap);
 
   transformation.MakeIdentity();
   error = ScorePose(*samplePoints, scoreNormals, transformation, inlierCount, true);
-  AlignInitially(reporter, scoreNormals);
+  AlignInitially(reporter, workingMoving, workingFixed, normalsOn, overlap);
   times.alignment = SecondsSince(stage);
 
   stage = Clock::now();

@@ -119,6 +119,9 @@ public:
   const MMTransformMatrix* GetFixedTransform() const { return fixedTransform.get(); }
   const MMTransformMatrix* GetMovingTransform() const { return movingTransform.get(); }
   std::uint64_t GetInlierCount() const { return inlierCount; }
+  // The strategy the last run took: initialAlignment, or for AlignAutomatic the one the
+  // shapes chose (AlignNone when a mesh has no point). AlignNone before a run.
+  MInitialAlignment GetAlignmentUsed() const { return alignmentUsed; }
 
 private:
   static std::unique_ptr<MMTransformMatrix> _MakePlacement(const double* matrix);
@@ -131,8 +134,24 @@ private:
   double ScorePose(const std::vector<MMVector<double, 3>>& samples, const std::vector<MMVector<double, 3>>* normals,
                    const MMTransformMatrix& pose, std::uint64_t count, bool sort) const;
   // The initial alignment: may replace transformation and error by a better pose.
-  void AlignInitially(ZorSDK::Common::IncrementalProgressReporter& reporter,
-                      const std::vector<MMVector<double, 3>>* scoreNormals);
+  void AlignInitially(ZorSDK::Common::IncrementalProgressReporter& reporter, MStlBase* moving, MStlBase* fixed,
+                      bool normalsOn, double overlap);
+  // Tries the moving frame onto each candidate frame of the fixed mesh: the four sign
+  // frames (useAxisRotation false) or the rotations about axis `axisIndex`. Takes the
+  // best only if it beats `error` strictly.
+  void SearchPrincipalPoses(bool useAxisRotation, std::int32_t axisIndex, MStlBase* moving, const MStlBase* fixed,
+                            const std::vector<MMVector<double, 3>>& samples,
+                            const std::vector<MMVector<double, 3>>* normals, std::uint64_t count);
+  // Sweeps the pose `transformation` along `axis` from the moving body's lower end on
+  // the fixed body's lower end to its upper end on the fixed body's upper end, in
+  // steps of at most slideStep, and keeps the best scoring position.
+  void SlideAlongAxis(MStlBase* moving, const MStlBase* fixed, const std::vector<MMVector<double, 3>>& samples,
+                      const std::vector<MMVector<double, 3>>* normals, std::uint64_t count,
+                      const MMVector<double, 3>& axis, MMTransformMatrix& pose, double& score) const;
+  // The solver tournament over orientations spread on the sphere; takes the winner only
+  // if it beats `error` strictly.
+  void SolveFromSphere(const MStlBase* moving, const MStlBase* fixed, const std::vector<MMVector<double, 3>>& samples,
+                       const std::vector<MMVector<double, 3>>* normals, std::uint64_t count);
 
   // Declared in this order so that destruction runs: delegate, copies, samples,
   // placements, then result and items.
@@ -156,6 +175,7 @@ private:
   // GetError(pose) can still match on it after the run.
   std::unique_ptr<MStlBase> indexedFixed;
   StageTimes stageTimes;
+  MInitialAlignment alignmentUsed = AlignNone;
 };
 
 // A caller's registered mesh handle converts to the mesh (null for an empty handle or

@@ -10,6 +10,8 @@
 // inside, each record written by its own task. Several solvers may share one index.
 
 #include <cstddef>
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <limits>
 #include <utility>
@@ -24,6 +26,15 @@
 namespace ZorStlRegistration::detail {
 
 inline constexpr double kUnmatched = std::numeric_limits<double>::max();
+
+// How many of `n` samples count as inliers for an expected `overlap` share:
+// min(n, n * overlap rounded half away from zero). A rounding that is not a number or
+// leaves the signed 32-bit range reads as negative, which leaves all n.
+inline std::uint64_t InlierCount(std::uint64_t n, double overlap) {
+  const double x = static_cast<double>(n) * overlap;
+  if (!(x > -0.5 && x < 2147483647.5)) return n;
+  return std::min<std::uint64_t>(n, static_cast<std::uint64_t>(std::llround(x)));
+}
 
 // Brings the (middle - first) smallest elements of [first, last) to the front in
 // ascending order: a max-heap on the front, each later element swapped in when the top

@@ -1,0 +1,247 @@
+// Accuracy suite of the registration with no starting pose: for each generated body and
+// size, moving copies under poses drawn uniformly over all rotations with a translation
+// of up to half the diagonal, in four cases (full or 70% partial copy, clean or with
+// Gaussian vertex noise of 0.2% of the diagonal), registered back onto the clean body.
+//
+// A pose counts as recovered when the registered moving mesh lies on the fixed one:
+// the RMS distance of its vertices to the fixed surface is within the noise level plus
+// 0.1% of the diagonal. Any pose that a symmetry of the body makes equivalent counts.
+// Prints, per body and case, the success rate, the strategy the operator chose, the
+// median time of Operate and of its alignment stage, and the RMS distances.
+//
+//   bench_alignment [--sizes 10000,100000] [--poses 50] [--threads 2]
+//                   [--shapes featured,box,rod,disc,ball] [--strategy auto]
+//                   [--tolerance 0.1] [--overlap 0.8] [--failures]
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+#include <tbb/task_arena.h>
+
+#include "bench/support/shapes.h"
+#include "zor/alignment/normal_orientation_index.h"
+#include "zor/registration/user_operator_stl_registration.h"
+
+namespace {
+
+using namespace zorbench;
+using Op = MUserOperatorStlRegistration;
+
+struct Options {
+  std::vector<long> sizes = {10000, 100000};
+  int poses = 50;
+  int threads = 2;
+  std::vector<Shape> shapes = {Shape::Featured, Shape::Box, Shape::Rod, Shape::Disc, Shape::Ball};
+  Op::MInitialAlignment strategy = Op::AlignAutomatic;
+  double errorTolerance = Op::MParams().errorTolerance;
+  double overlap = Op::MParams().overlapFraction;
+  bool failures = false;
+};
+
+const char* StrategyName(Op::MInitialAlignment a) {
+  switch (a) {
+    case Op::AlignNone: return "none";
+    case Op::AlignAutomatic: return "auto";
+    case Op::AlignAxes: return "axes";
+    case Op::AlignRod: return "rod";
+    case Op::AlignDisc: return "disc";
+    case Op::AlignBall: return "ball";
+  }
+  return "?";
+}
+
+std::vector<std::string> Split(const char* text) {
+  std::vector<std::string> out;
+  std::string item;
+  for (const char* p = text;; ++p) {
+    if (*p == ',' || *p == '\0') {
+      if (!item.empty()) out.push_back(item);
+      item.clear();
+      if (*p == '\0') break;
+    } else {
+      item += *p;
+    }
+  }
+  return out;
+}
+
+bool ParseOptions(int argc, char** argv, Options& o) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string flag = argv[i];
+    if (flag == "--failures") {
+      o.failures = true;
+      continue;
+    }
+    if (i + 1 >= argc) return false;
+    const char* value = argv[++i];
+    if (flag == "--sizes") {
+      o.sizes.clear();
+      for (const std::string& s : Split(value)) o.sizes.push_back(std::stol(s));
+    } else if (flag == "--poses") {
+      o.poses = std::atoi(value);
+    } else if (flag == "--threads") {
+      o.threads = std::atoi(value);
+    } else if (flag == "--overlap") {
+      o.overlap = std::atof(value);
+    } else if (flag == "--tolerance") {
+      o.errorTolerance = std::atof(value);
+    } else if (flag == "--shapes") {
+      o.shapes.clear();
+      for (const std::string& s : Split(value)) {
+        bool known = false;
+        for (Shape shape : {Shape::Featured, Shape::Box, Shape::Rod, Shape::Disc, Shape::Ball, Shape::Bumpy, Shape::Smooth})
+          if (s == ShapeName(shape)) o.shapes.push_back(shape), known = true;
+        if (!known) return false;
+      }
+    } else if (flag == "--strategy") {
+      bool known = false;
+      for (Op::MInitialAlignment a : {Op::AlignNone, Op::AlignAutomatic, Op::AlignAxes, Op::AlignRod, Op::AlignDisc,
+                                      Op::AlignBall})
+        if (std::string(value) == StrategyName(a)) o.strategy = a, known = true;
+      if (!known) return false;
+    } else {
+      return false;
+    }
+  }
+  return true;
+}
+
+// A rotation drawn uniformly over all rotations (a normalised Gaussian quaternion),
+// followed by a translation drawn uniformly in the ball of radius `maxShift`.
+MMTransformMatrix UniformPose(std::mt19937& rng, double maxShift) {
+  std::normal_distribution<double> gauss(0.0, 1.0);
+  std::uniform_real_distribution<double> unit(0.0, 1.0);
+  double q[4];
+  double norm = 0.0;
+  for (double& c : q) c = gauss(rng), norm += c * c;
+  norm = std::sqrt(norm);
+  for (double& c : q) c /= norm;
+  const double w = q[0], x = q[1], y = q[2], z = q[3];
+  MMVector3d shift(gauss(rng), gauss(rng), gauss(rng));
+  shift *= maxShift * std::cbrt(unit(rng)) / Length(shift);
+  const double rows[16] = {1 - 2 * (y * y + z * z), 2 * (x * y - w * z),     2 * (x * z + w * y),     shift[0],
+                           2 * (x * y + w * z),     1 - 2 * (x * x + z * z), 2 * (y * z - w * x),     shift[1],
+                           2 * (x * z - w * y),     2 * (y * z + w * x),     1 - 2 * (x * x + y * y), shift[2],
+                           0, 0, 0, 1};
+  MMTransformMatrix pose;
+  pose.MakeFromDouble16(rows);
+  return pose;
+}
+
+// RMS distance of the moving mesh's points, moved by `found`, to the fixed surface.
+double RmsToSurface(const MStlBase& moving, const MMTransformMatrix& found,
+                    const ZorStlRegistration::NormalOrientationIndex& fixed) {
+  std::vector<MMVector3d> points;
+  points.reserve(moving.NumberOfPoints());
+  for (auto it = moving.BeginPoint(); it != moving.EndPoint(); ++it) points.push_back(it->GetDouble());
+  std::vector<double> squared(points.size());
+  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, points.size(), 256), [&](const tbb::blocked_range<std::size_t>& r) {
+    for (std::size_t i = r.begin(); i != r.end(); ++i) {
+      MMVector3d p = points[i], c;
+      found.Transform(p, false);
+      squared[i] = fixed.FindClosest(p, c) ? Length2(p - c) : 1e300;
+    }
+  });
+  double sum = 0.0;
+  for (double s : squared) sum += s;
+  return std::sqrt(sum / static_cast<double>(std::max<std::size_t>(1, points.size())));
+}
+
+double Median(std::vector<double> v) {
+  if (v.empty()) return 0.0;
+  std::sort(v.begin(), v.end());
+  return v[v.size() / 2];
+}
+
+void RunShape(const Options& o, Shape shape, long size) {
+  const MeshArrays clean = MakeShape(shape, size);
+  const double noiseLevel = 0.002 * clean.diagonal;
+  const MeshArrays noisy = MakeShape(shape, size, noiseLevel);
+  const std::unique_ptr<MStlBase> fixed = MakeMesh(clean);
+  ZorStlRegistration::NormalOrientationIndex surface;
+  surface.SetMesh(fixed.get());
+
+  struct Case {
+    const char* name;
+    double keep;
+    bool noise;
+  };
+  for (const Case c : {Case{"full", 1.0, false}, Case{"full+noise", 1.0, true}, Case{"partial", 0.7, false},
+                       Case{"partial+noise", 0.7, true}}) {
+    std::mt19937 rng(20261121u + static_cast<unsigned>(size) + 7919u * static_cast<unsigned>(shape));
+    const double threshold = (c.noise ? noiseLevel : 0.0) + 0.001 * clean.diagonal;
+    std::vector<double> times, alignTimes, rms;
+    std::map<std::string, int> used;
+    int recovered = 0;
+    for (int k = 0; k < o.poses; ++k) {
+      const MMTransformMatrix truth = UniformPose(rng, 0.5 * clean.diagonal);
+      const std::unique_ptr<MStlBase> moving = MakeMovedCopy(c.noise ? noisy : clean, truth, c.keep);
+      Op registration;
+      Op::MParams params;
+      params.initialAlignment = o.strategy;
+      params.errorTolerance = o.errorTolerance;
+      params.overlapFraction = o.overlap;
+      registration.SetAllParams(params);
+      registration.SetFixedStl(fixed.get(), nullptr);
+      registration.SetMovingStl(moving.get(), nullptr);
+      const auto start = std::chrono::steady_clock::now();
+      registration.Operate();
+      times.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
+      alignTimes.push_back(registration.GetStageTimes().alignment * 1000.0);
+      MMTransformMatrix found;
+      registration.GetTransformation(found);
+      const double d = RmsToSurface(*moving, found, surface);
+      rms.push_back(d);
+      const bool ok = d <= threshold;
+      recovered += ok ? 1 : 0;
+      ++used[StrategyName(registration.GetAlignmentUsed())];
+      if (!ok && o.failures) {
+        const MMTransformMatrix residual = found * truth;
+        const double trace = residual.GetElement(0, 0) + residual.GetElement(1, 1) + residual.GetElement(2, 2);
+        std::printf("    miss %-9s %-14s pose %2d: %s, rms %.3f mm, off by %.1f deg, error %.3f mm\n", ShapeName(shape),
+                    c.name, k, StrategyName(registration.GetAlignmentUsed()), d / 1000.0,
+                    std::acos(std::max(-1.0, std::min(1.0, (trace - 1.0) / 2.0))) * 57.29577951308232,
+                    registration.GetError());
+      }
+    }
+    std::string strategies;
+    for (const auto& [name, n] : used) strategies += (strategies.empty() ? "" : " ") + name + ":" + std::to_string(n);
+    std::printf("| %-8s | %7ld | %-13s | %-18s | %3d/%-3d | %8.1f | %8.1f | %6.3f | %6.3f | %6.3f |\n", ShapeName(shape),
+                static_cast<long>(fixed->GetNumberOfTriangles()), c.name, strategies.c_str(), recovered, o.poses,
+                Median(times), Median(alignTimes), Median(rms) / 1000.0, *std::max_element(rms.begin(), rms.end()) / 1000.0,
+                threshold / 1000.0);
+    std::fflush(stdout);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options o;
+  if (!ParseOptions(argc, argv, o) || o.poses < 1 || o.threads < 1) {
+    std::fprintf(stderr,
+                 "usage: bench_alignment [--sizes 10000,100000] [--poses 50] [--threads 2]\n"
+                 "                       [--shapes featured,box,rod,disc,ball] [--strategy auto|none|axes|rod|disc|ball]\n"
+                 "                       [--tolerance 0.1] [--overlap 0.8] [--failures]\n");
+    return 2;
+  }
+  std::printf("strategy %s, %d poses, %d threads, errorTolerance %g mm, overlapFraction %g; rms in mm; times median ms\n\n",
+              StrategyName(o.strategy), o.poses, o.threads, o.errorTolerance, o.overlap);
+  std::printf("| body     | triangles | case          | strategy used      | recovered | Operate | alignment | rms median | rms worst | threshold |\n");
+  std::printf("|---|---|---|---|---|---|---|---|---|---|\n");
+  tbb::task_arena arena(o.threads);
+  arena.execute([&] {
+    for (long size : o.sizes)
+      for (Shape shape : o.shapes) RunShape(o, shape, size);
+  });
+  return 0;
+}
