@@ -23,6 +23,17 @@ struct MeshArrays {
   double diagonal = 0.0;
 };
 
+// The diagonal of the box of the points.
+inline void SetDiagonal(MeshArrays& m) {
+  double lo[3] = {1e300, 1e300, 1e300}, hi[3] = {-1e300, -1e300, -1e300};
+  for (std::size_t i = 0; i < m.xyz.size(); ++i) {
+    lo[i % 3] = std::min(lo[i % 3], m.xyz[i]);
+    hi[i % 3] = std::max(hi[i % 3], m.xyz[i]);
+  }
+  m.diagonal = std::sqrt((hi[0] - lo[0]) * (hi[0] - lo[0]) + (hi[1] - lo[1]) * (hi[1] - lo[1]) +
+                         (hi[2] - lo[2]) * (hi[2] - lo[2]));
+}
+
 // Triangles over points laid out as a north pole, `rows` - 1 rings of `cols` points and
 // a south pole, outward winding; then the diagonal of the points' box.
 inline void CloseRowsOfPoints(MeshArrays& m, int rows, int cols) {
@@ -35,13 +46,7 @@ inline void CloseRowsOfPoints(MeshArrays& m, int rows, int cols) {
       Push3(m.indices, at(r, c), at(r + 1, c + 1), at(r, c + 1));
     }
   for (int c = 0; c < cols; ++c) Push3(m.indices, at(rows - 1, c), south, at(rows - 1, c + 1));
-  double lo[3] = {1e300, 1e300, 1e300}, hi[3] = {-1e300, -1e300, -1e300};
-  for (std::size_t i = 0; i < m.xyz.size(); ++i) {
-    lo[i % 3] = std::min(lo[i % 3], m.xyz[i]);
-    hi[i % 3] = std::max(hi[i % 3], m.xyz[i]);
-  }
-  m.diagonal = std::sqrt((hi[0] - lo[0]) * (hi[0] - lo[0]) + (hi[1] - lo[1]) * (hi[1] - lo[1]) +
-                         (hi[2] - lo[2]) * (hi[2] - lo[2]));
+  SetDiagonal(m);
 }
 
 // A sphere of radius 40 mm with bumps of a few millimetres and 5 micrometres of noise,

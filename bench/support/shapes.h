@@ -195,13 +195,7 @@ inline MeshArrays MakeShape(Shape s, std::int64_t triangles, double noise = 0.0)
     }
     Push3(m.xyz, std::round(q[0]), std::round(q[1]), std::round(q[2]));
   }
-  double lo[3] = {1e300, 1e300, 1e300}, hi[3] = {-1e300, -1e300, -1e300};
-  for (std::size_t i = 0; i < m.xyz.size(); ++i) {
-    lo[i % 3] = std::min(lo[i % 3], m.xyz[i]);
-    hi[i % 3] = std::max(hi[i % 3], m.xyz[i]);
-  }
-  m.diagonal = std::sqrt((hi[0] - lo[0]) * (hi[0] - lo[0]) + (hi[1] - lo[1]) * (hi[1] - lo[1]) +
-                         (hi[2] - lo[2]) * (hi[2] - lo[2]));
+  SetDiagonal(m);
   return m;
 }
 
