@@ -1,0 +1,253 @@
+// Runs the built zor-register on files written here and checks its exit status,
+// its output and the files it leaves.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tools/zor-register/mesh_files.h"
+#include "tools/zor-register/sample_body.h"
+#include "zor/model/unit.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct Outcome {
+  int status = -1;
+  std::string out, err;
+};
+
+class ZorRegister : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const auto *info = ::testing::UnitTest::GetInstance()->current_test_info();
+    dir = fs::temp_directory_path() / (std::string("zor_register_") + info->name() + "_" + std::to_string(getpid()));
+    fs::remove_all(dir);
+    fs::create_directories(dir);
+  }
+  void TearDown() override { fs::remove_all(dir); }
+
+  std::string Path(const std::string &name) const { return (dir / name).string(); }
+  void WriteText(const std::string &name, const std::string &text) const { std::ofstream(Path(name)) << text; }
+
+  // Runs the program with `args` (already quoted where needed) in the test's
+  // folder.
+  Outcome Tool(const std::string &args) const {
+    const std::string command = "cd '" + dir.string() + "' && '" ZOR_REGISTER "' " + args + " >stdout.txt 2>stderr.txt";
+    const int raw = std::system(command.c_str());
+    Outcome run;
+    run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    run.out = Slurp("stdout.txt");
+    run.err = Slurp("stderr.txt");
+    fs::remove(dir / "stdout.txt");
+    fs::remove(dir / "stderr.txt");
+    return run;
+  }
+  std::string Slurp(const std::string &name) const {
+    std::ifstream in(Path(name), std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+  }
+  std::vector<std::string> Files() const {
+    std::vector<std::string> names;
+    for (const auto &e : fs::directory_iterator(dir)) names.push_back(e.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  fs::path dir;
+};
+
+nlohmann::json ParseJson(const Outcome &run) {
+  EXPECT_EQ(run.status, 0) << run.err;
+  return nlohmann::json::parse(run.out);
+}
+
+// A cube of side 30 with one corner pulled out, in quads (the reader
+// triangulates them).
+const char *kQuadBox =
+    "v -15 -12.5 1.25\nv 15 -12.5 1.25\nv 15 17.5 1.25\nv -15 17.5 1.25\n"
+    "v -15 -12.5 31.25\nv 15 -12.5 31.25\nv 15 17.5 31.25\nv -15 17.5 45.125\n"
+    "f 1 4 3 2\nf 5 6 7 8\nf 1 2 6 5\nf 2 3 7 6\nf 3 4 8 7\nf 4 1 5 8\n";
+
+TEST_F(ZorRegister, EveryFormatRoundTripsThroughConvert) {
+  WriteText("box.obj", kQuadBox);
+  const nlohmann::json source = ParseJson(Tool("info box.obj --json"));
+  EXPECT_EQ(source["points"], 8);
+  EXPECT_EQ(source["triangles"], 12);
+  EXPECT_DOUBLE_EQ(source["max"][2].get<double>(), 45.125);
+
+  for (const std::string target : {"out.stl", "out.ply", "out.obj", "out.off", "text.stl", "text.PLY"}) {
+    SCOPED_TRACE(target);
+    const Outcome convert = Tool("convert box.obj " + target + (target[0] == 't' ? " --ascii" : ""));
+    ASSERT_EQ(convert.status, 0) << convert.err;
+    const nlohmann::json back = ParseJson(Tool("info " + target + " --json"));
+    // STL repeats each corner per triangle: the reader joins them back into 8
+    // points.
+    EXPECT_EQ(back["points"], source["points"]);
+    EXPECT_EQ(back["triangles"], source["triangles"]);
+    EXPECT_EQ(back["min"], source["min"]);
+    EXPECT_EQ(back["max"], source["max"]);
+    EXPECT_DOUBLE_EQ(back["area"].get<double>(), source["area"].get<double>());
+  }
+  // Text formats print grid points as the short decimals they are.
+  EXPECT_NE(Slurp("out.off").find("\n-15 -12.5 1.25\n"), std::string::npos);
+}
+
+// The transform (file units: millimetres over `scale`) that the program reports
+// for a copy placed by `pose` must undo the pose.
+void ExpectRecovered(const MMTransformMatrix &pose, double scale, const nlohmann::json &report) {
+  const double ie = MUnit::GetIE();
+  double values[16];
+  for (int r = 0; r < 4; ++r)
+    for (int c = 0; c < 4; ++c)
+      values[4 * r + c] = report["transform"][r][c].get<double>() * (c == 3 && r < 3 ? scale * ie : 1.0);
+  MMTransformMatrix found;
+  ASSERT_TRUE(found.MakeFromDouble16(values));
+  const MMTransformMatrix residue = found * pose;
+  for (int r = 0; r < 3; ++r)
+    for (int c = 0; c < 3; ++c) EXPECT_NEAR(residue.GetElement(r, c), r == c ? 1.0 : 0.0,
+                                            1e-3);         // 0.06 degrees
+  EXPECT_LT(Length(residue.GetTranslation()) / ie, 0.05);  // mm
+}
+
+TEST_F(ZorRegister, AlignRecoversAKnownPoseAndReportsIt) {
+  const double ie = MUnit::GetIE();
+  const auto body = zortool::MakeSampleBody(24);
+  const MMTransformMatrix pose = zortool::DrawPose(5, 30.0 * ie);
+  for (double scale : {1.0, 1000.0}) {  // millimetre files, then metre files read with --scale 1000
+    SCOPED_TRACE(scale);
+    zortool::WriteMesh(*body, nullptr, scale, Path("fixed.ply"), false);
+    zortool::WriteMesh(*body, &pose, scale, Path("moving.obj"), false);
+    const std::string scaleArg = " --scale " + std::to_string(scale);
+    const Outcome run = Tool(
+        "align moving.obj fixed.ply --json --overlap 1 "
+        "--error-tolerance 0.01 -o moved.stl" +
+        scaleArg);
+    EXPECT_EQ(run.err, "");  // no progress bar when stderr is not a terminal
+    const nlohmann::json report = ParseJson(run);
+    ExpectRecovered(pose, scale, report);
+    EXPECT_EQ(report["strategy"], "auto");
+    EXPECT_EQ(report["strategy_used"], "axes");
+    EXPECT_GT(report["inliers"].get<int>(),
+              450);  // about 500 samples, all on the body
+    EXPECT_LT(report["error"].get<double>() * scale,
+              0.1);  // reported in file units
+    EXPECT_GT(report["seconds"]["total"].get<double>(), 0.0);
+    EXPECT_EQ(report["moving"]["triangles"], body->GetNumberOfTriangles());
+
+    // The moved copy lands on the body.
+    const nlohmann::json moved = ParseJson(Tool("info moved.stl --json" + scaleArg));
+    const nlohmann::json fixed = ParseJson(Tool("info fixed.ply --json" + scaleArg));
+    for (int k = 0; k < 3; ++k) {
+      EXPECT_NEAR(moved["min"][k].get<double>() * scale, fixed["min"][k].get<double>() * scale, 0.05);
+      EXPECT_NEAR(moved["max"][k].get<double>() * scale, fixed["max"][k].get<double>() * scale, 0.05);
+    }
+  }
+  // The plain report carries the same transform, rounded for reading.
+  const Outcome text = Tool("align moving.obj fixed.ply --scale 1000 --strategy axes");
+  EXPECT_EQ(text.status, 0);
+  EXPECT_NE(text.out.find("transform moving onto fixed"), std::string::npos);
+  EXPECT_NE(text.out.find("error "), std::string::npos);
+}
+
+TEST_F(ZorRegister, DemoRunsWithNoArgumentsAndSavesMeshesThatAlignAgrees) {
+  const Outcome plain = Tool("");
+  ASSERT_EQ(plain.status, 0) << plain.err;
+  double angle = 1e9, distance = 1e9;
+  const auto at = plain.out.find("difference");
+  ASSERT_NE(at, std::string::npos);
+  ASSERT_EQ(std::sscanf(plain.out.c_str() + at, "difference %lf deg, %lf mm", &angle, &distance), 2) << plain.out;
+  EXPECT_LT(angle, 0.05);
+  EXPECT_LT(distance, 0.05);
+
+  const Outcome saved = Tool("demo --triangles 5000 --save samples");
+  ASSERT_EQ(saved.status, 0) << saved.err;
+  const Outcome align = Tool(
+      "align samples/moving.stl samples/fixed.stl "
+      "--overlap 1 --error-tolerance 0.01 --json");
+  EXPECT_LT(ParseJson(align)["error"].get<double>(), 0.1);
+}
+
+// Each bad input: exit status 2, one line on stderr naming the fault, and no
+// file made.
+TEST_F(ZorRegister, BadInputExitsWithStatusTwoAndWritesNothing) {
+  WriteText("box.obj", kQuadBox);
+  WriteText("empty.stl", "solid nothing\nendsolid nothing\n");
+  WriteText("garbage.stl", "this is not a mesh\n");
+  WriteText("far.off", "OFF\n3 1 0\n0 0 0\n3000000 0 0\n0 1 0\n3 0 1 2\n");
+  {
+    // A binary STL whose second corner is not a number.
+    std::ofstream nan(Path("nan.stl"), std::ios::binary);
+    const std::string header(80, ' ');
+    nan.write(header.data(), 80);
+    const std::uint32_t one = 1;
+    nan.write(reinterpret_cast<const char *>(&one), 4);
+    const float values[12] = {0, 0, 1, 0, 0, 0, NAN, 1, 0, 0, 1, 0};
+    nan.write(reinterpret_cast<const char *>(values), sizeof values);
+    nan.write("\0\0", 2);
+  }
+  fs::create_directories(dir / "folder.stl");
+  const std::vector<std::string> before = Files();
+
+  const struct {
+    const char *args;
+    const char *message;
+  } cases[] = {
+      {"align missing.stl box.obj -o out.stl", "cannot read 'missing.stl': No such file or directory"},
+      {"align box.obj folder.stl -o out.stl", "cannot read 'folder.stl': it is a directory"},
+      {"align garbage.stl box.obj -o out.stl", "cannot read 'garbage.stl'"},
+      {"align empty.stl box.obj -o out.stl", "'empty.stl' has no triangles"},
+      {"align box.obj nan.stl -o out.stl", "'nan.stl': vertex 2 has a coordinate that is not finite"},
+      {"align far.off box.obj -o out.stl", "'far.off': coordinates reach 3e+06, past the 32-bit grid at scale 1"},
+      {"align box.obj box.obj --scale 1e6 -o out.stl", "past the 32-bit grid at scale 1e+06"},
+      {"align box.obj box.obj --bogus -o out.stl", "--bogus"},
+      {"align box.obj box.obj --strategy spiral -o out.stl", "unknown strategy 'spiral'"},
+      {"align box.obj box.obj --overlap 1.5 -o out.stl", "--overlap: '1.5' is outside (0, 1]"},
+      {"align box.obj box.obj --scale -2 -o out.stl", "--scale: '-2' is outside"},
+      {"align box.obj box.obj -o out.xyz", "unknown format '.xyz'"},
+      {"convert box.obj nowhere/out.stl", "no folder 'nowhere'"},
+      {"convert box.obj folder.stl", "cannot write 'folder.stl'"},  // fails at the rename
+      {"frobnicate", "unknown command 'frobnicate'"},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.args);
+    const Outcome run = Tool(c.args);
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.out, "");
+    EXPECT_NE(run.err.find(c.message), std::string::npos) << run.err;
+    EXPECT_EQ(run.err.find('\n'), run.err.size() - 1) << "one line: " << run.err;
+    EXPECT_EQ(Files(), before);  // no output file, no temporary left behind
+  }
+  // The overflow message names a scale that works.
+  EXPECT_NE(Tool("info far.off").err.find("try --scale 0.1"), std::string::npos);
+  EXPECT_EQ(Tool("info far.off --scale 0.1").status, 0);
+}
+
+TEST_F(ZorRegister, WarnsWhenTheGridIsCoarseForTheMesh) {
+  // A 2 mm box spans under 10^4 micrometre steps: accepted, with advice on
+  // stderr.
+  WriteText("small.off",
+            "OFF\n4 4 0\n0 0 0\n0.002 0 0\n0 0.002 0\n0 0 "
+            "0.002\n3 0 2 1\n3 0 1 3\n3 0 3 2\n3 1 2 3\n");
+  const Outcome run = Tool("info small.off");
+  EXPECT_EQ(run.status, 0);
+  EXPECT_NE(run.err.find("warning: 'small.off' spans only 3 grid steps"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("try --scale 100000"), std::string::npos) << run.err;
+  EXPECT_EQ(Tool("info small.off --quiet").err, "");
+}
+
+}  // namespace

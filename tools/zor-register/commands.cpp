@@ -1,0 +1,315 @@
+#include "tools/zor-register/commands.h"
+
+#include <tbb/global_control.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "tools/zor-register/mesh_files.h"
+#include "tools/zor-register/progress_bar.h"
+#include "tools/zor-register/sample_body.h"
+#include "zor/model/unit.h"
+
+namespace zortool {
+namespace {
+
+using Registration = MUserOperatorStlRegistration;
+using Json = nlohmann::ordered_json;
+
+constexpr const char *kStrategyNames[] = {"none", "auto", "axes", "rod", "disc", "ball"};
+
+void Warn(const CommonOptions &common, const std::vector<std::string> &lines) {
+  if (common.quiet) return;
+  for (const std::string &line : lines) std::fprintf(stderr, "zor-register: warning: %s\n", line.c_str());
+}
+
+// Caps the worker threads for the life of the object when `threads` is not 0.
+std::optional<tbb::global_control> LimitThreads(unsigned threads) {
+  if (threads == 0) return std::nullopt;
+  return std::make_optional<tbb::global_control>(tbb::global_control::max_allowed_parallelism, threads);
+}
+
+// Rotation angle (radians) and unit axis of the rotation part of `m`.
+double AngleAxis(const MMTransformMatrix &m, MMVector3d &axis) {
+  const auto e = [&](int r, int c) { return m.GetElement(r, c); };
+  axis = MMVector3d(e(2, 1) - e(1, 2), e(0, 2) - e(2, 0), e(1, 0) - e(0, 1));
+  const double angle = std::atan2(0.5 * Length(axis), 0.5 * (e(0, 0) + e(1, 1) + e(2, 2) - 1.0));
+  if (angle > 3.0) {
+    // Near a half turn the skew part vanishes; the axis is the largest column
+    // of R + I, signed to agree with what remains of the skew part.
+    int k = 0;
+    for (int i = 1; i < 3; ++i)
+      if (e(i, i) > e(k, k)) k = i;
+    MMVector3d column(e(0, k), e(1, k), e(2, k));
+    column[k] += 1.0;
+    if (Dot(column, axis) < 0.0) column = column * -1.0;
+    axis = column;
+  }
+  if (Normalize(axis) == 0.0) axis = MMVector3d(0, 0, 1);
+  return angle;
+}
+
+std::string DescribePose(const MMTransformMatrix &pose, double toUser) {
+  MMVector3d axis;
+  const double angle = AngleAxis(pose, axis) * 180.0 / M_PI;
+  const MMVector3d t = pose.GetTranslation() * toUser;
+  char text[200];
+  std::snprintf(text, sizeof text,
+                "turn %.6f deg about (%.6f, %.6f, %.6f), then shift (%.4f, "
+                "%.4f, %.4f) mm",
+                angle, axis[0], axis[1], axis[2], t[0], t[1], t[2]);
+  return text;
+}
+
+// The transform in file units: the rotation stands, the shift is divided by the
+// scale.
+double FileElement(const MMTransformMatrix &m, int r, int c, double toFile) {
+  return c == 3 && r < 3 ? m.GetElement(r, c) * toFile : m.GetElement(r, c);
+}
+
+// Runs `registration` with a progress bar when stderr is a terminal; a move
+// that would carry the moving mesh off the grid is the input's fault.
+void Operate(Registration &registration, const CommonOptions &common) {
+  if (!common.quiet && isatty(STDERR_FILENO)) registration.SetProgressDelegate(std::make_shared<ProgressBar>());
+  const auto limit = LimitThreads(common.threads);
+  try {
+    registration.Operate();
+  } catch (const std::out_of_range &e) {
+    throw InputError(std::string("the registration carried the moving mesh off the 32-bit grid (") + e.what() +
+                     "); try a smaller --scale");
+  }
+}
+
+void PrintStageTimes(const Registration::StageTimes &s) {
+  std::printf(
+      "time      %.3f s (reduction %.3f, sampling %.3f, index %.3f, "
+      "alignment %.3f, refinement %.3f; %llu "
+      "iterations)\n",
+      s.total, s.reduction, s.sampling, s.index, s.alignment, s.refinement,
+      static_cast<unsigned long long>(s.iterations));
+}
+
+Json StageTimesJson(const Registration::StageTimes &s) {
+  return Json{{"reduction", s.reduction}, {"sampling", s.sampling},     {"index", s.index},
+              {"alignment", s.alignment}, {"refinement", s.refinement}, {"total", s.total}};
+}
+
+Json MeshJson(const std::string &path, const LoadedMesh &m) {
+  return Json{{"file", path},
+              {"points", m.mesh->NumberOfPoints()},
+              {"triangles", m.mesh->GetNumberOfTriangles()},
+              {"vertices_joined", m.joined.pointsMerged},
+              {"degenerate_dropped", m.joined.trianglesSkipped}};
+}
+
+}  // namespace
+
+Registration::MParams ToolDefaults() {
+  Registration::MParams p;
+  p.initialAlignment = Registration::AlignAutomatic;
+  return p;
+}
+
+Registration::MParams DemoDefaults() {
+  Registration::MParams p = ToolDefaults();
+  p.overlapFraction = 1.0;
+  p.errorTolerance = 0.01;
+  return p;
+}
+
+const char *StrategyName(Registration::MInitialAlignment a) {
+  return a >= Registration::AlignNone && a <= Registration::AlignBall ? kStrategyNames[a] : "unknown";
+}
+
+bool ParseStrategy(const std::string &name, Registration::MInitialAlignment &out) {
+  for (int i = 0; i < 6; ++i)
+    if (name == kStrategyNames[i]) {
+      out = static_cast<Registration::MInitialAlignment>(i);
+      return true;
+    }
+  return false;
+}
+
+int RunAlign(const std::string &movingPath, const std::string &fixedPath, const std::string &output,
+             const Registration::MParams &params, const CommonOptions &common) {
+  if (!output.empty()) CheckOutputPath(output);
+  const LoadedMesh moving = ReadMesh(movingPath, common.scale);
+  Warn(common, moving.warnings);
+  const LoadedMesh fixed = ReadMesh(fixedPath, common.scale);
+  Warn(common, fixed.warnings);
+
+  Registration registration;
+  registration.SetAllParams(params);
+  registration.SetMovingStl(moving.mesh.get(), nullptr);
+  registration.SetFixedStl(fixed.mesh.get(), nullptr);
+  Operate(registration, common);
+
+  MMTransformMatrix transform;
+  registration.GetTransformation(transform);
+  const double toFile = 1.0 / (common.scale * MUnit::GetIE());
+  const double error = registration.GetError() / common.scale;
+  if (!output.empty()) WriteMesh(*moving.mesh, &transform, common.scale, output, common.ascii);
+
+  if (common.json) {
+    Json rows = Json::array();
+    for (int r = 0; r < 4; ++r) {
+      Json row = Json::array();
+      for (int c = 0; c < 4; ++c) row.push_back(FileElement(transform, r, c, toFile));
+      rows.push_back(row);
+    }
+    Json report{{"moving", MeshJson(movingPath, moving)},
+                {"fixed", MeshJson(fixedPath, fixed)},
+                {"transform", rows},
+                {"error", error},
+                {"inliers", registration.GetInlierCount()},
+                {"samples", params.sampleCount},
+                {"strategy", StrategyName(params.initialAlignment)},
+                {"strategy_used", StrategyName(registration.GetAlignmentUsed())},
+                {"iterations", registration.GetStageTimes().iterations},
+                {"seconds", StageTimesJson(registration.GetStageTimes())},
+                {"scale", common.scale}};
+    if (!output.empty()) report["output"] = output;
+    std::printf("%s\n", report.dump(2).c_str());
+    return 0;
+  }
+  for (const auto *side : {&moving, &fixed})
+    std::printf("%-9s %s: %zu points, %zu triangles\n", side == &moving ? "moving" : "fixed",
+                (side == &moving ? movingPath : fixedPath).c_str(), side->mesh->NumberOfPoints(),
+                side->mesh->GetNumberOfTriangles());
+  std::printf("strategy  %s", StrategyName(params.initialAlignment));
+  if (params.initialAlignment == Registration::AlignAutomatic)
+    std::printf(" (took %s)", StrategyName(registration.GetAlignmentUsed()));
+  std::printf(
+      "\ntransform moving onto fixed (row-major, points as column "
+      "vectors, file units):\n");
+  for (int r = 0; r < 4; ++r) {
+    for (int c = 0; c < 4; ++c) std::printf("%16.9f", FileElement(transform, r, c, toFile));
+    std::printf("\n");
+  }
+  std::printf("error     %.6g file units (mean distance of the %llu closest samples)\n", error,
+              static_cast<unsigned long long>(registration.GetInlierCount()));
+  PrintStageTimes(registration.GetStageTimes());
+  if (!output.empty()) std::printf("wrote     %s\n", output.c_str());
+  return 0;
+}
+
+int RunDemo(const DemoOptions &demo, const Registration::MParams &params, const CommonOptions &common) {
+  const int n = std::max(1, static_cast<int>(std::lround(std::sqrt(static_cast<double>(demo.triangles) / 12.0))));
+  const double ie = MUnit::GetIE();
+  const std::unique_ptr<MStlBase> body = MakeSampleBody(n);
+  const MMTransformMatrix pose = DrawPose(demo.seed, 40.0 * ie);
+  std::unique_ptr<MStlBase> copy(body->Clone(nullptr));
+  copy->Transform(pose);
+
+  std::printf(
+      "zor-register demo: a copy of a sample body, placed by a pose "
+      "drawn from seed %llu, registered back\n",
+      static_cast<unsigned long long>(demo.seed));
+  std::printf(
+      "sample body  %zu triangles, %zu points, %.1f x %.1f x %.1f mm "
+      "(built in code)\n",
+      body->GetNumberOfTriangles(), body->NumberOfPoints(), (body->GetXMax() - double(body->GetXMin())) / ie,
+      (body->GetYMax() - double(body->GetYMin())) / ie, (body->GetZMax() - double(body->GetZMin())) / ie);
+  std::fflush(stdout);
+
+  Registration registration;
+  registration.SetAllParams(params);
+  registration.SetMovingStl(copy.get(), nullptr);
+  registration.SetFixedStl(body.get(), nullptr);
+  Operate(registration, common);
+  MMTransformMatrix transform;
+  registration.GetTransformation(transform);
+
+  // The registration lays the copy back, so it undoes the pose: the pose it
+  // found is its inverse, and transform * pose would be the identity if it were
+  // exact.
+  const MMTransformMatrix found = transform.Inverted();
+  const MMTransformMatrix residue = transform * pose;
+  MMVector3d axis;
+  const double angle = AngleAxis(residue, axis) * 180.0 / M_PI;
+  MMVector3d centre(0.5 * (double(body->GetXMin()) + body->GetXMax()),
+                    0.5 * (double(body->GetYMin()) + body->GetYMax()),
+                    0.5 * (double(body->GetZMin()) + body->GetZMax()));
+  MMVector3d moved = centre;
+  residue.Transform(moved, false);
+
+  std::printf("true pose    %s\n", DescribePose(pose, 1.0 / ie).c_str());
+  std::printf("found pose   %s\n", DescribePose(found, 1.0 / ie).c_str());
+  std::printf("difference   %.6f deg, %.6f mm at the body's centre\n", angle, Length(moved - centre) / ie);
+  std::printf("registration strategy %s", StrategyName(params.initialAlignment));
+  if (params.initialAlignment == Registration::AlignAutomatic)
+    std::printf(" (took %s)", StrategyName(registration.GetAlignmentUsed()));
+  std::printf(", error %.6g mm over the %llu closest of %llu samples, %.3f s\n", registration.GetError(),
+              static_cast<unsigned long long>(registration.GetInlierCount()),
+              static_cast<unsigned long long>(params.sampleCount), registration.GetStageTimes().total);
+
+  if (!demo.saveFolder.empty()) {
+    namespace fs = std::filesystem;
+    std::error_code ec;
+    fs::create_directories(demo.saveFolder, ec);
+    if (ec) throw InputError("cannot make folder '" + demo.saveFolder + "': " + ec.message());
+    const std::string fixedPath = (fs::path(demo.saveFolder) / "fixed.stl").string();
+    const std::string movingPath = (fs::path(demo.saveFolder) / "moving.stl").string();
+    WriteMesh(*body, nullptr, common.scale, fixedPath, common.ascii);
+    WriteMesh(*copy, nullptr, common.scale, movingPath, common.ascii);
+    std::printf("saved        %s and %s; register them with\n", fixedPath.c_str(), movingPath.c_str());
+    std::printf(
+        "             zor-register align %s %s --overlap 1 "
+        "--error-tolerance 0.01\n",
+        movingPath.c_str(), fixedPath.c_str());
+  }
+  return 0;
+}
+
+int RunInfo(const std::string &path, const CommonOptions &common) {
+  const LoadedMesh m = ReadMesh(path, common.scale);
+  Warn(common, m.warnings);
+  const double toFile = 1.0 / (common.scale * MUnit::GetIE());
+  const MStlBase &mesh = *m.mesh;
+  const double low[3] = {mesh.GetXMin() * toFile, mesh.GetYMin() * toFile, mesh.GetZMin() * toFile};
+  const double high[3] = {mesh.GetXMax() * toFile, mesh.GetYMax() * toFile, mesh.GetZMax() * toFile};
+  const double area = mesh.SurfaceArea() * toFile * toFile;
+  if (common.json) {
+    Json report = MeshJson(path, m);
+    report["file_vertices"] = m.fileVertices;
+    report["file_triangles"] = m.fileTriangles;
+    report["min"] = {low[0], low[1], low[2]};
+    report["max"] = {high[0], high[1], high[2]};
+    report["area"] = area;
+    std::printf("%s\n", report.dump(2).c_str());
+    return 0;
+  }
+  std::printf("%s\n", path.c_str());
+  std::printf(
+      "  %zu points, %zu triangles (file: %zu vertices, %zu triangles; "
+      "%zu vertices joined, %zu degenerate "
+      "triangles dropped)\n",
+      mesh.NumberOfPoints(), mesh.GetNumberOfTriangles(), m.fileVertices, m.fileTriangles, m.joined.pointsMerged,
+      m.joined.trianglesSkipped);
+  std::printf(
+      "  from (%.6g, %.6g, %.6g) to (%.6g, %.6g, %.6g), area %.6g "
+      "(file units)\n",
+      low[0], low[1], low[2], high[0], high[1], high[2], area);
+  return 0;
+}
+
+int RunConvert(const std::string &input, const std::string &output, const CommonOptions &common) {
+  CheckOutputPath(output);
+  const LoadedMesh m = ReadMesh(input, common.scale);
+  Warn(common, m.warnings);
+  WriteMesh(*m.mesh, nullptr, common.scale, output, common.ascii);
+  if (!common.quiet)
+    std::printf("wrote %s: %zu points, %zu triangles\n", output.c_str(), m.mesh->NumberOfPoints(),
+                m.mesh->GetNumberOfTriangles());
+  return 0;
+}
+
+}  // namespace zortool

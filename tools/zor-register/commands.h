@@ -1,0 +1,45 @@
+#pragma once
+// The subcommands of zor-register, apart from argument parsing. Each returns
+// the program's exit status and throws InputError for bad input.
+
+#include <cstdint>
+#include <string>
+
+#include "zor/registration/user_operator_stl_registration.h"
+
+namespace zortool {
+
+struct CommonOptions {
+  double scale = 1.0;    // file units times scale are user units (millimetres)
+  bool quiet = false;    // no progress bar, no warnings
+  bool json = false;     // a machine-readable report on stdout
+  bool ascii = false;    // text STL and PLY output
+  unsigned threads = 0;  // 0: all cores
+};
+
+// The registration parameters as the tool sets them: the library's, except that
+// the strategy starts from the shapes alone (files come with no starting pose).
+MUserOperatorStlRegistration::MParams ToolDefaults();
+
+// Strategy names, and their values: "none", "auto", "axes", "rod", "disc",
+// "ball".
+const char *StrategyName(MUserOperatorStlRegistration::MInitialAlignment a);
+bool ParseStrategy(const std::string &name, MUserOperatorStlRegistration::MInitialAlignment &out);
+
+int RunAlign(const std::string &moving, const std::string &fixed, const std::string &output,
+             const MUserOperatorStlRegistration::MParams &params, const CommonOptions &common);
+
+struct DemoOptions {
+  std::uint64_t seed = 1;
+  std::uint64_t triangles = 50000;
+  std::string saveFolder;  // empty: save nothing
+};
+// The demo's parameters: the tool's, tightened for a copy that lies wholly on
+// the body.
+MUserOperatorStlRegistration::MParams DemoDefaults();
+int RunDemo(const DemoOptions &demo, const MUserOperatorStlRegistration::MParams &params, const CommonOptions &common);
+
+int RunInfo(const std::string &path, const CommonOptions &common);
+int RunConvert(const std::string &input, const std::string &output, const CommonOptions &common);
+
+}  // namespace zortool

@@ -1,0 +1,184 @@
+// zor-register: rigid registration of mesh files from the command line.
+//
+//   zor-register align MOVING FIXED [-o MOVED] [--json] [registration options]
+//   zor-register demo [--seed N] [--save DIR]        (also what runs with no
+//   arguments) zor-register info FILE | convert IN OUT
+//
+// Exit status: 0 done, 1 an unexpected failure, 2 bad input (one line on
+// stderr; no output file is left behind).
+#include <CLI/CLI.hpp>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <new>
+#include <string>
+
+#include "tools/zor-register/commands.h"
+#include "tools/zor-register/mesh_files.h"
+
+namespace {
+
+using namespace zortool;
+using Registration = MUserOperatorStlRegistration;
+
+// A finite number in [low, high], or in (low, high] when `openLow`.
+CLI::Validator Within(double low, double high, bool openLow) {
+  const std::string range = (openLow ? "(" : "[") + CLI::detail::to_string(low) + ", " +
+                            (std::isinf(high) ? std::string("inf") : CLI::detail::to_string(high)) + "]";
+  return CLI::Validator(
+      [=](std::string &text) -> std::string {
+        char *end = nullptr;
+        const double v = std::strtod(text.c_str(), &end);
+        if (end == text.c_str() || *end != '\0') return "'" + text + "' is not a number";
+        if (!std::isfinite(v) || v < low || (openLow && v <= low) || v > high)
+          return "'" + text + "' is outside " + range;
+        return std::string();
+      },
+      range);
+}
+
+void AddCommonOptions(CLI::App &cmd, CommonOptions &common, bool json) {
+  cmd.add_option("--scale", common.scale,
+                 "File units times this are millimetres (0.001 for micrometre "
+                 "files, 1000 for metres)")
+      ->check(Within(0.0, HUGE_VAL, true))
+      ->capture_default_str();
+  cmd.add_flag("-q,--quiet", common.quiet, "No progress bar and no warnings");
+  cmd.add_option("--threads", common.threads, "Worker threads (0: all cores)")->capture_default_str();
+  if (json) cmd.add_flag("--json", common.json, "Print a machine-readable report instead");
+}
+
+void AddRegistrationOptions(CLI::App &cmd, Registration::MParams &p, std::string &strategy) {
+  strategy = StrategyName(p.initialAlignment);
+  cmd.add_option("--strategy", strategy,
+                 "Initial alignment: none (meshes already roughly placed), "
+                 "auto (from the shapes' symmetry), "
+                 "axes, rod, disc or ball")
+      ->check(CLI::Validator(
+          [](std::string &s) -> std::string {
+            Registration::MInitialAlignment a;
+            return ParseStrategy(s, a) ? std::string()
+                                       : "unknown strategy '" + s + "' (none, auto, axes, rod, disc, ball)";
+          },
+          "STRATEGY"))
+      ->capture_default_str()
+      ->group("Registration");
+  const auto number = [&](const char *name, double &field, const char *help, double low, double high, bool openLow) {
+    cmd.add_option(name, field, help)->check(Within(low, high, openLow))->capture_default_str()->group("Registration");
+  };
+  const auto count = [&](const char *name, std::uint64_t &field, const char *help, std::uint64_t low) {
+    cmd.add_option(name, field, help)
+        ->check(Within(static_cast<double>(low), HUGE_VAL, false))
+        ->capture_default_str()
+        ->group("Registration");
+  };
+  count("--samples", p.sampleCount, "Samples drawn on the moving mesh", 1);
+  number("--overlap", p.overlapFraction, "Share of the samples expected to lie on the fixed mesh", 0.0, 1.0, true);
+  number("--error-tolerance", p.errorTolerance, "Refinement stops below this mean distance (mm)", 0.0, HUGE_VAL, false);
+  count("--iterations", p.iterationCount, "Refinement iterations at most (0: no refinement)", 0);
+  cmd.add_flag("!--no-reduce", p.reduceMeshes, "Work on the full meshes, not on reduced copies")->group("Registration");
+  number("--reduce-tolerance", p.reduceTolerance, "Largest distance the reduced copies may stray (mm)", 0.0, HUGE_VAL,
+         true);
+  number("--slide-step", p.slideStep, "Step of the slide along a long axis (mm)", 0.0, HUGE_VAL, true);
+  cmd.add_flag("--normals", p.useNormals, "Match with surface normals as well as distances")->group("Registration");
+  cmd.add_flag("--flip-normals", p.flipNormals, "Negate the moving mesh's normals (implies --normals)")
+      ->group("Registration");
+  number("--normal-radius", p.normalRadius, "Neighbourhood of the fitted normals (mm)", 0.0, HUGE_VAL, true);
+  number("--max-normal-angle", p.maxNormalAngle, "Largest angle between matched normals (degrees)", 0.0, 180.0, true);
+  number("--normal-weight", p.normalWeight, "Weight of the normals against the distance", 0.0, 1.0, false);
+  count("--sphere-rings", p.sphereRingSteps, "Latitude steps of the directions the ball strategy tries", 1);
+  count("--sphere-spins", p.sphereSpinSteps, "Turns about each direction the ball strategy tries", 1);
+  count("--axis-steps", p.axisRotationSteps, "Turns about a symmetry axis the rod and disc strategies try", 1);
+}
+
+int Fail(int status, const std::string &message) {
+  std::fprintf(stderr, "zor-register: %s\n", message.c_str());
+  return status;
+}
+
+int Run(int argc, char **argv) {
+  CLI::App app(
+      "Rigid registration of triangle meshes: finds the pose that "
+      "lays MOVING on FIXED, with no starting "
+      "pose needed.\nFiles: STL (text or binary), PLY, OBJ, OFF and "
+      "what else the importer reads; "
+      "coordinates in millimetres unless --scale says otherwise.",
+      "zor-register");
+  app.set_version_flag("--version", std::string("zor-register ") + ZOR_VERSION);
+  app.require_subcommand(1);
+
+  CommonOptions common;
+  Registration::MParams alignParams = ToolDefaults();
+  std::string alignStrategy, moving, fixed, output;
+  CLI::App *align = app.add_subcommand("align", "Register MOVING onto FIXED and print the transform and its error");
+  align->add_option("MOVING", moving, "The mesh to move")->required();
+  align->add_option("FIXED", fixed, "The mesh it is laid on")->required();
+  align->add_option("-o,--output", output, "Also write MOVING, moved, to this file (.stl, .ply, .obj or .off)");
+  align->add_flag("--ascii", common.ascii, "Write STL and PLY as text rather than binary");
+  AddCommonOptions(*align, common, true);
+  AddRegistrationOptions(*align, alignParams, alignStrategy);
+
+  DemoOptions demo;
+  Registration::MParams demoParams = DemoDefaults();
+  std::string demoStrategy;
+  CLI::App *demoCmd = app.add_subcommand("demo", "Register a built-in sample body back from a random pose");
+  demoCmd->add_option("--seed", demo.seed, "Seed of the pose")->capture_default_str();
+  demoCmd->add_option("--triangles", demo.triangles, "About this many triangles in the sample body")
+      ->check(Within(12, 2e7, false))
+      ->capture_default_str();
+  demoCmd->add_option("--save", demo.saveFolder, "Write the body and its copy to DIR/fixed.stl and DIR/moving.stl");
+  demoCmd->add_flag("--ascii", common.ascii, "Save STL as text rather than binary");
+  AddCommonOptions(*demoCmd, common, false);
+  AddRegistrationOptions(*demoCmd, demoParams, demoStrategy);
+
+  std::string infoPath;
+  CLI::App *info = app.add_subcommand("info", "Read a mesh file and print its size and extent");
+  info->add_option("FILE", infoPath, "The mesh file")->required();
+  AddCommonOptions(*info, common, true);
+
+  std::string convertIn, convertOut;
+  CLI::App *convert =
+      app.add_subcommand("convert", "Read a mesh file, join its vertices and write it in another format");
+  convert->add_option("INPUT", convertIn, "The mesh file to read")->required();
+  convert->add_option("OUTPUT", convertOut, "The file to write (.stl, .ply, .obj or .off)")->required();
+  convert->add_flag("--ascii", common.ascii, "Write STL and PLY as text rather than binary");
+  AddCommonOptions(*convert, common, false);
+
+  if (argc <= 1) return RunDemo(demo, demoParams, common);
+  const std::string first = argv[1];
+  if (first[0] != '-' && first != "align" && first != "demo" && first != "info" && first != "convert")
+    return Fail(2, "unknown command '" + first + "' (align, demo, info, convert; --help lists them)");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::Success &e) {
+    return app.exit(e);  // --help, --version
+  } catch (const CLI::ParseError &e) {
+    return Fail(2, e.what());
+  }
+
+  if (*align) {
+    ParseStrategy(alignStrategy, alignParams.initialAlignment);
+    return RunAlign(moving, fixed, output, alignParams, common);
+  }
+  if (*demoCmd) {
+    ParseStrategy(demoStrategy, demoParams.initialAlignment);
+    return RunDemo(demo, demoParams, common);
+  }
+  if (*info) return RunInfo(infoPath, common);
+  return RunConvert(convertIn, convertOut, common);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  try {
+    return Run(argc, argv);
+  } catch (const InputError &e) {
+    return Fail(2, e.what());
+  } catch (const std::bad_alloc &) {
+    return Fail(1, "out of memory");
+  } catch (const std::exception &e) {
+    return Fail(1, e.what());
+  }
+}

@@ -1,0 +1,361 @@
+#include "tools/zor-register/mesh_files.h"
+
+#include <assimp/postprocess.h>
+#include <assimp/scene.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <assimp/Importer.hpp>
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <string_view>
+
+#include "zor/model/stl_iterators.h"
+#include "zor/model/unit.h"
+
+namespace zortool {
+namespace {
+
+constexpr double kGridLimit = 2147483647.0;
+// Below this many grid steps across, rounding to the grid costs more than
+// 1/20000 of the mesh's size; above a quarter of the range, a move of the mesh
+// by its own size may carry it off the grid.
+constexpr double kFewSteps = 1.0e4;
+constexpr double kFarOut = 1073741824.0;  // 2^30
+constexpr double kComfortableSteps = 1.0e5;
+constexpr double kComfortableReach = 536870912.0;  // 2^29
+
+std::string Quoted(const std::string &path) { return "'" + path + "'"; }
+
+std::string Number(double v) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g", v);
+  return text;
+}
+
+// `scale` times the power of ten that brings `have` to at least `want` (up) or
+// at most `want` (down).
+double SuggestedScale(double scale, double have, double want, bool up) {
+  const double exponent = std::log10(want / have);
+  return scale * std::pow(10.0, up ? std::ceil(exponent) : std::floor(exponent));
+}
+
+std::string LowerExtension(const std::string &path) {
+  std::string ext = std::filesystem::path(path).extension().string();
+  std::transform(ext.begin(), ext.end(), ext.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return ext;
+}
+
+}  // namespace
+
+LoadedMesh ReadMesh(const std::string &path, double scale) {
+  std::error_code ec;
+  if (std::filesystem::is_directory(path, ec)) throw InputError("cannot read " + Quoted(path) + ": it is a directory");
+  {
+    std::ifstream probe(path, std::ios::binary);
+    if (!probe) throw InputError("cannot read " + Quoted(path) + ": " + std::strerror(errno));
+  }
+  Assimp::Importer importer;
+  // Polygons are triangulated; vertices are joined below on the grid, where
+  // equal means equal, whatever normals the file gives each corner.
+  const aiScene *scene = importer.ReadFile(path, aiProcess_Triangulate);
+  if (scene == nullptr) {
+    const std::string why = importer.GetErrorString();
+    // A file the importer understood but found no surface in.
+    if (why.find("no data") != std::string::npos || why.find("empty") != std::string::npos ||
+        why.find("no valid") != std::string::npos)
+      throw InputError(Quoted(path) + " has no triangles");
+    throw InputError("cannot read " + Quoted(path) + ": " + why);
+  }
+
+  const double toGrid = scale * MUnit::GetIE();
+  std::vector<double> xyz;
+  std::vector<std::uint32_t> indices;
+  double reach = 0.0;
+  // Each mesh of each node, placed by the node's transforms down from the root.
+  const auto addNode = [&](const auto &self, const aiNode *node, aiMatrix4x4 placement) -> void {
+    placement = placement * node->mTransformation;
+    for (unsigned i = 0; i < node->mNumMeshes; ++i) {
+      const aiMesh *mesh = scene->mMeshes[node->mMeshes[i]];
+      const std::size_t base = xyz.size() / 3;
+      for (unsigned v = 0; v < mesh->mNumVertices; ++v) {
+        const aiVector3D p = placement * mesh->mVertices[v];
+        for (int k = 0; k < 3; ++k) {
+          const double c = static_cast<double>(p[k]) * toGrid;
+          if (!std::isfinite(c))
+            throw InputError(Quoted(path) + ": vertex " + std::to_string(base + v + 1) +
+                             " has a coordinate that is not finite (" + Number(p[k]) + ")");
+          reach = std::max(reach, std::fabs(c));
+          xyz.push_back(c);
+        }
+      }
+      for (unsigned f = 0; f < mesh->mNumFaces; ++f) {
+        const aiFace &face = mesh->mFaces[f];
+        if (face.mNumIndices != 3) continue;  // points and lines carry no surface
+        for (int k = 0; k < 3; ++k) indices.push_back(static_cast<std::uint32_t>(base + face.mIndices[k]));
+      }
+    }
+    for (unsigned c = 0; c < node->mNumChildren; ++c) self(self, node->mChildren[c], placement);
+  };
+  if (scene->mRootNode != nullptr) addNode(addNode, scene->mRootNode, aiMatrix4x4());
+  if (indices.empty()) throw InputError(Quoted(path) + " has no triangles");
+  if (reach > kGridLimit)
+    throw InputError(Quoted(path) + ": coordinates reach " + Number(reach / toGrid) +
+                     ", past the 32-bit grid at scale " + Number(scale) + " (at most " + Number(kGridLimit / toGrid) +
+                     "); try --scale " + Number(SuggestedScale(scale, reach, kComfortableReach, false)));
+
+  LoadedMesh loaded;
+  loaded.fileVertices = xyz.size() / 3;
+  loaded.fileTriangles = indices.size() / 3;
+  loaded.mesh = BuildStl(xyz.data(), loaded.fileVertices, indices.data(), loaded.fileTriangles, &loaded.joined);
+  if (loaded.mesh->GetNumberOfTriangles() == 0)
+    throw InputError(Quoted(path) + " has no triangles with area: all " + std::to_string(loaded.fileTriangles) +
+                     " collapse on the grid at scale " + Number(scale) + "; try --scale " +
+                     Number(SuggestedScale(scale, std::max(reach, 1.0), kComfortableSteps, true)));
+  loaded.warnings = GridAdvice(Quoted(path), *loaded.mesh, scale);
+  return loaded;
+}
+
+std::vector<std::string> GridAdvice(const std::string &what, const MStlBase &mesh, double scale) {
+  std::vector<std::string> advice;
+  const double dx = double(mesh.GetXMax()) - mesh.GetXMin(), dy = double(mesh.GetYMax()) - mesh.GetYMin(),
+               dz = double(mesh.GetZMax()) - mesh.GetZMin();
+  const double steps = std::sqrt(dx * dx + dy * dy + dz * dz);
+  const double step = 1.0 / (scale * MUnit::GetIE());
+  if (steps < kFewSteps)
+    advice.push_back(what + " spans only " + Number(std::round(steps)) + " grid steps of " + Number(step) +
+                     " file units; rounding to the grid costs accuracy; try --scale " +
+                     Number(SuggestedScale(scale, std::max(steps, 1.0), kComfortableSteps, true)));
+  double reach = 0.0;
+  for (double c : {double(mesh.GetXMin()), double(mesh.GetYMin()), double(mesh.GetZMin()), double(mesh.GetXMax()),
+                   double(mesh.GetYMax()), double(mesh.GetZMax())})
+    reach = std::max(reach, std::fabs(c));
+  if (reach > kFarOut)
+    advice.push_back(what + " reaches " + Number(reach * step) + " file units, near the edge of the 32-bit grid (" +
+                     Number(kGridLimit * step) + "); a move may carry it off; try --scale " +
+                     Number(SuggestedScale(scale, reach, kComfortableReach, false)));
+  return advice;
+}
+
+MeshFormat CheckOutputPath(const std::string &path) {
+  const std::string ext = LowerExtension(path);
+  MeshFormat format;
+  if (ext == ".stl")
+    format = MeshFormat::Stl;
+  else if (ext == ".ply")
+    format = MeshFormat::Ply;
+  else if (ext == ".obj")
+    format = MeshFormat::Obj;
+  else if (ext == ".off")
+    format = MeshFormat::Off;
+  else
+    throw InputError("cannot write " + Quoted(path) + ": unknown format " +
+                     (ext.empty() ? "(no extension)" : Quoted(ext)) + "; use .stl, .ply, .obj or .off");
+  const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+  std::error_code ec;
+  if (!folder.empty() && !std::filesystem::is_directory(folder, ec))
+    throw InputError("cannot write " + Quoted(path) + ": no folder " + Quoted(folder.string()));
+  return format;
+}
+
+namespace {
+
+// A file written under a temporary name beside its destination and renamed over
+// it by Commit; dropped without Commit (or on any failure), it leaves nothing
+// behind.
+class AtomicFile {
+ public:
+  explicit AtomicFile(const std::string &destination) : target(destination) {
+    const std::filesystem::path p(destination);
+    temporary = (p.parent_path() / ("." + p.filename().string() + ".XXXXXX")).string();
+    const int fd = mkstemp(temporary.data());
+    if (fd < 0) Fail();
+    // mkstemp makes the file private; give it the mode a plain create would.
+    const mode_t mask = umask(0);
+    umask(mask);
+    fchmod(fd, 0666 & ~mask);
+    file = fdopen(fd, "wb");
+    if (file == nullptr) {
+      close(fd);
+      Fail();
+    }
+    buffer.reserve(kChunk + 256);
+  }
+  ~AtomicFile() {
+    if (file != nullptr) std::fclose(file);
+    if (!committed && !temporary.empty()) std::remove(temporary.c_str());
+  }
+  AtomicFile(const AtomicFile &) = delete;
+  AtomicFile &operator=(const AtomicFile &) = delete;
+
+  void Append(std::string_view s) {
+    buffer.append(s);
+    if (buffer.size() >= kChunk) Flush();
+  }
+  // The shortest text that reads back as the same double.
+  void Append(double v) {
+    char text[32];
+    const auto end = std::to_chars(text, text + sizeof text, v == 0.0 ? 0.0 : v).ptr;  // no "-0"
+    Append(std::string_view(text, static_cast<std::size_t>(end - text)));
+  }
+  void Append(std::uint64_t v) {
+    char text[24];
+    const auto end = std::to_chars(text, text + sizeof text, v).ptr;
+    Append(std::string_view(text, static_cast<std::size_t>(end - text)));
+  }
+  template <typename T>
+  void AppendRaw(T v) {  // little-endian, as binary STL and our binary PLY header say
+    static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "binary mesh writers assume a little-endian machine");
+    char bytes[sizeof(T)];
+    std::memcpy(bytes, &v, sizeof(T));
+    Append(std::string_view(bytes, sizeof(T)));
+  }
+
+  void Commit() {
+    Flush();
+    if (std::fflush(file) != 0 || fsync(fileno(file)) != 0) Fail();
+    const int closed = std::fclose(file);
+    file = nullptr;
+    if (closed != 0 || std::rename(temporary.c_str(), target.c_str()) != 0) Fail();
+    committed = true;
+  }
+
+ private:
+  static constexpr std::size_t kChunk = 1 << 20;
+  void Flush() {
+    if (!buffer.empty() && std::fwrite(buffer.data(), 1, buffer.size(), file) != buffer.size()) Fail();
+    buffer.clear();
+  }
+  [[noreturn]] void Fail() { throw InputError("cannot write " + Quoted(target) + ": " + std::strerror(errno)); }
+
+  std::string target;
+  std::string temporary;
+  std::FILE *file = nullptr;
+  std::string buffer;
+  bool committed = false;
+};
+
+}  // namespace
+
+void WriteMesh(const MStlBase &mesh, const MMTransformMatrix *pose, double scale, const std::string &path, bool ascii) {
+  const MeshFormat format = CheckOutputPath(path);
+  // Divided rather than multiplied by the reciprocal: grid points then print as
+  // the short decimals they are (29144 / 1000 is 29.144; 29144 * 0.001 is not).
+  const double gridPerFileUnit = scale * MUnit::GetIE();
+
+  // Points numbered in list order, moved and in file units.
+  std::vector<std::uint32_t> number(mesh.GetMasks().GetPointMaskSize());
+  std::vector<MMVector3d> points;
+  points.reserve(mesh.NumberOfPoints());
+  for (auto it = mesh.BeginPoint(); it != mesh.EndPoint(); ++it) {
+    number[it->GetMaskIndex()] = static_cast<std::uint32_t>(points.size());
+    MMVector3d p = it->GetDouble();
+    if (pose != nullptr) pose->Transform(p, false);
+    points.emplace_back(p[0] / gridPerFileUnit, p[1] / gridPerFileUnit, p[2] / gridPerFileUnit);
+  }
+  std::vector<std::uint32_t> triangles;
+  triangles.reserve(3 * mesh.GetNumberOfTriangles());
+  for (auto it = mesh.BeginTriangle(); it != mesh.EndTriangle(); ++it)
+    for (std::size_t k = 0; k < 3; ++k) triangles.push_back(number[it->GetPoint(k)->GetMaskIndex()]);
+  const std::uint64_t pointCount = points.size(), triangleCount = triangles.size() / 3;
+
+  AtomicFile out(path);
+  const auto normal = [&](std::size_t t) {
+    const MMVector3d &a = points[triangles[3 * t]];
+    MMVector3d n = Cross(points[triangles[3 * t + 1]] - a, points[triangles[3 * t + 2]] - a);
+    Normalize(n);
+    return n;
+  };
+  const auto appendPoint = [&](const char *prefix, const MMVector3d &p) {
+    out.Append(prefix);
+    for (int k = 0; k < 3; ++k) {
+      if (k > 0) out.Append(" ");
+      out.Append(p[k]);
+    }
+    out.Append("\n");
+  };
+  const auto appendTriangle = [&](const char *prefix, std::size_t t, std::uint32_t first) {
+    out.Append(prefix);
+    for (int k = 0; k < 3; ++k) {
+      if (k > 0) out.Append(" ");
+      out.Append(std::uint64_t{triangles[3 * t + k]} + first);
+    }
+    out.Append("\n");
+  };
+
+  switch (format) {
+    case MeshFormat::Stl:
+      if (ascii) {
+        out.Append("solid zor-register\n");
+        for (std::size_t t = 0; t < triangleCount; ++t) {
+          appendPoint("facet normal ", normal(t));
+          out.Append("outer loop\n");
+          for (int k = 0; k < 3; ++k) appendPoint("vertex ", points[triangles[3 * t + k]]);
+          out.Append("endloop\nendfacet\n");
+        }
+        out.Append("endsolid zor-register\n");
+      } else {
+        char header[80] = "binary STL written by zor-register";
+        out.Append(std::string_view(header, sizeof header));
+        if (triangleCount > std::numeric_limits<std::uint32_t>::max())
+          throw InputError("cannot write " + Quoted(path) + ": binary STL holds at most 2^32 - 1 triangles");
+        out.AppendRaw(static_cast<std::uint32_t>(triangleCount));
+        for (std::size_t t = 0; t < triangleCount; ++t) {
+          const MMVector3d n = normal(t);
+          for (int k = 0; k < 3; ++k) out.AppendRaw(static_cast<float>(n[k]));
+          for (int c = 0; c < 3; ++c)
+            for (int k = 0; k < 3; ++k) out.AppendRaw(static_cast<float>(points[triangles[3 * t + c]][k]));
+          out.AppendRaw(std::uint16_t{0});
+        }
+      }
+      break;
+    case MeshFormat::Ply:
+      out.Append(ascii ? "ply\nformat ascii 1.0\n" : "ply\nformat binary_little_endian 1.0\n");
+      out.Append("comment written by zor-register\nelement vertex ");
+      out.Append(pointCount);
+      out.Append(
+          "\nproperty double x\nproperty double y\nproperty double "
+          "z\nelement face ");
+      out.Append(triangleCount);
+      out.Append("\nproperty list uchar uint vertex_indices\nend_header\n");
+      if (ascii) {
+        for (const MMVector3d &p : points) appendPoint("", p);
+        for (std::size_t t = 0; t < triangleCount; ++t) appendTriangle("3 ", t, 0);
+      } else {
+        for (const MMVector3d &p : points)
+          for (int k = 0; k < 3; ++k) out.AppendRaw(p[k]);
+        for (std::size_t t = 0; t < triangleCount; ++t) {
+          out.AppendRaw(std::uint8_t{3});
+          for (int k = 0; k < 3; ++k) out.AppendRaw(triangles[3 * t + k]);
+        }
+      }
+      break;
+    case MeshFormat::Obj:
+      out.Append("# written by zor-register\n");
+      for (const MMVector3d &p : points) appendPoint("v ", p);
+      for (std::size_t t = 0; t < triangleCount; ++t) appendTriangle("f ", t, 1);
+      break;
+    case MeshFormat::Off:
+      out.Append("OFF\n");
+      out.Append(pointCount);
+      out.Append(" ");
+      out.Append(triangleCount);
+      out.Append(" 0\n");
+      for (const MMVector3d &p : points) appendPoint("", p);
+      for (std::size_t t = 0; t < triangleCount; ++t) appendTriangle("3 ", t, 0);
+      break;
+  }
+  out.Commit();
+}
+
+}  // namespace zortool

@@ -1,0 +1,62 @@
+#pragma once
+// Mesh files for the command-line tool: reading any format the importer knows
+// into a joined mesh on the integer grid, and writing STL, PLY, OBJ or OFF
+// whole or not at all.
+//
+// Coordinates in files are file units. On the way in they are multiplied by
+// `scale` (giving user units, millimetres for the default parameters) and by
+// MUnit::GetIE() (giving grid units); on the way out they are divided by both.
+
+#include <cstddef>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "zor/model/mesh_builder.h"
+#include "zor/model/stl_base.h"
+#include "zor/model/transform.h"
+
+namespace zortool {
+
+// Bad input from the user: the message is one line and the program exits with
+// status 2.
+class InputError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+struct LoadedMesh {
+  std::unique_ptr<MStlBase> mesh;
+  std::size_t fileVertices = 0;       // vertices as the file (after triangulation) has them
+  std::size_t fileTriangles = 0;      // triangles read, before degenerate ones were dropped
+  MStlBuildReport joined;             // vertices joined and degenerate triangles dropped
+  std::vector<std::string> warnings;  // grid advice, one line each
+};
+
+// Reads `path` and builds its mesh. Throws InputError when the file is missing
+// or unreadable, holds no triangle, or has a coordinate that is not finite or
+// that leaves the 32-bit grid at this scale (the message then suggests a
+// --scale).
+LoadedMesh ReadMesh(const std::string &path, double scale);
+
+// Advice when a mesh spans so few grid steps that rounding costs accuracy, or
+// lies so far out that a move could carry it off the grid: one line each,
+// naming a --scale.
+std::vector<std::string> GridAdvice(const std::string &what, const MStlBase &mesh, double scale);
+
+enum class MeshFormat { Stl, Ply, Obj, Off };
+
+// The format the extension of `path` names (any case). Throws InputError for
+// another extension, or when the folder that should hold the file does not
+// exist.
+MeshFormat CheckOutputPath(const std::string &path);
+
+// Writes `mesh`, moved by `pose` when it is not null, to `path` in the format
+// its extension names: binary STL and PLY unless `ascii`. The file is written
+// beside its destination under a temporary name and renamed over it at the end,
+// so a reader never sees half a file and a failure leaves nothing behind.
+// Throws InputError when the file cannot be written.
+void WriteMesh(const MStlBase &mesh, const MMTransformMatrix *pose, double scale, const std::string &path, bool ascii);
+
+}  // namespace zortool
