@@ -108,6 +108,7 @@ LoadedMesh ReadMesh(const std::string &path, double scale) {
     for (unsigned c = 0; c < node->mNumChildren; ++c) self(self, node->mChildren[c], placement);
   };
   if (scene->mRootNode != nullptr) addNode(addNode, scene->mRootNode, aiMatrix4x4());
+  importer.FreeScene();  // the copy above is all that is needed from here on
   if (indices.empty()) throw InputError(Quoted(path) + " has no triangles");
   if (reach > kGridLimit)
     throw InputError(Quoted(path) + ": coordinates reach " + Number(reach / toGrid) +
