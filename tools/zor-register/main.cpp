@@ -7,12 +7,14 @@
 // Exit status: 0 done, 1 an unexpected failure, 2 bad input (one line on
 // stderr; no output file is left behind).
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "tools/zor-register/commands.h"
 #include "tools/zor-register/mesh_files.h"
@@ -146,11 +148,18 @@ int Run(int argc, char **argv) {
   AddCommonOptions(*convert, common, false);
 
   if (argc <= 1) return RunDemo(demo, demoParams, common);
-  const std::string first = argv[1];
+  // "help" and "help COMMAND" read as "--help" and "COMMAND --help", as in git.
+  std::vector<std::string> args(argv + 1, argv + argc);
+  if (args[0] == "help") {
+    args.erase(args.begin());
+    args.push_back("--help");
+  }
+  const std::string& first = args[0];
   if (first[0] != '-' && first != "align" && first != "demo" && first != "info" && first != "convert")
     return Fail(2, "unknown command '" + first + "' (align, demo, info, convert; --help lists them)");
   try {
-    app.parse(argc, argv);
+    std::reverse(args.begin(), args.end());  // the parser takes its arguments last first
+    app.parse(args);
   } catch (const CLI::Success &e) {
     return app.exit(e);  // --help, --version
   } catch (const CLI::ParseError &e) {
