@@ -1,0 +1,64 @@
+// Speed of the command-line tool's mesh files: the sample body written and read back in
+// each format, reading counted from the file to the joined mesh on the grid. Prints the
+// median of three runs per case.
+//
+//   bench_mesh_files [TRIANGLES ...]      (default: 100000 1000000)
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "tools/zor-register/mesh_files.h"
+#include "tools/zor-register/sample_body.h"
+
+namespace {
+
+template <typename Work>
+double MedianSeconds(Work work) {
+  std::vector<double> seconds;
+  for (int run = 0; run < 3; ++run) {
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    seconds.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+  }
+  std::sort(seconds.begin(), seconds.end());
+  return seconds[1];
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<long> sizes;
+  for (int i = 1; i < argc; ++i) sizes.push_back(std::atol(argv[i]));
+  if (sizes.empty()) sizes = {100000, 1000000};
+  const std::filesystem::path folder = std::filesystem::temp_directory_path() / "zor_bench_mesh_files";
+  std::filesystem::create_directories(folder);
+
+  std::printf("%-10s %-11s %9s %9s %9s %10s\n", "triangles", "format", "MB", "write s", "read s", "read MB/s");
+  for (long size : sizes) {
+    const int n = std::max(1, static_cast<int>(std::lround(std::sqrt(size / 12.0))));
+    const auto body = zortool::MakeSampleBody(n);
+    const struct {
+      const char* name;
+      const char* file;
+      bool ascii;
+    } formats[] = {{"stl binary", "body.stl", false}, {"stl text", "text.stl", true}, {"ply binary", "body.ply", false},
+                   {"ply text", "text.ply", true},    {"obj", "body.obj", true},        {"off", "body.off", true}};
+    for (const auto& f : formats) {
+      const std::string path = (folder / f.file).string();
+      const double write = MedianSeconds([&] { zortool::WriteMesh(*body, nullptr, 1.0, path, f.ascii); });
+      std::size_t triangles = 0;
+      const double read = MedianSeconds([&] { triangles = zortool::ReadMesh(path, 1.0).mesh->GetNumberOfTriangles(); });
+      if (triangles != body->GetNumberOfTriangles()) std::printf("  (read back %zu triangles)\n", triangles);
+      const double mb = std::filesystem::file_size(path) / 1e6;
+      std::printf("%-10zu %-11s %9.1f %9.3f %9.3f %10.0f\n", body->GetNumberOfTriangles(), f.name, mb, write, read,
+                  mb / read);
+    }
+  }
+  std::filesystem::remove_all(folder);
+  return 0;
+}
