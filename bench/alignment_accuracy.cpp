@@ -144,13 +144,14 @@ double RmsToSurface(const MStlBase& moving, const MMTransformMatrix& found,
   points.reserve(moving.NumberOfPoints());
   for (auto it = moving.BeginPoint(); it != moving.EndPoint(); ++it) points.push_back(it->GetDouble());
   std::vector<double> squared(points.size());
-  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, points.size(), 256), [&](const tbb::blocked_range<std::size_t>& r) {
+  const auto measureRange = [&](const tbb::blocked_range<std::size_t>& r) {
     for (std::size_t i = r.begin(); i != r.end(); ++i) {
       MMVector3d p = points[i], c;
       found.Transform(p, false);
       squared[i] = fixed.FindClosest(p, c) ? Length2(p - c) : 1e300;
     }
-  });
+  };
+  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, points.size(), 256), measureRange);
   double sum = 0.0;
   for (double s : squared) sum += s;
   return std::sqrt(sum / static_cast<double>(std::max<std::size_t>(1, points.size())));

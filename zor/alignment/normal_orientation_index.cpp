@@ -148,7 +148,7 @@ void NormalOrientationIndex::_ComputePointNormals() {
     prototype.curvatureKind = 1;
     prototype.Initialise(MStlBaseContainer(editable));
     tbb::enumerable_thread_specific<std::unique_ptr<SurfacePatchEvaluator>> workers;
-    tbb::parallel_for(tbb::blocked_range<std::size_t>(0, seeds.size(), 64), [&](const tbb::blocked_range<std::size_t>& r) {
+    const auto fitRange = [&](const tbb::blocked_range<std::size_t>& r) {
       std::unique_ptr<SurfacePatchEvaluator>& evaluator = workers.local();
       if (!evaluator) evaluator = prototype.CloneForAnotherThread();
       for (std::size_t i = r.begin(); i != r.end(); ++i) {
@@ -156,13 +156,14 @@ void NormalOrientationIndex::_ComputePointNormals() {
         bary[seeds[i].corner] = 1.0;
         pointNormals->SetInfo(*seeds[i].point, evaluator->Evaluate(seeds[i].triangle, bary, false, 0.0).normal);
       }
-    });
+    };
+    tbb::parallel_for(tbb::blocked_range<std::size_t>(0, seeds.size(), 64), fitRange);
     return;
   }
 
   MStlBaseMaskOperatorComputePointNormalVectors fans;
   fans.SetMethod(ePointNormalMethod(2));
-  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, seeds.size(), 256), [&](const tbb::blocked_range<std::size_t>& r) {
+  const auto blendRange = [&](const tbb::blocked_range<std::size_t>& r) {
     for (std::size_t i = r.begin(); i != r.end(); ++i) {
       const MStlTriangle* t = seeds[i].triangle;
       double bary[3] = {0.0, 0.0, 0.0};
@@ -177,7 +178,8 @@ void NormalOrientationIndex::_ComputePointNormals() {
       const double length = Length(sum);
       pointNormals->SetInfo(*seeds[i].point, length == 0.0 ? t->GetNormal() : sum / length);
     }
-  });
+  };
+  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, seeds.size(), 256), blendRange);
 }
 
 void NormalOrientationIndex::Build(const MStlBase& m) {
@@ -196,7 +198,7 @@ void NormalOrientationIndex::Build(const MStlBase& m) {
   const std::vector<const MStlTriangle*> triangles = TrianglesOf(m);
   const std::uint64_t last = parameters.rowCount - 1;
   std::vector<std::uint64_t> cellOf(triangles.size());
-  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, triangles.size(), 1024), [&](const tbb::blocked_range<std::size_t>& r) {
+  const auto bucketRange = [&](const tbb::blocked_range<std::size_t>& r) {
     for (std::size_t i = r.begin(); i != r.end(); ++i) {
       const MStlTriangle* t = triangles[i];
       MMVector3d sum = pointNormals->GetInfo(*t->GetPoint(0)) + pointNormals->GetInfo(*t->GetPoint(1)) +
@@ -217,7 +219,8 @@ void NormalOrientationIndex::Build(const MStlBase& m) {
       const std::uint64_t n = cellsOfRow.size();
       cellOf[i] = cellsOfRow[RoundToIndex((phi / kTwoPi) * static_cast<double>(n)) % n];
     }
-  });
+  };
+  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, triangles.size(), 1024), bucketRange);
 
   // Counting sort by cell keeps the triangle order within each cell.
   cellStart.assign(cellDirections.size() + 1, 0);

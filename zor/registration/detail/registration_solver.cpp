@@ -46,7 +46,7 @@ void RegistrationSolver::MatchSamples() {
   const bool useHints = closestIsSurface && !hasNormals;
   const MeshQueries::TriangleTreeHolder* tree = hasNormals ? nullptr : index->GetClosestTree();
   constexpr double kUnbounded = std::numeric_limits<double>::infinity();
-  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, points.size(), 16), [&](const tbb::blocked_range<std::size_t>& r) {
+  const auto matchRange = [&](const tbb::blocked_range<std::size_t>& r) {
     for (std::size_t i = r.begin(); i != r.end(); ++i) {
       PointToMove& record = points[i];
       MMVector3d c;
@@ -66,7 +66,8 @@ void RegistrationSolver::MatchSamples() {
       record.closest = c;
       record.distance = found ? Length(record.position - c) : kUnmatched;
     }
-  });
+  };
+  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, points.size(), 16), matchRange);
   matched = true;
   closestIsSurface = true;
 }
