@@ -98,14 +98,15 @@ bool ParseOptions(int argc, char** argv, Options& o) {
       o.shapes.clear();
       for (const std::string& s : Split(value)) {
         bool known = false;
-        for (Shape shape : {Shape::Featured, Shape::Box, Shape::Rod, Shape::Disc, Shape::Ball, Shape::Bumpy, Shape::Smooth})
+        for (Shape shape :
+             {Shape::Featured, Shape::Box, Shape::Rod, Shape::Disc, Shape::Ball, Shape::Bumpy, Shape::Smooth})
           if (s == ShapeName(shape)) o.shapes.push_back(shape), known = true;
         if (!known) return false;
       }
     } else if (flag == "--strategy") {
       bool known = false;
-      for (Op::MInitialAlignment a : {Op::AlignNone, Op::AlignAutomatic, Op::AlignAxes, Op::AlignRod, Op::AlignDisc,
-                                      Op::AlignBall})
+      for (Op::MInitialAlignment a :
+           {Op::AlignNone, Op::AlignAutomatic, Op::AlignAxes, Op::AlignRod, Op::AlignDisc, Op::AlignBall})
         if (std::string(value) == StrategyName(a)) o.strategy = a, known = true;
       if (!known) return false;
     } else {
@@ -128,10 +129,22 @@ MMTransformMatrix UniformPose(std::mt19937& rng, double maxShift) {
   const double w = q[0], x = q[1], y = q[2], z = q[3];
   MMVector3d shift(gauss(rng), gauss(rng), gauss(rng));
   shift *= maxShift * std::cbrt(unit(rng)) / Length(shift);
-  const double rows[16] = {1 - 2 * (y * y + z * z), 2 * (x * y - w * z),     2 * (x * z + w * y),     shift[0],
-                           2 * (x * y + w * z),     1 - 2 * (x * x + z * z), 2 * (y * z - w * x),     shift[1],
-                           2 * (x * z - w * y),     2 * (y * z + w * x),     1 - 2 * (x * x + y * y), shift[2],
-                           0, 0, 0, 1};
+  const double rows[16] = {1 - 2 * (y * y + z * z),
+                           2 * (x * y - w * z),
+                           2 * (x * z + w * y),
+                           shift[0],
+                           2 * (x * y + w * z),
+                           1 - 2 * (x * x + z * z),
+                           2 * (y * z - w * x),
+                           shift[1],
+                           2 * (x * z - w * y),
+                           2 * (y * z + w * x),
+                           1 - 2 * (x * x + y * y),
+                           shift[2],
+                           0,
+                           0,
+                           0,
+                           1};
   MMTransformMatrix pose;
   pose.MakeFromDouble16(rows);
   return pose;
@@ -216,10 +229,10 @@ void RunShape(const Options& o, Shape shape, long size) {
     }
     std::string strategies;
     for (const auto& [name, n] : used) strategies += (strategies.empty() ? "" : " ") + name + ":" + std::to_string(n);
-    std::printf("| %-8s | %7ld | %-13s | %-18s | %3d/%-3d | %8.1f | %8.1f | %6.3f | %6.3f | %6.3f |\n", ShapeName(shape),
-                static_cast<long>(fixed->GetNumberOfTriangles()), c.name, strategies.c_str(), recovered, o.poses,
-                Median(times), Median(alignTimes), Median(rms) / 1000.0, *std::max_element(rms.begin(), rms.end()) / 1000.0,
-                threshold / 1000.0);
+    std::printf("| %-8s | %7ld | %-13s | %-18s | %3d/%-3d | %8.1f | %8.1f | %6.3f | %6.3f | %6.3f |\n",
+                ShapeName(shape), static_cast<long>(fixed->GetNumberOfTriangles()), c.name, strategies.c_str(),
+                recovered, o.poses, Median(times), Median(alignTimes), Median(rms) / 1000.0,
+                *std::max_element(rms.begin(), rms.end()) / 1000.0, threshold / 1000.0);
     std::fflush(stdout);
   }
 }
@@ -229,15 +242,19 @@ void RunShape(const Options& o, Shape shape, long size) {
 int main(int argc, char** argv) {
   Options o;
   if (!ParseOptions(argc, argv, o) || o.poses < 1 || o.threads < 1) {
-    std::fprintf(stderr,
-                 "usage: bench_alignment [--sizes 10000,100000] [--poses 50] [--threads 2]\n"
-                 "                       [--shapes featured,box,rod,disc,ball] [--strategy auto|none|axes|rod|disc|ball]\n"
-                 "                       [--tolerance 0.1] [--overlap 0.8] [--failures]\n");
+    std::fprintf(
+        stderr,
+        "usage: bench_alignment [--sizes 10000,100000] [--poses 50] [--threads 2]\n"
+        "                       [--shapes featured,box,rod,disc,ball] [--strategy auto|none|axes|rod|disc|ball]\n"
+        "                       [--tolerance 0.1] [--overlap 0.8] [--failures]\n");
     return 2;
   }
-  std::printf("strategy %s, %d poses, %d threads, errorTolerance %g mm, overlapFraction %g; rms in mm; times median ms\n\n",
-              StrategyName(o.strategy), o.poses, o.threads, o.errorTolerance, o.overlap);
-  std::printf("| body     | triangles | case          | strategy used      | recovered | Operate | alignment | rms median | rms worst | threshold |\n");
+  std::printf(
+      "strategy %s, %d poses, %d threads, errorTolerance %g mm, overlapFraction %g; rms in mm; times median ms\n\n",
+      StrategyName(o.strategy), o.poses, o.threads, o.errorTolerance, o.overlap);
+  std::printf(
+      "| body     | triangles | case          | strategy used      | recovered | Operate | alignment | rms median | "
+      "rms worst | threshold |\n");
   std::printf("|---|---|---|---|---|---|---|---|---|---|\n");
   tbb::task_arena arena(o.threads);
   arena.execute([&] {

@@ -5,15 +5,6 @@
 //
 // Build with -DZOR_BUILD_COMPARISONS=ON (needs libembree-dev, libcgal-dev,
 // libnanoflann-dev). Run: build/release/bench/compare_spatial [queries]
-#include <CGAL/AABB_traits.h>
-#include <CGAL/AABB_tree.h>
-#include <CGAL/AABB_triangle_primitive.h>
-#include <CGAL/Simple_cartesian.h>
-#include <embree3/rtcore.h>
-#include <tbb/blocked_range.h>
-#include <tbb/parallel_for.h>
-#include <tbb/task_arena.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -21,9 +12,18 @@
 #include <cstdlib>
 #include <functional>
 #include <limits>
-#include <nanoflann.hpp>
 #include <string>
 #include <vector>
+
+#include <CGAL/AABB_traits.h>
+#include <CGAL/AABB_tree.h>
+#include <CGAL/AABB_triangle_primitive.h>
+#include <CGAL/Simple_cartesian.h>
+#include <embree3/rtcore.h>
+#include <nanoflann.hpp>
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+#include <tbb/task_arena.h>
 
 #include "bench/support/scan_like_mesh.h"
 #include "zor/model/stl.h"
@@ -142,10 +142,10 @@ void CompareTriangles(std::int64_t triangles, std::size_t queryCount) {
     const double oursBuild = BestSeconds(3, [&] { arena.execute([&] { holder.Build(); }); });
     const auto oursQuery = [&](std::size_t b, std::size_t e) {
       for (std::size_t i = b; i < e; ++i)
-        ours[i] = MeshQueries::FindNearestTriangle(
-                      holder, MMVector3d(queries[3 * i], queries[3 * i + 1], queries[3 * i + 2]),
-                      std::numeric_limits<double>::infinity())
-                      .second;
+        ours[i] =
+            MeshQueries::FindNearestTriangle(holder, MMVector3d(queries[3 * i], queries[3 * i + 1], queries[3 * i + 2]),
+                                             std::numeric_limits<double>::infinity())
+                .second;
     };
     const double oursTime = BestSeconds(2, [&] { ParallelQueries(threads, queryCount, oursQuery); });
 
@@ -216,10 +216,10 @@ void ComparePoints(std::int64_t points, std::size_t queryCount) {
   std::vector<MeshQueries::MeshVertex> vertices;
   Cloud cloud;
   for (std::size_t i = 0; i < arrays.xyz.size(); i += 3) {
-    vertices.push_back(MeshQueries::MeshVertex{{static_cast<std::int32_t>(arrays.xyz[i]),
-                                                static_cast<std::int32_t>(arrays.xyz[i + 1]),
-                                                static_cast<std::int32_t>(arrays.xyz[i + 2])},
-                                               nullptr});
+    vertices.push_back(
+        MeshQueries::MeshVertex{{static_cast<std::int32_t>(arrays.xyz[i]), static_cast<std::int32_t>(arrays.xyz[i + 1]),
+                                 static_cast<std::int32_t>(arrays.xyz[i + 2])},
+                                nullptr});
     zorbench::Push3(cloud.xyz, arrays.xyz[i], arrays.xyz[i + 1], arrays.xyz[i + 2]);
   }
   const std::string name = std::to_string(vertices.size() / 1000) + "k points";
@@ -234,7 +234,7 @@ void ComparePoints(std::int64_t points, std::size_t queryCount) {
     const auto oursQuery = [&](std::size_t b, std::size_t e) {
       for (std::size_t i = b; i < e; ++i) {
         const MeshQueries::PointObjectDistance<std::vector<MeshQueries::MeshVertex>> distance(tree.GetObjects(),
-                                                                                           &queries[3 * i]);
+                                                                                              &queries[3 * i]);
         double radius = std::numeric_limits<double>::infinity();
         MeshQueries::Nearest(tree, distance, radius);
         ours[i] = radius;
@@ -275,14 +275,16 @@ int main(int argc, char** argv) {
   for (std::int64_t n : {50000, 250000, 1000000}) CompareTriangles(n, queryCount);
   for (std::int64_t n : {100000, 1000000}) ComparePoints(n, queryCount);
 
-  std::printf("\n| case | threads | build ms ours | build ms theirs | build ratio | Mq/s ours | Mq/s theirs | "
-              "query ratio | max distance difference |\n|---|---|---|---|---|---|---|---|---|\n");
+  std::printf(
+      "\n| case | threads | build ms ours | build ms theirs | build ratio | Mq/s ours | Mq/s theirs | "
+      "query ratio | max distance difference |\n|---|---|---|---|---|---|---|---|---|\n");
   for (const Row& r : rows)
     std::printf("| %s | %d | %.1f | %.1f | %.2f | %.3f | %.3f | %.2f | %.3g |\n", r.what.c_str(), r.threads,
-                r.oursBuildMs, r.theirsBuildMs, r.theirsBuildMs / r.oursBuildMs, r.oursRate / 1e6,
-                r.theirsRate / 1e6, r.oursRate / r.theirsRate, r.maxDifference);
-  std::printf("\nbuild ratio = theirs / ours (above 1: ours builds faster); "
-              "query ratio = ours / theirs (above 1: ours answers faster).\n"
-              "Distance differences come from Embree's float vertices; CGAL and nanoflann compute in double.\n");
+                r.oursBuildMs, r.theirsBuildMs, r.theirsBuildMs / r.oursBuildMs, r.oursRate / 1e6, r.theirsRate / 1e6,
+                r.oursRate / r.theirsRate, r.maxDifference);
+  std::printf(
+      "\nbuild ratio = theirs / ours (above 1: ours builds faster); "
+      "query ratio = ours / theirs (above 1: ours answers faster).\n"
+      "Distance differences come from Embree's float vertices; CGAL and nanoflann compute in double.\n");
   return 0;
 }

@@ -1,13 +1,13 @@
 // Building a mesh from vertex and index arrays (the path a file reader or host takes),
 // with the bytes the mesh holds per triangle. Run: build/release/bench/bench_mesh_build
-#include <benchmark/benchmark.h>
-#include <tbb/task_arena.h>
-
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <new>
 #include <vector>
+
+#include <benchmark/benchmark.h>
+#include <tbb/task_arena.h>
 
 #include "zor/model/stl.h"
 

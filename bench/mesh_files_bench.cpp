@@ -47,7 +47,7 @@ int main(int argc, char** argv) {
       const char* file;
       bool ascii;
     } formats[] = {{"stl binary", "body.stl", false}, {"stl text", "text.stl", true}, {"ply binary", "body.ply", false},
-                   {"ply text", "text.ply", true},    {"obj", "body.obj", true},        {"off", "body.off", true}};
+                   {"ply text", "text.ply", true},    {"obj", "body.obj", true},      {"off", "body.off", true}};
     for (const auto& f : formats) {
       const std::string path = (folder / f.file).string();
       const double write = MedianSeconds([&] { zortool::WriteMesh(*body, nullptr, 1.0, path, f.ascii); });

@@ -190,13 +190,20 @@ int main(int argc, char** argv) {
   std::vector<long> threads = {1, 2};
   int poses = 5;
   for (int i = 1; i + 1 < argc; i += 2) {
-    if (std::strcmp(argv[i], "--sizes") == 0) sizes = ParseList(argv[i + 1]);
-    else if (std::strcmp(argv[i], "--threads") == 0) threads = ParseList(argv[i + 1]);
-    else if (std::strcmp(argv[i], "--poses") == 0) poses = std::atoi(argv[i + 1]);
-    else if (std::strcmp(argv[i], "--tolerance") == 0) options.errorTolerance = std::atof(argv[i + 1]);
-    else if (std::strcmp(argv[i], "--iterations") == 0) options.iterations = std::strtoull(argv[i + 1], nullptr, 10);
-    else if (std::strcmp(argv[i], "--samples") == 0) options.samples = std::strtoull(argv[i + 1], nullptr, 10);
-    else if (std::strcmp(argv[i], "--reduce") == 0) options.reduce = std::atoi(argv[i + 1]) != 0;
+    if (std::strcmp(argv[i], "--sizes") == 0)
+      sizes = ParseList(argv[i + 1]);
+    else if (std::strcmp(argv[i], "--threads") == 0)
+      threads = ParseList(argv[i + 1]);
+    else if (std::strcmp(argv[i], "--poses") == 0)
+      poses = std::atoi(argv[i + 1]);
+    else if (std::strcmp(argv[i], "--tolerance") == 0)
+      options.errorTolerance = std::atof(argv[i + 1]);
+    else if (std::strcmp(argv[i], "--iterations") == 0)
+      options.iterations = std::strtoull(argv[i + 1], nullptr, 10);
+    else if (std::strcmp(argv[i], "--samples") == 0)
+      options.samples = std::strtoull(argv[i + 1], nullptr, 10);
+    else if (std::strcmp(argv[i], "--reduce") == 0)
+      options.reduce = std::atoi(argv[i + 1]) != 0;
   }
   std::printf("errorTolerance %g, iterationCount %llu, sampleCount %llu, reduceMeshes %d\n", options.errorTolerance,
               static_cast<unsigned long long>(options.iterations), static_cast<unsigned long long>(options.samples),

@@ -81,7 +81,8 @@ void BM_NormalQueries(benchmark::State& state) {
   calculator.SetParams(MUserOperatorNormalCalculator::MParams());
   calculator.Preprocess();
   std::vector<MStlTriangle*> triangles;
-  for (auto it = MStlIteratorStlTriangle::Begin(const_cast<MStlBase*>(&mesh)); it != MStlIteratorStlTriangle::End(const_cast<MStlBase*>(&mesh)); ++it)
+  for (auto it = MStlIteratorStlTriangle::Begin(const_cast<MStlBase*>(&mesh));
+       it != MStlIteratorStlTriangle::End(const_cast<MStlBase*>(&mesh)); ++it)
     triangles.push_back(&*it);
   const double bary[3] = {0.2, 0.3, 0.5};
   std::size_t i = 0;

@@ -1,14 +1,14 @@
 // Tree builds and nearest queries on a scan-like surface, on 1 and 2 threads, with the
 // bytes each tree holds per object.
 // Run: build/release/bench/bench_spatial [--benchmark_filter=...]
+#include <map>
+#include <memory>
+#include <vector>
+
 #include <benchmark/benchmark.h>
 #include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
-
-#include <map>
-#include <memory>
-#include <vector>
 
 #include "bench/support/scan_like_mesh.h"
 #include "zor/model/stl.h"
@@ -48,10 +48,10 @@ const PointData& Points(std::int64_t count) {
   if (d.vertices.empty()) {
     const zorbench::MeshArrays arrays = zorbench::MakeScanLikeMesh(2 * count);
     for (std::size_t i = 0; i < arrays.xyz.size(); i += 3)
-      d.vertices.push_back(MeshVertex{{static_cast<std::int32_t>(arrays.xyz[i]),
-                                       static_cast<std::int32_t>(arrays.xyz[i + 1]),
-                                       static_cast<std::int32_t>(arrays.xyz[i + 2])},
-                                      nullptr});
+      d.vertices.push_back(
+          MeshVertex{{static_cast<std::int32_t>(arrays.xyz[i]), static_cast<std::int32_t>(arrays.xyz[i + 1]),
+                      static_cast<std::int32_t>(arrays.xyz[i + 2])},
+                     nullptr});
     d.queries = zorbench::MakeQueriesAroundSurface(arrays, kQueries);
   }
   return d;
@@ -106,8 +106,7 @@ void BM_PointTreeBuild(benchmark::State& state) {
     std::vector<MeshVertex> copy = d.vertices;
     arena.execute([&] { tree.Build(MeshQueries::detail::TreeParams{30}, std::move(copy)); });
   }
-  state.counters["bytes/point"] =
-      static_cast<double>(tree.GetMemoryUsage()) / static_cast<double>(d.vertices.size());
+  state.counters["bytes/point"] = static_cast<double>(tree.GetMemoryUsage()) / static_cast<double>(d.vertices.size());
   state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(d.vertices.size()));
 }
 

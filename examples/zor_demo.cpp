@@ -25,7 +25,8 @@ std::unique_ptr<MStlBase> MakeTorus(int ringSteps, int tubeSteps) {
   for (int i = 0; i < ringSteps; ++i)
     for (int j = 0; j < tubeSteps; ++j) {
       const std::uint32_t a = i * tubeSteps + j, b = ((i + 1) % ringSteps) * tubeSteps + j;
-      const std::uint32_t c = ((i + 1) % ringSteps) * tubeSteps + (j + 1) % tubeSteps, d = i * tubeSteps + (j + 1) % tubeSteps;
+      const std::uint32_t c = ((i + 1) % ringSteps) * tubeSteps + (j + 1) % tubeSteps,
+                          d = i * tubeSteps + (j + 1) % tubeSteps;
       indices.insert(indices.end(), {a, b, c, a, c, d});
     }
   return BuildStl(xyz.data(), xyz.size() / 3, indices.data(), indices.size() / 3);

@@ -7,9 +7,9 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <tuple>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "bench/support/scan_like_mesh.h"
@@ -50,7 +50,8 @@ inline double ShapeRadius(Shape s, double x, double y, double z) {
       // A rounded block of 80 x 60 x 40 mm with sharp-ish edges, a boss on one face
       // and a groove across another.
       const double p = 10.0;
-      const double q = std::pow(std::fabs(x) / 40.0, p) + std::pow(std::fabs(y) / 30.0, p) + std::pow(std::fabs(z) / 20.0, p);
+      const double q =
+          std::pow(std::fabs(x) / 40.0, p) + std::pow(std::fabs(y) / 30.0, p) + std::pow(std::fabs(z) / 20.0, p);
       double r = 1000.0 / std::pow(q, 1.0 / p);
       const double bx = x - 0.5, by = y - 0.3, bz = z - 0.81;
       r += 6000.0 * std::exp(-(bx * bx + by * by + bz * bz) / 0.02);
@@ -60,7 +61,8 @@ inline double ShapeRadius(Shape s, double x, double y, double z) {
     case Shape::Box: {
       // A rounded block of 90 x 60 x 30 mm: three distinct extents, no feature.
       const double p = 8.0;
-      const double q = std::pow(std::fabs(x) / 45.0, p) + std::pow(std::fabs(y) / 30.0, p) + std::pow(std::fabs(z) / 15.0, p);
+      const double q =
+          std::pow(std::fabs(x) / 45.0, p) + std::pow(std::fabs(y) / 30.0, p) + std::pow(std::fabs(z) / 15.0, p);
       return 1000.0 / std::pow(q, 1.0 / p);
     }
     case Shape::Rod: {
@@ -80,9 +82,9 @@ inline double ShapeRadius(Shape s, double x, double y, double z) {
     case Shape::Ball: {
       // A 40 mm ball with six bumps and dents of 3 to 5 mm at scattered places: no
       // usable axis, yet one orientation only.
-      static const double detail[6][5] = {{0.36, 0.48, 0.80, 5000, 0.05},  {-0.70, 0.10, 0.71, -4000, 0.06},
-                                           {0.20, -0.93, 0.30, 4500, 0.04}, {-0.40, -0.40, -0.82, 3000, 0.08},
-                                           {0.90, 0.20, -0.39, -3000, 0.03}, {-0.15, 0.85, -0.50, 4000, 0.05}};
+      static const double detail[6][5] = {{0.36, 0.48, 0.80, 5000, 0.05},   {-0.70, 0.10, 0.71, -4000, 0.06},
+                                          {0.20, -0.93, 0.30, 4500, 0.04},  {-0.40, -0.40, -0.82, 3000, 0.08},
+                                          {0.90, 0.20, -0.39, -3000, 0.03}, {-0.15, 0.85, -0.50, 4000, 0.05}};
       double r = 40000.0;
       for (const auto& b : detail) {
         const double dx = x - b[0], dy = y - b[1], dz = z - b[2];
@@ -113,18 +115,19 @@ inline MMVector3d ShapeExtents(Shape s) {
 // is closed.
 inline void GeodesicSphere(int n, std::vector<MMVector3d>& directions, std::vector<std::uint32_t>& triangles) {
   const double t = (1.0 + std::sqrt(5.0)) / 2.0;
-  const MMVector3d corners[12] = {{-1, t, 0}, {1, t, 0}, {-1, -t, 0}, {1, -t, 0}, {0, -1, t}, {0, 1, t},
-                                  {0, -1, -t}, {0, 1, -t}, {t, 0, -1}, {t, 0, 1}, {-t, 0, -1}, {-t, 0, 1}};
-  const int faces[20][3] = {{0, 11, 5}, {0, 5, 1}, {0, 1, 7}, {0, 7, 10}, {0, 10, 11}, {1, 5, 9}, {5, 11, 4},
-                            {11, 10, 2}, {10, 7, 6}, {7, 1, 8}, {3, 9, 4}, {3, 4, 2}, {3, 2, 6}, {3, 6, 8},
-                            {3, 8, 9}, {4, 9, 5}, {2, 4, 11}, {6, 2, 10}, {8, 6, 7}, {9, 8, 1}};
+  const MMVector3d corners[12] = {{-1, t, 0},  {1, t, 0},  {-1, -t, 0}, {1, -t, 0}, {0, -1, t},  {0, 1, t},
+                                  {0, -1, -t}, {0, 1, -t}, {t, 0, -1},  {t, 0, 1},  {-t, 0, -1}, {-t, 0, 1}};
+  const int faces[20][3] = {{0, 11, 5},  {0, 5, 1},  {0, 1, 7},  {0, 7, 10}, {0, 10, 11}, {1, 5, 9}, {5, 11, 4},
+                            {11, 10, 2}, {10, 7, 6}, {7, 1, 8},  {3, 9, 4},  {3, 4, 2},   {3, 2, 6}, {3, 6, 8},
+                            {3, 8, 9},   {4, 9, 5},  {2, 4, 11}, {6, 2, 10}, {8, 6, 7},   {9, 8, 1}};
   directions.assign(corners, corners + 12);
   std::map<std::tuple<int, int, int>, std::uint32_t> edgePoints;
   const auto edgePoint = [&](int a, int b, int k) -> std::uint32_t {  // k steps from a towards b
     if (k == 0) return static_cast<std::uint32_t>(a);
     if (k == n) return static_cast<std::uint32_t>(b);
     if (a > b) std::swap(a, b), k = n - k;
-    const auto [it, fresh] = edgePoints.emplace(std::make_tuple(a, b, k), static_cast<std::uint32_t>(directions.size()));
+    const auto [it, fresh] =
+        edgePoints.emplace(std::make_tuple(a, b, k), static_cast<std::uint32_t>(directions.size()));
     if (fresh) directions.push_back(corners[a] + (corners[b] - corners[a]) * (static_cast<double>(k) / n));
     return it->second;
   };
@@ -133,9 +136,12 @@ inline void GeodesicSphere(int n, std::vector<MMVector3d>& directions, std::vect
     for (int i = 0; i <= n; ++i)
       for (int j = 0; i + j <= n; ++j) {
         std::uint32_t id;
-        if (j == 0) id = edgePoint(f[0], f[1], i);
-        else if (i == 0) id = edgePoint(f[0], f[2], j);
-        else if (i + j == n) id = edgePoint(f[1], f[2], j);
+        if (j == 0)
+          id = edgePoint(f[0], f[1], i);
+        else if (i == 0)
+          id = edgePoint(f[0], f[2], j);
+        else if (i + j == n)
+          id = edgePoint(f[1], f[2], j);
         else {
           id = static_cast<std::uint32_t>(directions.size());
           directions.push_back(corners[f[0]] + (corners[f[1]] - corners[f[0]]) * (static_cast<double>(i) / n) +

@@ -1,4 +1,4 @@
-#include <gtest/gtest.h>
+#include "zor/alignment/normal_orientation_index.h"
 
 #include <algorithm>
 #include <cmath>
@@ -7,10 +7,10 @@
 #include <thread>
 #include <vector>
 
+#include <gtest/gtest.h>
 #include <tbb/task_arena.h>
 
 #include "support/meshes.h"
-#include "zor/alignment/normal_orientation_index.h"
 #include "zor/model/mesh_builder.h"
 #include "zor/model/stl_iterators.h"
 #include "zor/model/unit.h"
@@ -29,7 +29,7 @@ NormalOrientationIndex::Parameters Matching(double maxDegrees = 25.0, double wei
 
 // Two parallel 10 mm squares: one at z = 0 facing +z, one at z = 2 mm facing -z.
 std::unique_ptr<MStlBase> FacingPlates() {
-  std::vector<double> xyz = {0, 0, 0, 10000, 0, 0, 10000, 10000, 0, 0, 10000, 0,
+  std::vector<double> xyz = {0, 0, 0,    10000, 0, 0,    10000, 10000, 0,    0, 10000, 0,
                              0, 0, 2000, 10000, 0, 2000, 10000, 10000, 2000, 0, 10000, 2000};
   std::vector<std::uint32_t> idx = {0, 1, 2, 0, 2, 3, 4, 6, 5, 4, 7, 6};
   return BuildStl(xyz.data(), 8, idx.data(), 4);
@@ -46,7 +46,7 @@ TEST(NormalOrientationIndex, GridHas412CellsInRowsOfEqualWidth) {
   }
   ASSERT_EQ(index.GetCellDirections().size(), 412u);
   for (const MMVector3d& d : index.GetCellDirections()) EXPECT_NEAR(Length(d), MUnit::GetIE(), 1e-9);
-  EXPECT_NEAR(index.GetCellDirections()[0][2], MUnit::GetIE(), 1e-9);    // north pole
+  EXPECT_NEAR(index.GetCellDirections()[0][2], MUnit::GetIE(), 1e-9);     // north pole
   EXPECT_NEAR(index.GetCellDirections()[411][2], -MUnit::GetIE(), 1e-9);  // south pole
 }
 

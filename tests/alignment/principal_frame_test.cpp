@@ -1,10 +1,11 @@
-#include <gtest/gtest.h>
+#include "zor/alignment/principal_frame.h"
 
 #include <cmath>
 #include <memory>
 
+#include <gtest/gtest.h>
+
 #include "support/meshes.h"
-#include "zor/alignment/principal_frame.h"
 
 namespace {
 

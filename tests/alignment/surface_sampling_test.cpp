@@ -1,4 +1,6 @@
 // Sampling a mesh on a sorted grid, and the patch that gives a normal at a point.
+#include "zor/alignment/surface_sampling.h"
+
 #include <cmath>
 #include <cstdlib>
 #include <vector>
@@ -6,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include "support/meshes.h"
-#include "zor/alignment/surface_sampling.h"
 
 namespace {
 
@@ -73,7 +74,8 @@ TEST(SampleSurface, SmallMeshesFreePointsAndFlatExtents) {
   std::vector<double> xyz;
   std::vector<std::uint32_t> idx;
   for (int j = 0; j <= 100; ++j)
-    for (int i = 0; i <= 100; ++i) xyz.insert(xyz.end(), {5000.0, i * 200.0 + (i * j * 37) % 90, j * 150.0 + (i * 53 + j * 29) % 70});
+    for (int i = 0; i <= 100; ++i)
+      xyz.insert(xyz.end(), {5000.0, i * 200.0 + (i * j * 37) % 90, j * 150.0 + (i * 53 + j * 29) % 70});
   for (std::uint32_t j = 0; j < 100; ++j)
     for (std::uint32_t i = 0; i < 100; ++i) {
       const std::uint32_t a = j * 101 + i;

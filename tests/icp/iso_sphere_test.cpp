@@ -1,10 +1,10 @@
-#include <gtest/gtest.h>
+#include "zor/icp/iso_sphere.h"
 
 #include <cmath>
 #include <cstring>
 #include <thread>
 
-#include "zor/icp/iso_sphere.h"
+#include <gtest/gtest.h>
 
 namespace {
 

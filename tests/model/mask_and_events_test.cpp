@@ -1,7 +1,7 @@
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <thread>
+
+#include <gtest/gtest.h>
 
 #include "support/meshes.h"
 
@@ -117,7 +117,10 @@ TEST(ChangeEvents, EveryEditTellsTheFollowers) {
   mesh->Update(65, false);
   EXPECT_TRUE(rec.Take().empty());
 
-  { MStlTempTransformation placed(*mesh, MMTransformMatrix(), false); EXPECT_EQ(rec.Take(), moved); }
+  {
+    MStlTempTransformation placed(*mesh, MMTransformMatrix(), false);
+    EXPECT_EQ(rec.Take(), moved);
+  }
   EXPECT_EQ(rec.Take(), moved);
 
   {

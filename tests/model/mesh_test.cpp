@@ -1,9 +1,9 @@
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cmath>
 #include <random>
 #include <set>
+
+#include <gtest/gtest.h>
 
 #include "support/meshes.h"
 
@@ -125,7 +125,7 @@ TEST(MeshTopology, AdjacencyAcrossEdgesAndNonManifoldEdges) {
   auto it = grid->BeginTriangle();
   const MStlTriangle& first = *it;
   const MStlTriangle& second = *++it;
-  EXPECT_EQ(first.FindAdjacentTriangle(1, true), nullptr);          // b-c lies on the border
+  EXPECT_EQ(first.FindAdjacentTriangle(1, true), nullptr);           // b-c lies on the border
   EXPECT_EQ(first.FindAdjacentTriangle(2, true), second.GetCell());  // c-a is shared
   EXPECT_EQ(second.FindAdjacentTriangle(0, true), first.GetCell());
 
@@ -165,7 +165,8 @@ TEST(MeshGeometry, ProjectPointMatchesDenseSampling) {
     EXPECT_GE(dist, best - 0.5);  // sampling step bounds the oracle's error
     EXPECT_NEAR(Length(x - projected), dist, 1e-9);
     EXPECT_NEAR(weights[0] + weights[1] + weights[2], 1.0, 1e-12);
-    const MMVector3d fromWeights = t.GetVertex(0) * weights[0] + t.GetVertex(1) * weights[1] + t.GetVertex(2) * weights[2];
+    const MMVector3d fromWeights =
+        t.GetVertex(0) * weights[0] + t.GetVertex(1) * weights[1] + t.GetVertex(2) * weights[2];
     EXPECT_NEAR(Length(fromWeights - projected), 0.0, 1e-9);
   }
 }

@@ -1,9 +1,9 @@
-#include <gtest/gtest.h>
+#include "zor/model/progress.h"
 
 #include <mutex>
 #include <thread>
 
-#include "zor/model/progress.h"
+#include <gtest/gtest.h>
 
 namespace {
 

@@ -1,10 +1,11 @@
-#include <gtest/gtest.h>
+#include "zor/model/transform.h"
 
 #include <cmath>
 #include <limits>
 #include <random>
 
-#include "zor/model/transform.h"
+#include <gtest/gtest.h>
+
 #include "zor/model/unit.h"
 
 namespace {

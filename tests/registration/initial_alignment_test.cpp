@@ -1,9 +1,8 @@
-#include <gtest/gtest.h>
-
 #include <cmath>
 #include <memory>
 #include <vector>
 
+#include <gtest/gtest.h>
 #include <tbb/task_arena.h>
 
 #include "support/meshes.h"
@@ -63,8 +62,7 @@ MMTransformMatrix LargePose() {
   return pose.PreMultiply(shift);
 }
 
-MMTransformMatrix Register(Registration& r, const Registration::MParams& params, MStlBase* fixed,
-                           MStlBase* moving) {
+MMTransformMatrix Register(Registration& r, const Registration::MParams& params, MStlBase* fixed, MStlBase* moving) {
   r.SetAllParams(params);
   r.SetFixedStl(fixed, nullptr);
   r.SetMovingStl(moving, nullptr);
@@ -180,8 +178,8 @@ TEST(InitialAlignment, TournamentIsTheSameAtEveryThreadCount) {
 TEST(InitialAlignment, AnExactCopyKeepsTheExactIdentity) {
   const auto fixed = zortest::MakeBox(30000, 20000, 10000, 4);
   const auto moving = std::unique_ptr<MStlBase>(fixed->Clone(nullptr));
-  for (auto strategy : {Registration::AlignAxes, Registration::AlignRod, Registration::AlignDisc,
-                        Registration::AlignBall}) {
+  for (auto strategy :
+       {Registration::AlignAxes, Registration::AlignRod, Registration::AlignDisc, Registration::AlignBall}) {
     Registration::MParams params;
     params.initialAlignment = strategy;
     params.iterationCount = 0;
@@ -207,9 +205,15 @@ TEST(InitialAlignment, DegenerateSearchesLeaveTheBaseline) {
   };
   using P = Registration::MParams;
   // No rotations, no spins, or a strategy that names none: no candidate at all.
-  EXPECT_TRUE(run(fixed.get(), moving.get(), [](P& p) { p.initialAlignment = Registration::AlignRod, p.axisRotationSteps = 0; }).first.IsIdentity());
-  EXPECT_TRUE(run(fixed.get(), moving.get(), [](P& p) { p.initialAlignment = Registration::AlignBall, p.sphereSpinSteps = 0; }).first.IsIdentity());
-  EXPECT_TRUE(run(fixed.get(), moving.get(), [](P& p) { p.initialAlignment = static_cast<Registration::MInitialAlignment>(6); }).first.IsIdentity());
+  EXPECT_TRUE(run(fixed.get(), moving.get(), [](P& p) {
+                p.initialAlignment = Registration::AlignRod, p.axisRotationSteps = 0;
+              }).first.IsIdentity());
+  EXPECT_TRUE(run(fixed.get(), moving.get(), [](P& p) {
+                p.initialAlignment = Registration::AlignBall, p.sphereSpinSteps = 0;
+              }).first.IsIdentity());
+  EXPECT_TRUE(run(fixed.get(), moving.get(), [](P& p) {
+                p.initialAlignment = static_cast<Registration::MInitialAlignment>(6);
+              }).first.IsIdentity());
   // A slide step of zero scores each candidate where it stands.
   EXPECT_FALSE(run(fixed.get(), moving.get(), [](P& p) { p.slideStep = 0.0; }).first.IsIdentity());
   // Automatic with a mesh that has no point searches nothing.

@@ -1,10 +1,9 @@
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cmath>
 #include <memory>
 #include <vector>
 
+#include <gtest/gtest.h>
 #include <tbb/task_arena.h>
 
 #include "support/meshes.h"

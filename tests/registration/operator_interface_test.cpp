@@ -1,6 +1,6 @@
-#include <gtest/gtest.h>
-
 #include <limits>
+
+#include <gtest/gtest.h>
 
 #include "support/meshes.h"
 #include "zor/registration/user_operator_stl_registration.h"

@@ -1,12 +1,12 @@
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <functional>
 #include <cmath>
+#include <functional>
 #include <random>
 #include <stdexcept>
 #include <utility>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "support/meshes.h"
 #include "zor/model/unit.h"

@@ -5,9 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include "zor/model/transform.h"
 #include "zor/services/n_point_registration.h"
 #include "zor/services/quadric_surface.h"
-#include "zor/model/transform.h"
 
 namespace {
 

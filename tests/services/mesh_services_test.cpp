@@ -131,7 +131,8 @@ TEST(GeomProperties, RefusesWhatHasNoProperties) {
 double WorstDistance(const std::vector<MMVector3d>& points, const MStlBase& mesh) {
   const auto* holder = MeshQueries::GetTriangleTree(MeshQueries::MeshHandle(&mesh));
   double worst = 0.0;
-  for (const MMVector3d& p : points) worst = std::max(worst, MeshQueries::FindNearestTriangle(*holder, p, HUGE_VAL).second);
+  for (const MMVector3d& p : points)
+    worst = std::max(worst, MeshQueries::FindNearestTriangle(*holder, p, HUGE_VAL).second);
   return worst;
 }
 

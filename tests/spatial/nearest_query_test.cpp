@@ -1,11 +1,11 @@
 // Nearest queries: the point-triangle kernel, the child visit order, and tree answers
 // against brute force on random and degenerate meshes, with the bound and tie rules.
-#include <gtest/gtest.h>
-
 #include <cmath>
 #include <limits>
 #include <random>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "support/meshes.h"
 #include "zor/spatial/object_tree.h"

@@ -1,17 +1,18 @@
 // Construction of the object tree: structural invariants on random and degenerate
 // inputs, the serial and the parallel path agreeing, thread-count independence, and
 // the reuse of node memory across rebuilds.
-#include <gtest/gtest.h>
-#include <tbb/task_arena.h>
+#include "zor/spatial/object_tree.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <random>
 #include <vector>
 
+#include <gtest/gtest.h>
+#include <tbb/task_arena.h>
+
 #include "zor/model/stl.h"
 #include "zor/spatial/detail/object_tree_build.h"
-#include "zor/spatial/object_tree.h"
 
 namespace {
 
@@ -24,8 +25,7 @@ std::vector<MeshVertex> RandomVertices(std::size_t n, unsigned seed, int extent)
   std::mt19937 rng(seed);
   std::uniform_int_distribution<int> c(-extent, extent);
   std::vector<MeshVertex> v(n);
-  for (std::size_t i = 0; i < n; ++i)
-    v[i] = MeshVertex{{c(rng), c(rng), c(rng)}, reinterpret_cast<MStlPoint*>(i + 1)};
+  for (std::size_t i = 0; i < n; ++i) v[i] = MeshVertex{{c(rng), c(rng), c(rng)}, reinterpret_cast<MStlPoint*>(i + 1)};
   return v;
 }
 
@@ -46,8 +46,7 @@ std::uint64_t CheckNode(const Tree& tree, const typename Tree::Node& node, std::
   EXPECT_GT(end - begin, leafSize) << "a range that fits a leaf was split";
   const std::uint32_t count = node.children[0].firstObject;
   EXPECT_TRUE(count == 2 || count == 3);
-  std::uint32_t starts[4] = {begin, node.children[1].firstObject, count == 3 ? node.children[2].firstObject : end,
-                             end};
+  std::uint32_t starts[4] = {begin, node.children[1].firstObject, count == 3 ? node.children[2].firstObject : end, end};
   std::uint64_t deepest = depth;
   for (std::uint32_t k = 0; k < count; ++k) {
     EXPECT_LT(starts[k], starts[k + 1]) << "empty or unordered child range";

@@ -55,9 +55,7 @@ inline std::unique_ptr<MStlBase> MakeRandomTriangles(int count, unsigned seed, i
   std::uniform_int_distribution<int> coordinate(0, extent - 1);
   auto mesh = std::make_unique<MStlBase>();
   std::vector<MStlPoint*> pool;
-  const auto newPoint = [&] {
-    return mesh->AddPoint(coordinate(rng), coordinate(rng), coordinate(rng), true);
-  };
+  const auto newPoint = [&] { return mesh->AddPoint(coordinate(rng), coordinate(rng), coordinate(rng), true); };
   if (shareCorners)
     for (int i = 0; i < count / 2 + 3; ++i) pool.push_back(newPoint());
   std::uniform_int_distribution<std::size_t> pick(0, pool.empty() ? 0 : pool.size() - 1);
@@ -68,8 +66,8 @@ inline std::unique_ptr<MStlBase> MakeRandomTriangles(int count, unsigned seed, i
     } while (c[0] == c[1] || c[1] == c[2] || c[0] == c[2]);
     if (degenerateEvery > 0 && t % degenerateEvery == 0) {
       const MMVector3i a = c[0]->GetInt(), b = c[1]->GetInt();
-      c[2] = mesh->AddPoint(t % (2 * degenerateEvery) == 0 ? MMVector3i(2 * b[0] - a[0], 2 * b[1] - a[1], 2 * b[2] - a[2]) : a,
-                            true);
+      c[2] = mesh->AddPoint(
+          t % (2 * degenerateEvery) == 0 ? MMVector3i(2 * b[0] - a[0], 2 * b[1] - a[1], 2 * b[2] - a[2]) : a, true);
     }
     mesh->AddTriangle(c[0], c[1], c[2], nullptr);
   }
@@ -86,9 +84,9 @@ inline std::unique_ptr<MStlBase> MakeSphere(double radius, int rows, int cols, d
   std::vector<std::uint32_t> idx;
   const auto push = [&](double th, double ph) {
     const double r = radius + bump * (std::sin(3 * th + 0.5) * std::cos(2 * ph) + 0.5 * std::sin(5 * ph + th));
-    xyz.insert(xyz.end(), {std::round(centre[0] + r * std::sin(th) * std::cos(ph)),
-                           std::round(centre[1] + r * std::sin(th) * std::sin(ph)),
-                           std::round(centre[2] + r * std::cos(th))});
+    xyz.insert(xyz.end(),
+               {std::round(centre[0] + r * std::sin(th) * std::cos(ph)),
+                std::round(centre[1] + r * std::sin(th) * std::sin(ph)), std::round(centre[2] + r * std::cos(th))});
   };
   push(0, 0);
   for (int r = 1; r < rows; ++r)

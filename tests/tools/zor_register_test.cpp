@@ -1,6 +1,5 @@
 // Runs the built zor-register on files written here and checks its exit status,
 // its output and the files it leaves.
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,10 +10,12 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "tools/zor-register/mesh_files.h"
 #include "tools/zor-register/sample_body.h"
@@ -30,21 +31,21 @@ struct Outcome {
 };
 
 class ZorRegister : public ::testing::Test {
- protected:
+protected:
   void SetUp() override {
-    const auto *info = ::testing::UnitTest::GetInstance()->current_test_info();
+    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
     dir = fs::temp_directory_path() / (std::string("zor_register_") + info->name() + "_" + std::to_string(getpid()));
     fs::remove_all(dir);
     fs::create_directories(dir);
   }
   void TearDown() override { fs::remove_all(dir); }
 
-  std::string Path(const std::string &name) const { return (dir / name).string(); }
-  void WriteText(const std::string &name, const std::string &text) const { std::ofstream(Path(name)) << text; }
+  std::string Path(const std::string& name) const { return (dir / name).string(); }
+  void WriteText(const std::string& name, const std::string& text) const { std::ofstream(Path(name)) << text; }
 
   // Runs the program with `args` (already quoted where needed) in the test's
   // folder.
-  Outcome Tool(const std::string &args) const {
+  Outcome Tool(const std::string& args) const {
     const std::string command = "cd '" + dir.string() + "' && '" ZOR_REGISTER "' " + args + " >stdout.txt 2>stderr.txt";
     const int raw = std::system(command.c_str());
     Outcome run;
@@ -55,7 +56,7 @@ class ZorRegister : public ::testing::Test {
     fs::remove(dir / "stderr.txt");
     return run;
   }
-  std::string Slurp(const std::string &name) const {
+  std::string Slurp(const std::string& name) const {
     std::ifstream in(Path(name), std::ios::binary);
     std::stringstream text;
     text << in.rdbuf();
@@ -63,7 +64,7 @@ class ZorRegister : public ::testing::Test {
   }
   std::vector<std::string> Files() const {
     std::vector<std::string> names;
-    for (const auto &e : fs::directory_iterator(dir)) names.push_back(e.path().filename().string());
+    for (const auto& e : fs::directory_iterator(dir)) names.push_back(e.path().filename().string());
     std::sort(names.begin(), names.end());
     return names;
   }
@@ -71,14 +72,14 @@ class ZorRegister : public ::testing::Test {
   fs::path dir;
 };
 
-nlohmann::json ParseJson(const Outcome &run) {
+nlohmann::json ParseJson(const Outcome& run) {
   EXPECT_EQ(run.status, 0) << run.err;
   return nlohmann::json::parse(run.out);
 }
 
 // A cube of side 30 with one corner pulled out, in quads (the reader
 // triangulates them).
-const char *kQuadBox =
+const char* kQuadBox =
     "v -15 -12.5 1.25\nv 15 -12.5 1.25\nv 15 17.5 1.25\nv -15 17.5 1.25\n"
     "v -15 -12.5 31.25\nv 15 -12.5 31.25\nv 15 17.5 31.25\nv -15 17.5 45.125\n"
     "f 1 4 3 2\nf 5 6 7 8\nf 1 2 6 5\nf 2 3 7 6\nf 3 4 8 7\nf 4 1 5 8\n";
@@ -109,7 +110,7 @@ TEST_F(ZorRegister, EveryFormatRoundTripsThroughConvert) {
 
 // The transform (file units: millimetres over `scale`) that the program reports
 // for a copy placed by `pose` must undo the pose.
-void ExpectRecovered(const MMTransformMatrix &pose, double scale, const nlohmann::json &report) {
+void ExpectRecovered(const MMTransformMatrix& pose, double scale, const nlohmann::json& report) {
   const double ie = MUnit::GetIE();
   double values[16];
   for (int r = 0; r < 4; ++r)
@@ -195,17 +196,17 @@ TEST_F(ZorRegister, BadInputExitsWithStatusTwoAndWritesNothing) {
     const std::string header(80, ' ');
     nan.write(header.data(), 80);
     const std::uint32_t one = 1;
-    nan.write(reinterpret_cast<const char *>(&one), 4);
+    nan.write(reinterpret_cast<const char*>(&one), 4);
     const float values[12] = {0, 0, 1, 0, 0, 0, NAN, 1, 0, 0, 1, 0};
-    nan.write(reinterpret_cast<const char *>(values), sizeof values);
+    nan.write(reinterpret_cast<const char*>(values), sizeof values);
     nan.write("\0\0", 2);
   }
   fs::create_directories(dir / "folder.stl");
   const std::vector<std::string> before = Files();
 
   const struct {
-    const char *args;
-    const char *message;
+    const char* args;
+    const char* message;
   } cases[] = {
       {"align missing.stl box.obj -o out.stl", "cannot read 'missing.stl': No such file or directory"},
       {"align box.obj folder.stl -o out.stl", "cannot read 'folder.stl': it is a directory"},
@@ -223,7 +224,7 @@ TEST_F(ZorRegister, BadInputExitsWithStatusTwoAndWritesNothing) {
       {"convert box.obj folder.stl", "cannot write 'folder.stl'"},  // fails at the rename
       {"frobnicate", "unknown command 'frobnicate'"},
   };
-  for (const auto &c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.args);
     const Outcome run = Tool(c.args);
     EXPECT_EQ(run.status, 2);

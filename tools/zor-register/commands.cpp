@@ -1,6 +1,5 @@
 #include "tools/zor-register/commands.h"
 
-#include <tbb/global_control.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -8,10 +7,12 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>
 #include <string>
+
+#include <nlohmann/json.hpp>
+#include <tbb/global_control.h>
 
 #include "tools/zor-register/mesh_files.h"
 #include "tools/zor-register/progress_bar.h"
@@ -24,11 +25,11 @@ namespace {
 using Registration = MUserOperatorStlRegistration;
 using Json = nlohmann::ordered_json;
 
-constexpr const char *kStrategyNames[] = {"none", "auto", "axes", "rod", "disc", "ball"};
+constexpr const char* kStrategyNames[] = {"none", "auto", "axes", "rod", "disc", "ball"};
 
-void Warn(const CommonOptions &common, const std::vector<std::string> &lines) {
+void Warn(const CommonOptions& common, const std::vector<std::string>& lines) {
   if (common.quiet) return;
-  for (const std::string &line : lines) std::fprintf(stderr, "zor-register: warning: %s\n", line.c_str());
+  for (const std::string& line : lines) std::fprintf(stderr, "zor-register: warning: %s\n", line.c_str());
 }
 
 // Caps the worker threads for the life of the object when `threads` is not 0.
@@ -38,7 +39,7 @@ std::optional<tbb::global_control> LimitThreads(unsigned threads) {
 }
 
 // Rotation angle (radians) and unit axis of the rotation part of `m`.
-double AngleAxis(const MMTransformMatrix &m, MMVector3d &axis) {
+double AngleAxis(const MMTransformMatrix& m, MMVector3d& axis) {
   const auto e = [&](int r, int c) { return m.GetElement(r, c); };
   axis = MMVector3d(e(2, 1) - e(1, 2), e(0, 2) - e(2, 0), e(1, 0) - e(0, 1));
   const double angle = std::atan2(0.5 * Length(axis), 0.5 * (e(0, 0) + e(1, 1) + e(2, 2) - 1.0));
@@ -57,7 +58,7 @@ double AngleAxis(const MMTransformMatrix &m, MMVector3d &axis) {
   return angle;
 }
 
-std::string DescribePose(const MMTransformMatrix &pose, double toUser) {
+std::string DescribePose(const MMTransformMatrix& pose, double toUser) {
   MMVector3d axis;
   const double angle = AngleAxis(pose, axis) * 180.0 / M_PI;
   const MMVector3d t = pose.GetTranslation() * toUser;
@@ -71,24 +72,24 @@ std::string DescribePose(const MMTransformMatrix &pose, double toUser) {
 
 // The transform in file units: the rotation stands, the shift is divided by the
 // scale.
-double FileElement(const MMTransformMatrix &m, int r, int c, double toFile) {
+double FileElement(const MMTransformMatrix& m, int r, int c, double toFile) {
   return c == 3 && r < 3 ? m.GetElement(r, c) * toFile : m.GetElement(r, c);
 }
 
 // Runs `registration` with a progress bar when stderr is a terminal; a move
 // that would carry the moving mesh off the grid is the input's fault.
-void Operate(Registration &registration, const CommonOptions &common) {
+void Operate(Registration& registration, const CommonOptions& common) {
   if (!common.quiet && isatty(STDERR_FILENO)) registration.SetProgressDelegate(std::make_shared<ProgressBar>());
   const auto limit = LimitThreads(common.threads);
   try {
     registration.Operate();
-  } catch (const std::out_of_range &e) {
+  } catch (const std::out_of_range& e) {
     throw InputError(std::string("the registration carried the moving mesh off the 32-bit grid (") + e.what() +
                      "); try a smaller --scale");
   }
 }
 
-void PrintStageTimes(const Registration::StageTimes &s) {
+void PrintStageTimes(const Registration::StageTimes& s) {
   std::printf(
       "time      %.3f s (reduction %.3f, sampling %.3f, index %.3f, "
       "alignment %.3f, refinement %.3f; %llu "
@@ -97,12 +98,12 @@ void PrintStageTimes(const Registration::StageTimes &s) {
       static_cast<unsigned long long>(s.iterations));
 }
 
-Json StageTimesJson(const Registration::StageTimes &s) {
+Json StageTimesJson(const Registration::StageTimes& s) {
   return Json{{"reduction", s.reduction}, {"sampling", s.sampling},     {"index", s.index},
               {"alignment", s.alignment}, {"refinement", s.refinement}, {"total", s.total}};
 }
 
-Json MeshJson(const std::string &path, const LoadedMesh &m) {
+Json MeshJson(const std::string& path, const LoadedMesh& m) {
   return Json{{"file", path},
               {"points", m.mesh->NumberOfPoints()},
               {"triangles", m.mesh->GetNumberOfTriangles()},
@@ -125,11 +126,11 @@ Registration::MParams DemoDefaults() {
   return p;
 }
 
-const char *StrategyName(Registration::MInitialAlignment a) {
+const char* StrategyName(Registration::MInitialAlignment a) {
   return a >= Registration::AlignNone && a <= Registration::AlignBall ? kStrategyNames[a] : "unknown";
 }
 
-bool ParseStrategy(const std::string &name, Registration::MInitialAlignment &out) {
+bool ParseStrategy(const std::string& name, Registration::MInitialAlignment& out) {
   for (int i = 0; i < 6; ++i)
     if (name == kStrategyNames[i]) {
       out = static_cast<Registration::MInitialAlignment>(i);
@@ -138,8 +139,8 @@ bool ParseStrategy(const std::string &name, Registration::MInitialAlignment &out
   return false;
 }
 
-int RunAlign(const std::string &movingPath, const std::string &fixedPath, const std::string &output,
-             const Registration::MParams &params, const CommonOptions &common) {
+int RunAlign(const std::string& movingPath, const std::string& fixedPath, const std::string& output,
+             const Registration::MParams& params, const CommonOptions& common) {
   if (!output.empty()) CheckOutputPath(output);
   const LoadedMesh moving = ReadMesh(movingPath, common.scale);
   Warn(common, moving.warnings);
@@ -180,7 +181,7 @@ int RunAlign(const std::string &movingPath, const std::string &fixedPath, const 
     std::printf("%s\n", report.dump(2).c_str());
     return 0;
   }
-  for (const auto *side : {&moving, &fixed})
+  for (const auto* side : {&moving, &fixed})
     std::printf("%-9s %s: %zu points, %zu triangles\n", side == &moving ? "moving" : "fixed",
                 (side == &moving ? movingPath : fixedPath).c_str(), side->mesh->NumberOfPoints(),
                 side->mesh->GetNumberOfTriangles());
@@ -201,7 +202,7 @@ int RunAlign(const std::string &movingPath, const std::string &fixedPath, const 
   return 0;
 }
 
-int RunDemo(const DemoOptions &demo, const Registration::MParams &params, const CommonOptions &common) {
+int RunDemo(const DemoOptions& demo, const Registration::MParams& params, const CommonOptions& common) {
   const int n = std::max(1, static_cast<int>(std::lround(std::sqrt(static_cast<double>(demo.triangles) / 12.0))));
   const double ie = MUnit::GetIE();
   const std::unique_ptr<MStlBase> body = MakeSampleBody(n);
@@ -269,11 +270,11 @@ int RunDemo(const DemoOptions &demo, const Registration::MParams &params, const 
   return 0;
 }
 
-int RunInfo(const std::string &path, const CommonOptions &common) {
+int RunInfo(const std::string& path, const CommonOptions& common) {
   const LoadedMesh m = ReadMesh(path, common.scale);
   Warn(common, m.warnings);
   const double toFile = 1.0 / (common.scale * MUnit::GetIE());
-  const MStlBase &mesh = *m.mesh;
+  const MStlBase& mesh = *m.mesh;
   const double low[3] = {mesh.GetXMin() * toFile, mesh.GetYMin() * toFile, mesh.GetZMin() * toFile};
   const double high[3] = {mesh.GetXMax() * toFile, mesh.GetYMax() * toFile, mesh.GetZMax() * toFile};
   const double area = mesh.SurfaceArea() * toFile * toFile;
@@ -301,7 +302,7 @@ int RunInfo(const std::string &path, const CommonOptions &common) {
   return 0;
 }
 
-int RunConvert(const std::string &input, const std::string &output, const CommonOptions &common) {
+int RunConvert(const std::string& input, const std::string& output, const CommonOptions& common) {
   CheckOutputPath(output);
   const LoadedMesh m = ReadMesh(input, common.scale);
   Warn(common, m.warnings);

@@ -23,11 +23,11 @@ MUserOperatorStlRegistration::MParams ToolDefaults();
 
 // Strategy names, and their values: "none", "auto", "axes", "rod", "disc",
 // "ball".
-const char *StrategyName(MUserOperatorStlRegistration::MInitialAlignment a);
-bool ParseStrategy(const std::string &name, MUserOperatorStlRegistration::MInitialAlignment &out);
+const char* StrategyName(MUserOperatorStlRegistration::MInitialAlignment a);
+bool ParseStrategy(const std::string& name, MUserOperatorStlRegistration::MInitialAlignment& out);
 
-int RunAlign(const std::string &moving, const std::string &fixed, const std::string &output,
-             const MUserOperatorStlRegistration::MParams &params, const CommonOptions &common);
+int RunAlign(const std::string& moving, const std::string& fixed, const std::string& output,
+             const MUserOperatorStlRegistration::MParams& params, const CommonOptions& common);
 
 struct DemoOptions {
   std::uint64_t seed = 1;
@@ -37,9 +37,9 @@ struct DemoOptions {
 // The demo's parameters: the tool's, tightened for a copy that lies wholly on
 // the body.
 MUserOperatorStlRegistration::MParams DemoDefaults();
-int RunDemo(const DemoOptions &demo, const MUserOperatorStlRegistration::MParams &params, const CommonOptions &common);
+int RunDemo(const DemoOptions& demo, const MUserOperatorStlRegistration::MParams& params, const CommonOptions& common);
 
-int RunInfo(const std::string &path, const CommonOptions &common);
-int RunConvert(const std::string &input, const std::string &output, const CommonOptions &common);
+int RunInfo(const std::string& path, const CommonOptions& common);
+int RunConvert(const std::string& input, const std::string& output, const CommonOptions& common);
 
 }  // namespace zortool

@@ -6,7 +6,6 @@
 //
 // Exit status: 0 done, 1 an unexpected failure, 2 bad input (one line on
 // stderr; no output file is left behind).
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -15,6 +14,8 @@
 #include <new>
 #include <string>
 #include <vector>
+
+#include <CLI/CLI.hpp>
 
 #include "tools/zor-register/commands.h"
 #include "tools/zor-register/mesh_files.h"
@@ -29,8 +30,8 @@ CLI::Validator Within(double low, double high, bool openLow) {
   const std::string range = (openLow ? "(" : "[") + CLI::detail::to_string(low) + ", " +
                             (std::isinf(high) ? std::string("inf") : CLI::detail::to_string(high)) + "]";
   return CLI::Validator(
-      [=](std::string &text) -> std::string {
-        char *end = nullptr;
+      [=](std::string& text) -> std::string {
+        char* end = nullptr;
         const double v = std::strtod(text.c_str(), &end);
         if (end == text.c_str() || *end != '\0') return "'" + text + "' is not a number";
         if (!std::isfinite(v) || v < low || (openLow && v <= low) || v > high)
@@ -40,7 +41,7 @@ CLI::Validator Within(double low, double high, bool openLow) {
       range);
 }
 
-void AddCommonOptions(CLI::App &cmd, CommonOptions &common, bool json) {
+void AddCommonOptions(CLI::App& cmd, CommonOptions& common, bool json) {
   cmd.add_option("--scale", common.scale,
                  "File units times this are millimetres (0.001 for micrometre "
                  "files, 1000 for metres)")
@@ -51,14 +52,14 @@ void AddCommonOptions(CLI::App &cmd, CommonOptions &common, bool json) {
   if (json) cmd.add_flag("--json", common.json, "Print a machine-readable report instead");
 }
 
-void AddRegistrationOptions(CLI::App &cmd, Registration::MParams &p, std::string &strategy) {
+void AddRegistrationOptions(CLI::App& cmd, Registration::MParams& p, std::string& strategy) {
   strategy = StrategyName(p.initialAlignment);
   cmd.add_option("--strategy", strategy,
                  "Initial alignment: none (meshes already roughly placed), "
                  "auto (from the shapes' symmetry), "
                  "axes, rod, disc or ball")
       ->check(CLI::Validator(
-          [](std::string &s) -> std::string {
+          [](std::string& s) -> std::string {
             Registration::MInitialAlignment a;
             return ParseStrategy(s, a) ? std::string()
                                        : "unknown strategy '" + s + "' (none, auto, axes, rod, disc, ball)";
@@ -66,10 +67,10 @@ void AddRegistrationOptions(CLI::App &cmd, Registration::MParams &p, std::string
           "STRATEGY"))
       ->capture_default_str()
       ->group("Registration");
-  const auto number = [&](const char *name, double &field, const char *help, double low, double high, bool openLow) {
+  const auto number = [&](const char* name, double& field, const char* help, double low, double high, bool openLow) {
     cmd.add_option(name, field, help)->check(Within(low, high, openLow))->capture_default_str()->group("Registration");
   };
-  const auto count = [&](const char *name, std::uint64_t &field, const char *help, std::uint64_t low) {
+  const auto count = [&](const char* name, std::uint64_t& field, const char* help, std::uint64_t low) {
     cmd.add_option(name, field, help)
         ->check(Within(static_cast<double>(low), HUGE_VAL, false))
         ->capture_default_str()
@@ -94,12 +95,12 @@ void AddRegistrationOptions(CLI::App &cmd, Registration::MParams &p, std::string
   count("--axis-steps", p.axisRotationSteps, "Turns about a symmetry axis the rod and disc strategies try", 1);
 }
 
-int Fail(int status, const std::string &message) {
+int Fail(int status, const std::string& message) {
   std::fprintf(stderr, "zor-register: %s\n", message.c_str());
   return status;
 }
 
-int Run(int argc, char **argv) {
+int Run(int argc, char** argv) {
   CLI::App app(
       "Rigid registration of triangle meshes: finds the pose that "
       "lays MOVING on FIXED, with no starting "
@@ -113,7 +114,7 @@ int Run(int argc, char **argv) {
   CommonOptions common;
   Registration::MParams alignParams = ToolDefaults();
   std::string alignStrategy, moving, fixed, output;
-  CLI::App *align = app.add_subcommand("align", "Register MOVING onto FIXED and print the transform and its error");
+  CLI::App* align = app.add_subcommand("align", "Register MOVING onto FIXED and print the transform and its error");
   align->add_option("MOVING", moving, "The mesh to move")->required();
   align->add_option("FIXED", fixed, "The mesh it is laid on")->required();
   align->add_option("-o,--output", output, "Also write MOVING, moved, to this file (.stl, .ply, .obj or .off)");
@@ -124,7 +125,7 @@ int Run(int argc, char **argv) {
   DemoOptions demo;
   Registration::MParams demoParams = DemoDefaults();
   std::string demoStrategy;
-  CLI::App *demoCmd = app.add_subcommand("demo", "Register a built-in sample body back from a random pose");
+  CLI::App* demoCmd = app.add_subcommand("demo", "Register a built-in sample body back from a random pose");
   demoCmd->add_option("--seed", demo.seed, "Seed of the pose")->capture_default_str();
   demoCmd->add_option("--triangles", demo.triangles, "About this many triangles in the sample body")
       ->check(Within(12, 2e7, false))
@@ -135,12 +136,12 @@ int Run(int argc, char **argv) {
   AddRegistrationOptions(*demoCmd, demoParams, demoStrategy);
 
   std::string infoPath;
-  CLI::App *info = app.add_subcommand("info", "Read a mesh file and print its size and extent");
+  CLI::App* info = app.add_subcommand("info", "Read a mesh file and print its size and extent");
   info->add_option("FILE", infoPath, "The mesh file")->required();
   AddCommonOptions(*info, common, true);
 
   std::string convertIn, convertOut;
-  CLI::App *convert =
+  CLI::App* convert =
       app.add_subcommand("convert", "Read a mesh file, join its vertices and write it in another format");
   convert->add_option("INPUT", convertIn, "The mesh file to read")->required();
   convert->add_option("OUTPUT", convertOut, "The file to write (.stl, .ply, .obj or .off)")->required();
@@ -160,9 +161,9 @@ int Run(int argc, char **argv) {
   try {
     std::reverse(args.begin(), args.end());  // the parser takes its arguments last first
     app.parse(args);
-  } catch (const CLI::Success &e) {
+  } catch (const CLI::Success& e) {
     return app.exit(e);  // --help, --version
-  } catch (const CLI::ParseError &e) {
+  } catch (const CLI::ParseError& e) {
     return Fail(2, e.what());
   }
 
@@ -180,14 +181,14 @@ int Run(int argc, char **argv) {
 
 }  // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char** argv) {
   try {
     return Run(argc, argv);
-  } catch (const InputError &e) {
+  } catch (const InputError& e) {
     return Fail(2, e.what());
-  } catch (const std::bad_alloc &) {
+  } catch (const std::bad_alloc&) {
     return Fail(1, "out of memory");
-  } catch (const std::exception &e) {
+  } catch (const std::exception& e) {
     return Fail(1, e.what());
   }
 }

@@ -1,12 +1,9 @@
 #include "tools/zor-register/mesh_files.h"
 
-#include <assimp/postprocess.h>
-#include <assimp/scene.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <assimp/Importer.hpp>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
@@ -18,6 +15,10 @@
 #include <fstream>
 #include <limits>
 #include <string_view>
+
+#include <assimp/Importer.hpp>
+#include <assimp/postprocess.h>
+#include <assimp/scene.h>
 
 #include "zor/model/stl_iterators.h"
 #include "zor/model/unit.h"
@@ -34,7 +35,7 @@ constexpr double kFarOut = 1073741824.0;  // 2^30
 constexpr double kComfortableSteps = 1.0e5;
 constexpr double kComfortableReach = 536870912.0;  // 2^29
 
-std::string Quoted(const std::string &path) { return "'" + path + "'"; }
+std::string Quoted(const std::string& path) { return "'" + path + "'"; }
 
 std::string Number(double v) {
   char text[32];
@@ -49,7 +50,7 @@ double SuggestedScale(double scale, double have, double want, bool up) {
   return scale * std::pow(10.0, up ? std::ceil(exponent) : std::floor(exponent));
 }
 
-std::string LowerExtension(const std::string &path) {
+std::string LowerExtension(const std::string& path) {
   std::string ext = std::filesystem::path(path).extension().string();
   std::transform(ext.begin(), ext.end(), ext.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
@@ -58,7 +59,7 @@ std::string LowerExtension(const std::string &path) {
 
 }  // namespace
 
-LoadedMesh ReadMesh(const std::string &path, double scale) {
+LoadedMesh ReadMesh(const std::string& path, double scale) {
   std::error_code ec;
   if (std::filesystem::is_directory(path, ec)) throw InputError("cannot read " + Quoted(path) + ": it is a directory");
   {
@@ -68,7 +69,7 @@ LoadedMesh ReadMesh(const std::string &path, double scale) {
   Assimp::Importer importer;
   // Polygons are triangulated; vertices are joined below on the grid, where
   // equal means equal, whatever normals the file gives each corner.
-  const aiScene *scene = importer.ReadFile(path, aiProcess_Triangulate);
+  const aiScene* scene = importer.ReadFile(path, aiProcess_Triangulate);
   if (scene == nullptr) {
     const std::string why = importer.GetErrorString();
     // A file the importer understood but found no surface in.
@@ -83,10 +84,10 @@ LoadedMesh ReadMesh(const std::string &path, double scale) {
   std::vector<std::uint32_t> indices;
   double reach = 0.0;
   // Each mesh of each node, placed by the node's transforms down from the root.
-  const auto addNode = [&](const auto &self, const aiNode *node, aiMatrix4x4 placement) -> void {
+  const auto addNode = [&](const auto& self, const aiNode* node, aiMatrix4x4 placement) -> void {
     placement = placement * node->mTransformation;
     for (unsigned i = 0; i < node->mNumMeshes; ++i) {
-      const aiMesh *mesh = scene->mMeshes[node->mMeshes[i]];
+      const aiMesh* mesh = scene->mMeshes[node->mMeshes[i]];
       const std::size_t base = xyz.size() / 3;
       for (unsigned v = 0; v < mesh->mNumVertices; ++v) {
         const aiVector3D p = placement * mesh->mVertices[v];
@@ -100,7 +101,7 @@ LoadedMesh ReadMesh(const std::string &path, double scale) {
         }
       }
       for (unsigned f = 0; f < mesh->mNumFaces; ++f) {
-        const aiFace &face = mesh->mFaces[f];
+        const aiFace& face = mesh->mFaces[f];
         if (face.mNumIndices != 3) continue;  // points and lines carry no surface
         for (int k = 0; k < 3; ++k) indices.push_back(static_cast<std::uint32_t>(base + face.mIndices[k]));
       }
@@ -127,7 +128,7 @@ LoadedMesh ReadMesh(const std::string &path, double scale) {
   return loaded;
 }
 
-std::vector<std::string> GridAdvice(const std::string &what, const MStlBase &mesh, double scale) {
+std::vector<std::string> GridAdvice(const std::string& what, const MStlBase& mesh, double scale) {
   std::vector<std::string> advice;
   const double dx = double(mesh.GetXMax()) - mesh.GetXMin(), dy = double(mesh.GetYMax()) - mesh.GetYMin(),
                dz = double(mesh.GetZMax()) - mesh.GetZMin();
@@ -148,7 +149,7 @@ std::vector<std::string> GridAdvice(const std::string &what, const MStlBase &mes
   return advice;
 }
 
-MeshFormat CheckOutputPath(const std::string &path) {
+MeshFormat CheckOutputPath(const std::string& path) {
   const std::string ext = LowerExtension(path);
   MeshFormat format;
   if (ext == ".stl")
@@ -175,8 +176,8 @@ namespace {
 // it by Commit; dropped without Commit (or on any failure), it leaves nothing
 // behind.
 class AtomicFile {
- public:
-  explicit AtomicFile(const std::string &destination) : target(destination) {
+public:
+  explicit AtomicFile(const std::string& destination) : target(destination) {
     const std::filesystem::path p(destination);
     temporary = (p.parent_path() / ("." + p.filename().string() + ".XXXXXX")).string();
     const int fd = mkstemp(temporary.data());
@@ -196,8 +197,8 @@ class AtomicFile {
     if (file != nullptr) std::fclose(file);
     if (!committed && !temporary.empty()) std::remove(temporary.c_str());
   }
-  AtomicFile(const AtomicFile &) = delete;
-  AtomicFile &operator=(const AtomicFile &) = delete;
+  AtomicFile(const AtomicFile&) = delete;
+  AtomicFile& operator=(const AtomicFile&) = delete;
 
   void Append(std::string_view s) {
     buffer.append(s);
@@ -231,7 +232,7 @@ class AtomicFile {
     committed = true;
   }
 
- private:
+private:
   static constexpr std::size_t kChunk = 1 << 20;
   void Flush() {
     if (!buffer.empty() && std::fwrite(buffer.data(), 1, buffer.size(), file) != buffer.size()) Fail();
@@ -241,14 +242,14 @@ class AtomicFile {
 
   std::string target;
   std::string temporary;
-  std::FILE *file = nullptr;
+  std::FILE* file = nullptr;
   std::string buffer;
   bool committed = false;
 };
 
 }  // namespace
 
-void WriteMesh(const MStlBase &mesh, const MMTransformMatrix *pose, double scale, const std::string &path, bool ascii) {
+void WriteMesh(const MStlBase& mesh, const MMTransformMatrix* pose, double scale, const std::string& path, bool ascii) {
   const MeshFormat format = CheckOutputPath(path);
   // Divided rather than multiplied by the reciprocal: grid points then print as
   // the short decimals they are (29144 / 1000 is 29.144; 29144 * 0.001 is not).
@@ -272,12 +273,12 @@ void WriteMesh(const MStlBase &mesh, const MMTransformMatrix *pose, double scale
 
   AtomicFile out(path);
   const auto normal = [&](std::size_t t) {
-    const MMVector3d &a = points[triangles[3 * t]];
+    const MMVector3d& a = points[triangles[3 * t]];
     MMVector3d n = Cross(points[triangles[3 * t + 1]] - a, points[triangles[3 * t + 2]] - a);
     Normalize(n);
     return n;
   };
-  const auto appendPoint = [&](const char *prefix, const MMVector3d &p) {
+  const auto appendPoint = [&](const char* prefix, const MMVector3d& p) {
     out.Append(prefix);
     for (int k = 0; k < 3; ++k) {
       if (k > 0) out.Append(" ");
@@ -285,7 +286,7 @@ void WriteMesh(const MStlBase &mesh, const MMTransformMatrix *pose, double scale
     }
     out.Append("\n");
   };
-  const auto appendTriangle = [&](const char *prefix, std::size_t t, std::uint32_t first) {
+  const auto appendTriangle = [&](const char* prefix, std::size_t t, std::uint32_t first) {
     out.Append(prefix);
     for (int k = 0; k < 3; ++k) {
       if (k > 0) out.Append(" ");
@@ -330,10 +331,10 @@ void WriteMesh(const MStlBase &mesh, const MMTransformMatrix *pose, double scale
       out.Append(triangleCount);
       out.Append("\nproperty list uchar uint vertex_indices\nend_header\n");
       if (ascii) {
-        for (const MMVector3d &p : points) appendPoint("", p);
+        for (const MMVector3d& p : points) appendPoint("", p);
         for (std::size_t t = 0; t < triangleCount; ++t) appendTriangle("3 ", t, 0);
       } else {
-        for (const MMVector3d &p : points)
+        for (const MMVector3d& p : points)
           for (int k = 0; k < 3; ++k) out.AppendRaw(p[k]);
         for (std::size_t t = 0; t < triangleCount; ++t) {
           out.AppendRaw(std::uint8_t{3});
@@ -343,7 +344,7 @@ void WriteMesh(const MStlBase &mesh, const MMTransformMatrix *pose, double scale
       break;
     case MeshFormat::Obj:
       out.Append("# written by zor-register\n");
-      for (const MMVector3d &p : points) appendPoint("v ", p);
+      for (const MMVector3d& p : points) appendPoint("v ", p);
       for (std::size_t t = 0; t < triangleCount; ++t) appendTriangle("f ", t, 1);
       break;
     case MeshFormat::Off:
@@ -352,7 +353,7 @@ void WriteMesh(const MStlBase &mesh, const MMTransformMatrix *pose, double scale
       out.Append(" ");
       out.Append(triangleCount);
       out.Append(" 0\n");
-      for (const MMVector3d &p : points) appendPoint("", p);
+      for (const MMVector3d& p : points) appendPoint("", p);
       for (std::size_t t = 0; t < triangleCount; ++t) appendTriangle("3 ", t, 0);
       break;
   }

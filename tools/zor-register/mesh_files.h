@@ -22,7 +22,7 @@ namespace zortool {
 // Bad input from the user: the message is one line and the program exits with
 // status 2.
 class InputError : public std::runtime_error {
- public:
+public:
   using std::runtime_error::runtime_error;
 };
 
@@ -38,25 +38,25 @@ struct LoadedMesh {
 // or unreadable, holds no triangle, or has a coordinate that is not finite or
 // that leaves the 32-bit grid at this scale (the message then suggests a
 // --scale).
-LoadedMesh ReadMesh(const std::string &path, double scale);
+LoadedMesh ReadMesh(const std::string& path, double scale);
 
 // Advice when a mesh spans so few grid steps that rounding costs accuracy, or
 // lies so far out that a move could carry it off the grid: one line each,
 // naming a --scale.
-std::vector<std::string> GridAdvice(const std::string &what, const MStlBase &mesh, double scale);
+std::vector<std::string> GridAdvice(const std::string& what, const MStlBase& mesh, double scale);
 
 enum class MeshFormat { Stl, Ply, Obj, Off };
 
 // The format the extension of `path` names (any case). Throws InputError for
 // another extension, or when the folder that should hold the file does not
 // exist.
-MeshFormat CheckOutputPath(const std::string &path);
+MeshFormat CheckOutputPath(const std::string& path);
 
 // Writes `mesh`, moved by `pose` when it is not null, to `path` in the format
 // its extension names: binary STL and PLY unless `ascii`. The file is written
 // beside its destination under a temporary name and renamed over it at the end,
 // so a reader never sees half a file and a failure leaves nothing behind.
 // Throws InputError when the file cannot be written.
-void WriteMesh(const MStlBase &mesh, const MMTransformMatrix *pose, double scale, const std::string &path, bool ascii);
+void WriteMesh(const MStlBase& mesh, const MMTransformMatrix* pose, double scale, const std::string& path, bool ascii);
 
 }  // namespace zortool

@@ -11,12 +11,12 @@
 namespace zortool {
 
 class ProgressBar : public ZorSDK::Common::IProgressDelegate {
- public:
-  void OnStart(const std::string &label, std::size_t total) override {
+public:
+  void OnStart(const std::string& label, std::size_t total) override {
     shown = -1;
     OnProgress(label, 0, total);
   }
-  void OnProgress(const std::string &label, std::size_t done, std::size_t total) override {
+  void OnProgress(const std::string& label, std::size_t done, std::size_t total) override {
     const int percent = total == 0 ? 100 : static_cast<int>(100 * done / total);
     if (percent == shown) return;
     shown = percent;
@@ -26,13 +26,13 @@ class ProgressBar : public ZorSDK::Common::IProgressDelegate {
     std::fprintf(stderr, "\r%s [%s] %3d%%", label.c_str(), bar, percent);
     std::fflush(stderr);
   }
-  void OnEnd(const std::string &) override {
+  void OnEnd(const std::string&) override {
     std::fputs("\r\033[K",
                stderr);  // back to the start of the line, and clear it
     std::fflush(stderr);
   }
 
- private:
+private:
   static constexpr int kWidth = 30;
   int shown = -1;
 };

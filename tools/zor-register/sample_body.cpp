@@ -14,14 +14,14 @@ constexpr double kHalf[3] = {35.0, 23.0, 15.0};  // mm: half extents of the bloc
 
 // Squared distance of the unit direction `d` from the direction of `at`, over
 // `width`.
-double Spread(const MMVector3d &d, MMVector3d at, double width) {
+double Spread(const MMVector3d& d, MMVector3d at, double width) {
   Normalize(at);
   return Length2(d - at) / width;
 }
 
 // Distance (mm) from the body's centre to its surface along the unit direction
 // `d`.
-double SurfaceRadius(const MMVector3d &d) {
+double SurfaceRadius(const MMVector3d& d) {
   const double p = 6.0;  // rounds the block's edges
   double q = 0.0;
   for (int k = 0; k < 3; ++k) q += std::pow(std::fabs(d[k]) / kHalf[k], p);
@@ -45,7 +45,7 @@ std::unique_ptr<MStlBase> MakeSampleBody(int n) {
   std::vector<std::uint32_t> id(side * side * side, UINT32_MAX);
   std::vector<double> xyz;
   const auto point = [&](int i, int j, int k) {
-    std::uint32_t &slot = id[(static_cast<std::size_t>(i) * side + j) * side + k];
+    std::uint32_t& slot = id[(static_cast<std::size_t>(i) * side + j) * side + k];
     if (slot == UINT32_MAX) {
       slot = static_cast<std::uint32_t>(xyz.size() / 3);
       // Equal angles rather than equal steps across each face spread the points

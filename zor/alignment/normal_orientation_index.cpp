@@ -110,8 +110,7 @@ void NormalOrientationIndex::_LayOutGrid() {
     const double n = static_cast<double>(rows[r].size());
     for (std::size_t j = 0; j < rows[r].size(); ++j) {
       const double phi = static_cast<double>(j) * kTwoPi / n;
-      cellDirections[rows[r][j]] =
-          MMVector3d(g * std::cos(phi) * sinTheta, g * std::sin(phi) * sinTheta, g * cosTheta);
+      cellDirections[rows[r][j]] = MMVector3d(g * std::cos(phi) * sinTheta, g * std::sin(phi) * sinTheta, g * cosTheta);
     }
   }
 }
@@ -312,7 +311,8 @@ bool NormalOrientationIndex::FindBestMatch(const MMVector3d& point, const MMVect
       const MMVector3d a = t->GetVertex(0), b = t->GetVertex(1), c = t->GetVertex(2);
       double bary[3];
       MeshQueries::PointTriangleDistance2(projected.Data(), a.Data(), b.Data(), c.Data(), bary);
-      MMVector3d m = pointNormals->GetInfo(*t->GetPoint(0)) * bary[0] + pointNormals->GetInfo(*t->GetPoint(1)) * bary[1] +
+      MMVector3d m = pointNormals->GetInfo(*t->GetPoint(0)) * bary[0] +
+                     pointNormals->GetInfo(*t->GetPoint(1)) * bary[1] +
                      pointNormals->GetInfo(*t->GetPoint(2)) * bary[2];
       const double length = Length(m);
       if (length != 0.0) m /= length;

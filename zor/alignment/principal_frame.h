@@ -68,7 +68,6 @@ ZOR_API std::vector<MMVector3d> MakeDirectionSphere(std::uint64_t n);
 
 // For each direction d in order, m rotations about the origin that take Z onto d, each
 // turned 2 pi / m further about d than the one before.
-ZOR_API std::vector<MMTransformMatrix> MakeSphereRotations(const std::vector<MMVector3d>& directions,
-                                                           std::uint64_t m);
+ZOR_API std::vector<MMTransformMatrix> MakeSphereRotations(const std::vector<MMVector3d>& directions, std::uint64_t m);
 
 }  // namespace ZorStlRegistration

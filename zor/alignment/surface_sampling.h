@@ -76,12 +76,12 @@ struct SurfaceEvaluation {
 // that, SurfacePatch and Evaluate may be called any number of times.
 class ZOR_API SurfacePatchEvaluator {
 public:
-  double radius = 0.0;                // internal units
-  std::int32_t curvatureKind = 1;     // 0 mean, 1 Gaussian, 2 K1, 3 K2, other: 0.0
-  std::int32_t neighbourhoodRule = 0; // the flood fill over neighbours; the only rule
-  double edgeStep = 0.0;              // extra points along edges: off (the only setting)
-  bool fitFlag = true;                // handed to the quadric fit (refine the normal)
-  double creaseCosine = 0.0;          // neighbours whose normals' dot product is at most this are not joined
+  double radius = 0.0;                 // internal units
+  std::int32_t curvatureKind = 1;      // 0 mean, 1 Gaussian, 2 K1, 3 K2, other: 0.0
+  std::int32_t neighbourhoodRule = 0;  // the flood fill over neighbours; the only rule
+  double edgeStep = 0.0;               // extra points along edges: off (the only setting)
+  bool fitFlag = true;                 // handed to the quadric fit (refine the normal)
+  double creaseCosine = 0.0;           // neighbours whose normals' dot product is at most this are not joined
 
   // Binds the evaluator to the container's mesh and builds the neighbour table (in
   // parallel) and the working masks.

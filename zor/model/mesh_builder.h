@@ -9,8 +9,8 @@
 #include "zor/model/stl_base.h"
 
 struct MStlBuildReport {
-  std::size_t pointsMerged = 0;       // input points that landed on an earlier point's coordinates
-  std::size_t trianglesSkipped = 0;   // triangles with two corners on one point (degenerate)
+  std::size_t pointsMerged = 0;      // input points that landed on an earlier point's coordinates
+  std::size_t trianglesSkipped = 0;  // triangles with two corners on one point (degenerate)
 };
 
 // A mesh from `pointCount` points (x, y, z doubles in internal units, rounded to nearest,

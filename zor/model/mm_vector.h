@@ -26,10 +26,30 @@ public:
   constexpr T* Data() { return v; }
   constexpr const T* Data() const { return v; }
 
-  constexpr MMVector& operator+=(const MMVector& o) { v[0] += o.v[0]; v[1] += o.v[1]; v[2] += o.v[2]; return *this; }
-  constexpr MMVector& operator-=(const MMVector& o) { v[0] -= o.v[0]; v[1] -= o.v[1]; v[2] -= o.v[2]; return *this; }
-  constexpr MMVector& operator*=(T s) { v[0] *= s; v[1] *= s; v[2] *= s; return *this; }
-  constexpr MMVector& operator/=(T s) { v[0] /= s; v[1] /= s; v[2] /= s; return *this; }
+  constexpr MMVector& operator+=(const MMVector& o) {
+    v[0] += o.v[0];
+    v[1] += o.v[1];
+    v[2] += o.v[2];
+    return *this;
+  }
+  constexpr MMVector& operator-=(const MMVector& o) {
+    v[0] -= o.v[0];
+    v[1] -= o.v[1];
+    v[2] -= o.v[2];
+    return *this;
+  }
+  constexpr MMVector& operator*=(T s) {
+    v[0] *= s;
+    v[1] *= s;
+    v[2] *= s;
+    return *this;
+  }
+  constexpr MMVector& operator/=(T s) {
+    v[0] /= s;
+    v[1] /= s;
+    v[2] /= s;
+    return *this;
+  }
 
   friend constexpr MMVector operator+(MMVector a, const MMVector& b) { return a += b; }
   friend constexpr MMVector operator-(MMVector a, const MMVector& b) { return a -= b; }
@@ -66,8 +86,16 @@ constexpr MMVector<T, 3> Cross(const MMVector<T, 3>& a, const MMVector<T, 3>& b)
 inline double ScaleSafeLength(double x, double y, double z) {
   double ax = std::fabs(x), ay = std::fabs(y), az = std::fabs(z);
   double m = ax, l = ay, k = az;
-  if (ay > m) { m = ay; l = ax; k = az; }
-  if (az > m) { m = az; l = ax; k = ay; }
+  if (ay > m) {
+    m = ay;
+    l = ax;
+    k = az;
+  }
+  if (az > m) {
+    m = az;
+    l = ax;
+    k = ay;
+  }
   if (m == 0.0) return 0.0;
   const double g = m > 4.9406564584124654e-324 ? m : 4.9406564584124654e-324;
   const double lg = l / g, kg = k / g;

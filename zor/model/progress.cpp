@@ -8,7 +8,10 @@ IProgressDelegate::~IProgressDelegate() = default;
 
 IncrementalProgressReporter::IncrementalProgressReporter(const std::shared_ptr<IProgressDelegate>& delegate_,
                                                          const std::string& label_, std::size_t total_, bool everyStep)
-    : delegate(delegate_), label(label_), total(total_), stride(everyStep ? 1 : std::max<std::size_t>(1, total_ / 100)) {
+    : delegate(delegate_),
+      label(label_),
+      total(total_),
+      stride(everyStep ? 1 : std::max<std::size_t>(1, total_ / 100)) {
   if (delegate) delegate->OnStart(label, total);
 }
 

@@ -102,8 +102,8 @@ MStlBase::MStlBase()
       surfaceList(new MStlSurfaceList(this)) {}
 
 MStlBase::MStlBase(const MStlBase& other, std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress) : MStlBase() {
-  ZorSDK::Common::IncrementalProgressReporter reporter(progress, "Copy mesh",
-                                                       other.pointCount + other.triangleCount, false);
+  ZorSDK::Common::IncrementalProgressReporter reporter(progress, "Copy mesh", other.pointCount + other.triangleCount,
+                                                       false);
   name = other.name;
   Reserve(other.pointCount, other.triangleCount);
   // Points in list order; duplicates of coordinates stay duplicates.
@@ -120,9 +120,9 @@ MStlBase::MStlBase(const MStlBase& other, std::shared_ptr<ZorSDK::Common::IProgr
     surfaceMap.push_back(copy);
     for (const MStlTriangleCell* c = s->GetFirstTriangle(); c != nullptr; c = c->next) {
       const MStlTriangle& t = c->data;
-      MStlTriangleCell* added = AddTriangle(pointMap[t.corners[0]->GetMaskIndex()],
-                                            pointMap[t.corners[1]->GetMaskIndex()],
-                                            pointMap[t.corners[2]->GetMaskIndex()], copy);
+      MStlTriangleCell* added =
+          AddTriangle(pointMap[t.corners[0]->GetMaskIndex()], pointMap[t.corners[1]->GetMaskIndex()],
+                      pointMap[t.corners[2]->GetMaskIndex()], copy);
       added->data.flags = t.flags;
       ++reporter;
     }
@@ -265,7 +265,9 @@ MStlPoint* MStlBase::AddPoint(const MStlPoint* point, bool forceNew) {
   return AddPoint(point->GetX(), point->GetY(), point->GetZ(), forceNew);
 }
 
-MStlPoint* MStlBase::AddPoint(const std::int32_t* xyz, bool forceNew) { return AddPoint(xyz[0], xyz[1], xyz[2], forceNew); }
+MStlPoint* MStlBase::AddPoint(const std::int32_t* xyz, bool forceNew) {
+  return AddPoint(xyz[0], xyz[1], xyz[2], forceNew);
+}
 
 // ---------------------------------------------------------------------------------------
 // Surfaces, features, triangles
@@ -491,7 +493,9 @@ void MStlBase::_EndBatch() {
 
 void MStlBase::_Attach(MStlCallback* cb) { callbacks.push_back(cb); }
 
-void MStlBase::_Detach(MStlCallback* cb) { callbacks.erase(std::remove(callbacks.begin(), callbacks.end(), cb), callbacks.end()); }
+void MStlBase::_Detach(MStlCallback* cb) {
+  callbacks.erase(std::remove(callbacks.begin(), callbacks.end(), cb), callbacks.end());
+}
 
 IDataMask* MStlBase::_FindOwnedMask(const std::wstring& maskName) const {
   for (const auto& [n, m] : ownedMasks)

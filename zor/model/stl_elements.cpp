@@ -137,7 +137,7 @@ double MStlTriangle::ProjectPoint(MMVector3d& projected, MMVector3d& weights, MP
       if (best < 0.0 || dist2 < best) {
         best = dist2;
         bestWeights = w;
-        bestWhere = t == 0.0 ? static_cast<MPosition>(AtCorner0 + e)
+        bestWhere = t == 0.0   ? static_cast<MPosition>(AtCorner0 + e)
                     : t == 1.0 ? static_cast<MPosition>(AtCorner0 + f)
                                : static_cast<MPosition>(OnEdge0 + e);
       }
@@ -196,8 +196,8 @@ std::size_t MStlFeature::GetNumberOfTriangles() const {
 
 std::size_t MStlFeature::GetNumSurfaces(bool includeEmpty) const {
   if (includeEmpty) return surfaces.size();
-  return static_cast<std::size_t>(
-      std::count_if(surfaces.begin(), surfaces.end(), [](const MStlSurface* s) { return s->GetNumberOfTriangles() > 0; }));
+  return static_cast<std::size_t>(std::count_if(surfaces.begin(), surfaces.end(),
+                                                [](const MStlSurface* s) { return s->GetNumberOfTriangles() > 0; }));
 }
 
 void MStlFeature::AddSurface(MStlSurface* surface) {

@@ -3,7 +3,8 @@
 namespace {
 
 void InvertAllWindings(MStlBase& mesh) {
-  for (MStlIteratorStlTriangle it = MStlIteratorStlTriangle::Begin(&mesh); it != MStlIteratorStlTriangle::End(&mesh); ++it)
+  for (MStlIteratorStlTriangle it = MStlIteratorStlTriangle::Begin(&mesh); it != MStlIteratorStlTriangle::End(&mesh);
+       ++it)
     it->Invert(0);
 }
 

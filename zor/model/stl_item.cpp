@@ -37,16 +37,13 @@ std::unique_ptr<MStlBase> CopySelectionToNewMesh(const MStlItem& item) {
       if (item.GetFeature() == nullptr) return nullptr;
       n = item.GetFeature()->GetNumberOfTriangles();
       break;
-    default:
-      return nullptr;
+    default: return nullptr;
   }
   auto mesh = std::make_unique<MStlBase>();
   mesh->Reserve(n / 2, n);
   MStlTempPointSortingDisabler bulk(mesh.get(), true);
   switch (item.GetType()) {
-    case MStlItemStl:
-      CopyFeature(*mesh, item.GetStl()->GetSurfaceList(), all);
-      break;
+    case MStlItemStl: CopyFeature(*mesh, item.GetStl()->GetSurfaceList(), all); break;
     case MStlItemMarkedTriangles:
       CopyFeature(*mesh, item.GetStl()->GetSurfaceList(), [](const MStlTriangle& t) { return t.IsMarked(); });
       break;
@@ -54,9 +51,7 @@ std::unique_ptr<MStlBase> CopySelectionToNewMesh(const MStlItem& item) {
       for (const MStlTriangleCell* c = item.GetSurface()->GetFirstTriangle(); c != nullptr; c = c->next)
         CopyTriangle(*mesh, c->data);
       break;
-    default:
-      CopyFeature(*mesh, item.GetFeature(), all);
-      break;
+    default: CopyFeature(*mesh, item.GetFeature(), all); break;
   }
   return mesh;
 }

@@ -10,10 +10,10 @@
 
 enum MStlItemType : std::int32_t {
   MStlItemNone = 0,
-  MStlItemStl = 1,              // a whole mesh: GetStl
-  MStlItemSurface = 6,          // one surface: GetSurface
-  MStlItemFeature = 11,         // one feature: GetFeature
-  MStlItemMarkedTriangles = 12, // the marked triangles of a mesh: GetStl, then IsMarked
+  MStlItemStl = 1,               // a whole mesh: GetStl
+  MStlItemSurface = 6,           // one surface: GetSurface
+  MStlItemFeature = 11,          // one feature: GetFeature
+  MStlItemMarkedTriangles = 12,  // the marked triangles of a mesh: GetStl, then IsMarked
 };
 
 class ZOR_MODEL_API MStlItem {

@@ -15,7 +15,9 @@ class MStlIteratorStlPointConst {
 public:
   MStlIteratorStlPointConst() = default;
   explicit MStlIteratorStlPointConst(const MStlPoint* p) : point(p) {}
-  static MStlIteratorStlPointConst Begin(const MStlBase* mesh) { return MStlIteratorStlPointConst(GetFirstPointOf(mesh)); }
+  static MStlIteratorStlPointConst Begin(const MStlBase* mesh) {
+    return MStlIteratorStlPointConst(GetFirstPointOf(mesh));
+  }
   static MStlIteratorStlPointConst End(const MStlBase*) { return MStlIteratorStlPointConst(nullptr); }
 
   const MStlPoint& operator*() const { return *point; }

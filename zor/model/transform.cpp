@@ -247,9 +247,15 @@ bool MMTransformMatrix::MakeRotation(const MMVector3d& point, const MMVector3d& 
   const double c = std::cos(angle), s = std::sin(angle), k = 1.0 - c;
   const double x = u[0], y = u[1], z = u[2];
   SetIdentity(m);
-  m[0][0] = c + k * x * x;     m[0][1] = k * x * y - s * z; m[0][2] = k * x * z + s * y;
-  m[1][0] = k * y * x + s * z; m[1][1] = c + k * y * y;     m[1][2] = k * y * z - s * x;
-  m[2][0] = k * z * x - s * y; m[2][1] = k * z * y + s * x; m[2][2] = c + k * z * z;
+  m[0][0] = c + k * x * x;
+  m[0][1] = k * x * y - s * z;
+  m[0][2] = k * x * z + s * y;
+  m[1][0] = k * y * x + s * z;
+  m[1][1] = c + k * y * y;
+  m[1][2] = k * y * z - s * x;
+  m[2][0] = k * z * x - s * y;
+  m[2][1] = k * z * y + s * x;
+  m[2][2] = c + k * z * z;
   for (int r = 0; r < 3; ++r) m[r][3] = point[r] - (m[r][0] * point[0] + m[r][1] * point[1] + m[r][2] * point[2]);
   _Update();
   return true;

@@ -63,9 +63,8 @@ void MUserOperatorStlRegistration::AlignInitially(ZorSDK::Common::IncrementalPro
   }
 }
 
-void MUserOperatorStlRegistration::SearchPrincipalPoses(bool useAxisRotation, std::int32_t axisIndex,
-                                                        MStlBase* moving, const MStlBase* fixed,
-                                                        const std::vector<MMVector3d>& samples,
+void MUserOperatorStlRegistration::SearchPrincipalPoses(bool useAxisRotation, std::int32_t axisIndex, MStlBase* moving,
+                                                        const MStlBase* fixed, const std::vector<MMVector3d>& samples,
                                                         const std::vector<MMVector3d>* normals, std::uint64_t count) {
   using namespace ZorStlRegistration;
   const PrincipalFrame movingFrame = AnalyzePrincipalFrame(*moving, kFrameTolerance);
@@ -166,9 +165,8 @@ void MUserOperatorStlRegistration::SolveFromSphere(const MStlBase* moving, const
   const std::vector<MMTransformMatrix> rotations =
       MakeSphereRotations(MakeDirectionSphere(params.sphereRingSteps), params.sphereSpinSteps);
   if (rotations.empty()) return;  // no spins: no start
-  detail::RegistrationSolver best =
-      detail::RunSolverTournament(*orientationIndex, rotations, GetGravityCenter(*moving), GetGravityCenter(*fixed),
-                                  samples, normals, count);
+  detail::RegistrationSolver best = detail::RunSolverTournament(*orientationIndex, rotations, GetGravityCenter(*moving),
+                                                                GetGravityCenter(*fixed), samples, normals, count);
   if (error <= best.cachedError) return;
   transformation = best.moveTransform;
   error = best.cachedError;

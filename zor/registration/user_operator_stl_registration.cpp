@@ -18,9 +18,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-double SecondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
+double SecondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 // Reduces a clone in place; a reduction that cannot meet its bound leaves the clone
 // as it was, which is as good an input.
@@ -130,13 +128,13 @@ bool MUserOperatorStlRegistration::Operate() {
     // number of threads, so they run side by side.
     tbb::parallel_invoke(
         [&] {
-          reducedFixed = std::make_unique<MStlBase>(*workingFixed, nullptr);
-          ReduceClone(*reducedFixed, params.reduceTolerance);
+      reducedFixed = std::make_unique<MStlBase>(*workingFixed, nullptr);
+      ReduceClone(*reducedFixed, params.reduceTolerance);
         },
         [&] {
-          reducedMoving = std::make_unique<MStlBase>(*workingMoving, nullptr);
-          ReduceClone(*reducedMoving, params.reduceTolerance);
-        });
+      reducedMoving = std::make_unique<MStlBase>(*workingMoving, nullptr);
+      ReduceClone(*reducedMoving, params.reduceTolerance);
+    });
     workingFixed = reducedFixed.get();
     workingMoving = reducedMoving.get();
   }

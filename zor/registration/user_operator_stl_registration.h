@@ -41,16 +41,16 @@ public:
 
   // Lengths are in coordinate (user) units and multiplied by MUnit::GetIE() where read.
   struct ZOR_API MParams {
-    bool reduceMeshes = true;              // work on reduced clones of both meshes
-    double reduceTolerance = 0.3;          // coordinate units: reduction distance bound
-    double errorTolerance = 0.1;           // coordinate units: refinement stops below it
-    std::uint64_t sampleCount = 500;       // samples on the moving mesh
-    double overlapFraction = 0.8;          // share of samples expected on the fixed mesh; not range-checked
-    double slideStep = 10.0;               // coordinate units: step of the slide along an axis
-    bool useNormals = false;               // match with sample normals
-    double normalRadius = 2.0;             // coordinate units: neighbourhood of fitted normals
-    double maxNormalAngle = 25.0;          // degrees: half angle of accepted normals
-    double normalWeight = 0.5;             // 0..1: weight of normal mismatch against distance
+    bool reduceMeshes = true;         // work on reduced clones of both meshes
+    double reduceTolerance = 0.3;     // coordinate units: reduction distance bound
+    double errorTolerance = 0.1;      // coordinate units: refinement stops below it
+    std::uint64_t sampleCount = 500;  // samples on the moving mesh
+    double overlapFraction = 0.8;     // share of samples expected on the fixed mesh; not range-checked
+    double slideStep = 10.0;          // coordinate units: step of the slide along an axis
+    bool useNormals = false;          // match with sample normals
+    double normalRadius = 2.0;        // coordinate units: neighbourhood of fitted normals
+    double maxNormalAngle = 25.0;     // degrees: half angle of accepted normals
+    double normalWeight = 0.5;        // 0..1: weight of normal mismatch against distance
     MInitialAlignment initialAlignment = AlignAxes;
     std::uint64_t sphereRingSteps = 4;     // latitude steps of the direction sphere
     std::uint64_t sphereSpinSteps = 8;     // spins about each direction

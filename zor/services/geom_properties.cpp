@@ -105,7 +105,8 @@ bool MStlBaseOperatorGeomProperties::Operate() {
     maps.push_back(map);
     if (mesh.GetNumberOfTriangles() == 0) continue;
     for (int corner = 0; corner < 8; ++corner) {
-      const Eigen::Vector4d p(corner & 1 ? mesh.GetXMax() : mesh.GetXMin(), corner & 2 ? mesh.GetYMax() : mesh.GetYMin(),
+      const Eigen::Vector4d p(corner & 1 ? mesh.GetXMax() : mesh.GetXMin(),
+                              corner & 2 ? mesh.GetYMax() : mesh.GetYMin(),
                               corner & 4 ? mesh.GetZMax() : mesh.GetZMin(), 1.0);
       lo = lo.cwiseMin(map * p);
       hi = hi.cwiseMax(map * p);
@@ -133,13 +134,13 @@ bool MStlBaseOperatorGeomProperties::Operate() {
   const Moments sum = oneapi::tbb::parallel_deterministic_reduce(
       oneapi::tbb::blocked_range<std::size_t>(0, triangles.size(), 4096), Moments(),
       [&](const oneapi::tbb::blocked_range<std::size_t>& r, Moments m) {
-        for (std::size_t i = r.begin(); i != r.end(); ++i) AddTriangle(m, placed(i), type);
-        return m;
+    for (std::size_t i = r.begin(); i != r.end(); ++i) AddTriangle(m, placed(i), type);
+    return m;
       },
       [](Moments a, const Moments& b) {
-        a.Add(b);
-        return a;
-      });
+    a.Add(b);
+    return a;
+  });
 
   if (!(std::fabs(sum.mass) > 0.0) || !std::isfinite(sum.mass)) return false;
   if (type == GravitySolid) {

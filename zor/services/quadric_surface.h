@@ -31,8 +31,8 @@ public:
   // do not determine the six coefficients (all on one line, or too few distinct
   // positions). On success `normal` becomes the unit normal of the fit, on the side of
   // the normal given. The lists are not changed.
-  bool Fit(const MMVector3d& centre, std::vector<MMVector3d>& points, std::vector<double>& weights,
-           MMVector3d& normal, bool refine);
+  bool Fit(const MMVector3d& centre, std::vector<MMVector3d>& points, std::vector<double>& weights, MMVector3d& normal,
+           bool refine);
 
   double GetCurvatureK1() const { return k1; }
   double GetCurvatureK2() const { return k2; }

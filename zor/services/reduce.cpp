@@ -6,7 +6,6 @@
 #include <limits>
 #include <vector>
 
-
 #include <meshoptimizer.h>
 #include <oneapi/tbb/blocked_range.h>
 #include <oneapi/tbb/parallel_for.h>
@@ -51,7 +50,8 @@ FlatMesh Flatten(MStlBase& mesh) {
   FlatMesh flat;
   std::vector<std::uint32_t> globalOfMask(mesh.GetMasks().GetPointMaskSize(), kNone);
   std::vector<std::uint32_t> localOfGlobal;
-  const MMVector3d centre(0.5 * (double(mesh.GetXMin()) + mesh.GetXMax()), 0.5 * (double(mesh.GetYMin()) + mesh.GetYMax()),
+  const MMVector3d centre(0.5 * (double(mesh.GetXMin()) + mesh.GetXMax()),
+                          0.5 * (double(mesh.GetYMin()) + mesh.GetYMax()),
                           0.5 * (double(mesh.GetZMin()) + mesh.GetZMax()));
   const MStlFeature* list = mesh.GetSurfaceList();
   flat.cells.reserve(mesh.GetNumberOfTriangles());
@@ -179,16 +179,15 @@ Check Verify(const FlatMesh& flat, double distance) {
   std::vector<std::uint32_t> nearest(flat.points.size(), kNone);
   oneapi::tbb::parallel_for(oneapi::tbb::blocked_range<std::size_t>(0, flat.points.size(), 1024),
                             [&](const oneapi::tbb::blocked_range<std::size_t>& r) {
-                              for (std::size_t i = r.begin(); i != r.end(); ++i) {
-                                if (candidatePoint[i] != nullptr) continue;
-                                const MMVector3d q = flat.points[i]->GetDouble();
-                                auto found = MeshQueries::FindNearestTriangle(*holder, q, radius);
-                                if (found.first.GetTriangle() == nullptr)
-                                  found = MeshQueries::FindNearestTriangle(*holder, q, HUGE_VAL);
-                                deviation[i] = found.second;
-                                nearest[i] = triangleOfMask[found.first.GetMaskIndex()];
-                              }
-                            });
+    for (std::size_t i = r.begin(); i != r.end(); ++i) {
+      if (candidatePoint[i] != nullptr) continue;
+      const MMVector3d q = flat.points[i]->GetDouble();
+      auto found = MeshQueries::FindNearestTriangle(*holder, q, radius);
+      if (found.first.GetTriangle() == nullptr) found = MeshQueries::FindNearestTriangle(*holder, q, HUGE_VAL);
+      deviation[i] = found.second;
+      nearest[i] = triangleOfMask[found.first.GetMaskIndex()];
+    }
+  });
   std::vector<MMVector3d> region(corners.size());
   for (std::size_t i = 0; i < flat.points.size(); ++i) {
     if (deviation[i] > distance) ++check.violations;
@@ -201,7 +200,8 @@ Check Verify(const FlatMesh& flat, double distance) {
     const MMVector3d a = flat.points[c[0]]->GetDouble();
     const MMVector3d n = Cross(flat.points[c[1]]->GetDouble() - a, flat.points[c[2]]->GetDouble() - a);
     const MMVector3d around = region[t] + flat.normals[c[0]] + flat.normals[c[1]] + flat.normals[c[2]];
-    if (!(Dot(n, around) > 0.0) && SmallestAltitude(a, flat.points[c[1]]->GetDouble(), flat.points[c[2]]->GetDouble()) > distance)
+    if (!(Dot(n, around) > 0.0) &&
+        SmallestAltitude(a, flat.points[c[1]]->GetDouble(), flat.points[c[2]]->GetDouble()) > distance)
       ++check.violations;
   }
   return check;
@@ -223,8 +223,9 @@ void Apply(MStlBase& mesh, const FlatMesh& flat) {
   std::vector<MStlTriangleCell*> drop;
   for (std::size_t i = 0; i < flat.cells.size(); ++i) {
     const MStlTriangle& t = flat.cells[i]->data;
-    const TriangleKey key = MakeKey(flat.cellSurface[i], globalOfMask[t.GetPoint(0)->GetMaskIndex()],
-                                    globalOfMask[t.GetPoint(1)->GetMaskIndex()], globalOfMask[t.GetPoint(2)->GetMaskIndex()]);
+    const TriangleKey key =
+        MakeKey(flat.cellSurface[i], globalOfMask[t.GetPoint(0)->GetMaskIndex()],
+                globalOfMask[t.GetPoint(1)->GetMaskIndex()], globalOfMask[t.GetPoint(2)->GetMaskIndex()]);
     const auto at = std::lower_bound(kept.begin(), kept.end(), key);
     if (at != kept.end() && *at == key && !existing[at - kept.begin()])
       existing[at - kept.begin()] = true;

@@ -79,7 +79,8 @@ bool MStlBaseOperatorRegistrationICP::Operate() {
   samples.reserve(moving->NumberOfPoints() / ratio + 1);
   std::size_t index = 0;
   for (auto it = moving->BeginPoint(); it != moving->EndPoint(); ++it, ++index)
-    if (index % ratio == 0) samples.push_back((toReference * Eigen::Vector4d((*it)[0], (*it)[1], (*it)[2], 1.0)).head<3>());
+    if (index % ratio == 0)
+      samples.push_back((toReference * Eigen::Vector4d((*it)[0], (*it)[1], (*it)[2], 1.0)).head<3>());
 
   const MeshQueries::TriangleTreeHolder* holder = MeshQueries::GetTriangleTree(MeshQueries::MeshHandle(reference));
   std::vector<Pair> pairs(samples.size());
@@ -92,8 +93,8 @@ bool MStlBaseOperatorRegistrationICP::Operate() {
     for (std::size_t i = r.begin(); i != r.end(); ++i) {
       Pair& pair = pairs[i];
       pair.position = estimate.topLeftCorner<3, 3>() * samples[i] + estimate.topRightCorner<3, 1>();
-      pair.valid = MeshQueries::FindNearestTriangle(*holder, MMVector3d(pair.position[0], pair.position[1], pair.position[2]),
-                                                   radius, found);
+      pair.valid = MeshQueries::FindNearestTriangle(
+          *holder, MMVector3d(pair.position[0], pair.position[1], pair.position[2]), radius, found);
       if (!pair.valid) continue;
       const MMVector3d c = found.GetClosestPoint();
       const MMVector3d n = found.triangle->GetNormal();

@@ -8,10 +8,8 @@ namespace {
 // triangle's area vector (twice the area along the normal).
 double CornerWeight(const MStlTriangle& t, int corner, const MMVector3d& areaVector, ePointNormalMethod method) {
   switch (method) {
-    case ePointNormalMean:
-      return 1.0;
-    case ePointNormalArea:
-      return 0.5 * Length(areaVector);
+    case ePointNormalMean: return 1.0;
+    case ePointNormalArea: return 0.5 * Length(areaVector);
     case ePointNormalAngle: {
       const MMVector3d p = t.GetVertex(corner);
       const MMVector3d e1 = t.GetVertex((corner + 1) % 3) - p;
@@ -54,7 +52,7 @@ bool ComputePointNormal(MMVector3d& normal, const MStlPoint& point, ePointNormal
 }
 
 bool MStlBaseMaskOperatorComputePointNormalVectors::ComputeNormalCurrentMethod(MMVector3f& normal,
-                                                                              const MStlPoint& point) const {
+                                                                               const MStlPoint& point) const {
   MMVector3d n;
   if (!ComputePointNormal(n, point, method)) return false;
   normal = MMVector3f(n);

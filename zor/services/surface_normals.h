@@ -58,14 +58,20 @@ private:
 class ZOR_SERVICES_API MUserOperatorNormalCalculator {
 public:
   struct ZOR_SERVICES_API MParams {
-    double creaseAngle = 180.0;                    // degrees; 180 or more: no crease
+    double creaseAngle = 180.0;                        // degrees; 180 or more: no crease
     ePointNormalMethod weighting = ePointNormalAngle;  // weights of a corner's triangles
-    std::int32_t mode = 1;                          // 0 flat triangle normal, 1 smooth blended normal
+    std::int32_t mode = 1;                             // 0 flat triangle normal, 1 smooth blended normal
   };
 
   MUserOperatorNormalCalculator() = default;
-  void SetInputModel(const MStlBase* mesh) { model = mesh; prepared = false; }
-  void SetParams(MParams p) { params = p; prepared = false; }
+  void SetInputModel(const MStlBase* mesh) {
+    model = mesh;
+    prepared = false;
+  }
+  void SetParams(MParams p) {
+    params = p;
+    prepared = false;
+  }
   // NoModel without a mesh, BadParameter for an unknown mode or weighting or a crease
   // angle that is not a number; Ok otherwise.
   EReturnCode Preprocess();

@@ -19,9 +19,9 @@
 #include <type_traits>
 #include <vector>
 
-#include "zor/spatial/export.h"
 #include "zor/model/math_types.h"
 #include "zor/model/stl_handles.h"
+#include "zor/spatial/export.h"
 
 namespace MeshQueries {
 
@@ -80,8 +80,7 @@ struct AlignedObjectTreeNode {
 };
 
 template <typename Box>
-using ObjectTreeNode =
-    std::conditional_t<(alignof(Box) <= 4), PackedObjectTreeNode<Box>, AlignedObjectTreeNode<Box>>;
+using ObjectTreeNode = std::conditional_t<(alignof(Box) <= 4), PackedObjectTreeNode<Box>, AlignedObjectTreeNode<Box>>;
 
 template <typename Node>
 struct ParallelNodeStore;  // per-thread node blocks kept across rebuilds (detail header)
@@ -168,17 +167,17 @@ struct detail::ObjectTreeDefaultAccessor<ZorMesh::StlBase::Handle::Triangle, Box
 using IntBox = ZorSDK::Math::boundingbox<std::int32_t, 3, ZorSDK::Math::point<std::int32_t, 3>>;
 using PointTree = detail::M3DObjectTree<detail::M3DObjectTreeParams<
     MeshVertex, std::int32_t, 3, detail::ObjectTreeDefaultAccessor<MeshVertex, IntBox>, std::vector<MeshVertex>>>;
-using TriangleTree = detail::M3DObjectTree<detail::M3DObjectTreeParams<
-    ZorMesh::StlBase::Handle::Triangle, std::int32_t, 3,
-    detail::ObjectTreeDefaultAccessor<ZorMesh::StlBase::Handle::Triangle, IntBox>,
-    std::vector<ZorMesh::StlBase::Handle::Triangle>>>;
+using TriangleTree = detail::M3DObjectTree<
+    detail::M3DObjectTreeParams<ZorMesh::StlBase::Handle::Triangle, std::int32_t, 3,
+                                detail::ObjectTreeDefaultAccessor<ZorMesh::StlBase::Handle::Triangle, IntBox>,
+                                std::vector<ZorMesh::StlBase::Handle::Triangle>>>;
 
 // The two mesh instances are compiled into the library.
 extern template class ZOR_SPATIAL_API detail::M3DObjectTree<detail::M3DObjectTreeParams<
     MeshVertex, std::int32_t, 3, detail::ObjectTreeDefaultAccessor<MeshVertex, IntBox>, std::vector<MeshVertex>>>;
-extern template class ZOR_SPATIAL_API detail::M3DObjectTree<detail::M3DObjectTreeParams<
-    ZorMesh::StlBase::Handle::Triangle, std::int32_t, 3,
-    detail::ObjectTreeDefaultAccessor<ZorMesh::StlBase::Handle::Triangle, IntBox>,
-    std::vector<ZorMesh::StlBase::Handle::Triangle>>>;
+extern template class ZOR_SPATIAL_API detail::M3DObjectTree<
+    detail::M3DObjectTreeParams<ZorMesh::StlBase::Handle::Triangle, std::int32_t, 3,
+                                detail::ObjectTreeDefaultAccessor<ZorMesh::StlBase::Handle::Triangle, IntBox>,
+                                std::vector<ZorMesh::StlBase::Handle::Triangle>>>;
 
 }  // namespace MeshQueries

@@ -82,8 +82,8 @@ inline const std::uint8_t* ChildOrder(std::uint32_t count, const double* d) {
       {2, 1, 0}, {2, 1, 0}, {2, 1, 0}, {2, 1, 0}, {2, 1, 0}, {2, 1, 0}, {2, 1, 0}, {2, 1, 0},
       {1, 0, 2}, {1, 0, 2}, {1, 0, 2}, {1, 0, 2}, {1, 2, 0}, {1, 2, 0}, {1, 2, 0}, {1, 2, 0}};
   if (count == 2) return kTwo[d[1] <= d[0]];
-  const unsigned index = (unsigned(d[1] <= d[0]) << 4) | (unsigned(d[1] <= d[2]) << 3) |
-                         (unsigned(d[2] <= d[0]) << 2) | (unsigned(d[2] <= d[1]) << 1) | unsigned(d[2] < d[0]);
+  const unsigned index = (unsigned(d[1] <= d[0]) << 4) | (unsigned(d[1] <= d[2]) << 3) | (unsigned(d[2] <= d[0]) << 2) |
+                         (unsigned(d[2] <= d[1]) << 1) | unsigned(d[2] < d[0]);
   return kThree[index];
 }
 

@@ -43,8 +43,7 @@ inline double PointTriangleDistance2(const double* q, const double* a, const dou
   using detail::Dot3;
   const double e0[3] = {b[0] - a[0], b[1] - a[1], b[2] - a[2]};
   const double e1[3] = {c[0] - a[0], c[1] - a[1], c[2] - a[2]};
-  const double cross[3] = {e0[1] * e1[2] - e0[2] * e1[1], e0[2] * e1[0] - e0[0] * e1[2],
-                           e0[0] * e1[1] - e0[1] * e1[0]};
+  const double cross[3] = {e0[1] * e1[2] - e0[2] * e1[1], e0[2] * e1[0] - e0[0] * e1[2], e0[0] * e1[1] - e0[1] * e1[0]};
   double s, t, dist2;
   if (Dot3(cross, cross) < 2.220446049250313e-16) {
     // Degenerate: the nearest of the edges A-C, A-B and C-B.
@@ -85,8 +84,10 @@ inline double PointTriangleDistance2(const double* q, const double* a, const dou
       const double u = eb + d, v = ec + e;
       if (v > u) {
         const double m = v - u;
-        if (m >= n) s = 1.0, t = 0.0;
-        else s = m / n, t = 1.0 - s;
+        if (m >= n)
+          s = 1.0, t = 0.0;
+        else
+          s = m / n, t = 1.0 - s;
       } else {
         s = 0.0;
         t = v <= 0.0 ? 1.0 : (e >= 0.0 ? 0.0 : -e / ec);
@@ -95,17 +96,22 @@ inline double PointTriangleDistance2(const double* q, const double* a, const dou
       const double u = eb + e, v = ea + d;
       if (v > u) {
         const double m = v - u;
-        if (m >= n) t = 1.0, s = 0.0;
-        else t = m / n, s = 1.0 - t;
+        if (m >= n)
+          t = 1.0, s = 0.0;
+        else
+          t = m / n, s = 1.0 - t;
       } else {
         t = 0.0;
         s = v <= 0.0 ? 1.0 : (d >= 0.0 ? 0.0 : -d / ea);
       }
     } else {
       const double m = ec + e - eb - d;
-      if (m <= 0.0) s = 0.0, t = 1.0;
-      else if (m >= n) s = 1.0, t = 0.0;
-      else s = m / n, t = 1.0 - s;
+      if (m <= 0.0)
+        s = 0.0, t = 1.0;
+      else if (m >= n)
+        s = 1.0, t = 0.0;
+      else
+        s = m / n, t = 1.0 - s;
     }
     dist2 = s * (ea * s + eb * t + 2.0 * d) + t * (eb * s + ec * t + 2.0 * e) + f;
   }

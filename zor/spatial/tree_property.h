@@ -14,8 +14,8 @@
 #include <utility>
 #include <vector>
 
-#include "zor/spatial/export.h"
 #include "zor/model/mm_vector.h"
+#include "zor/spatial/export.h"
 #include "zor/spatial/m3d_object_tree.h"
 #include "zor/spatial/nearest_query.h"
 
@@ -46,8 +46,8 @@ private:
 
 // A nearest triangle and the closest point on it, computed when first asked for.
 struct ZOR_SPATIAL_API ClosestTriangle {
-  MeshHandle mesh;                   // null when nothing was found
-  double distance = 0.0;             // to the triangle; the given radius when nothing was found
+  MeshHandle mesh;                    // null when nothing was found
+  double distance = 0.0;              // to the triangle; the given radius when nothing was found
   double barycentric[3] = {0, 0, 0};  // of corners 0, 1, 2, once barycentricValid
   bool barycentricValid = false;
   ZorMesh::StlBase::Handle::Triangle triangle;  // null when nothing was found
@@ -71,12 +71,11 @@ ZOR_SPATIAL_API bool FindNearestPoint(MeshHandle mesh, const MMVector3d& query, 
 
 // The nearest triangle within `radius` and its distance; a null triangle and `radius`
 // when there is none.
-ZOR_SPATIAL_API std::pair<ZorMesh::StlBase::Handle::Triangle, double> FindNearestTriangle(const TriangleTreeHolder& holder,
-                                                                                  const MMVector3d& query,
-                                                                                  double radius);
+ZOR_SPATIAL_API std::pair<ZorMesh::StlBase::Handle::Triangle, double> FindNearestTriangle(
+    const TriangleTreeHolder& holder, const MMVector3d& query, double radius);
 // As above, filling `result` (barycentricValid false); returns whether one was found.
 ZOR_SPATIAL_API bool FindNearestTriangle(const TriangleTreeHolder& holder, const MMVector3d& query, double radius,
-                                 ClosestTriangle& result);
+                                         ClosestTriangle& result);
 // The nearest triangle whose normal has a dot product of at least `minCosine` with the
 // unit `normal`. Incompatible triangles count as lying at the largest double: with a
 // finite radius they are never found, with +infinity one is returned when no

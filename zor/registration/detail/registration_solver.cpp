@@ -74,7 +74,8 @@ void RegistrationSolver::MatchSamples() {
 
 void RegistrationSolver::TrimSamples() {
   if (points.empty() || activeCount == 0) return;
-  HeapPartialSort(points.begin(), points.begin() + static_cast<std::ptrdiff_t>(activeCount), points.end(), ByDistance());
+  HeapPartialSort(points.begin(), points.begin() + static_cast<std::ptrdiff_t>(activeCount), points.end(),
+                  ByDistance());
 }
 
 double RegistrationSolver::MeanError() {
@@ -98,8 +99,8 @@ bool RegistrationSolver::ComputeStep(MMTransformMatrix& step) {
   }
   // The centres in coordinate units: the sums divided by (units per coordinate) * n,
   // formed in integers.
-  const double d = static_cast<double>(static_cast<std::uint64_t>(static_cast<std::int64_t>(MUnit::GetIE()) *
-                                                                  static_cast<std::int64_t>(n)));
+  const double d = static_cast<double>(
+      static_cast<std::uint64_t>(static_cast<std::int64_t>(MUnit::GetIE()) * static_cast<std::int64_t>(n)));
   const MMVector3d cp = sumP / d, cq = sumQ / d;
   // Small, centred clouds in coordinate units keep the fit well conditioned whatever
   // the unit.
@@ -128,7 +129,8 @@ void RegistrationSolver::MoveRecords(const MMTransformMatrix& t) {
 }
 
 double ScorePose(const NormalOrientationIndex& index, const std::vector<MMVector3d>& samples,
-                 const std::vector<MMVector3d>* normals, const MMTransformMatrix& pose, std::uint64_t count, bool sort) {
+                 const std::vector<MMVector3d>* normals, const MMTransformMatrix& pose, std::uint64_t count,
+                 bool sort) {
   const std::size_t n = samples.size();
   std::vector<double> distances(n);
   const MeshQueries::TriangleTreeHolder* tree = normals == nullptr && n != 0 ? index.GetClosestTree() : nullptr;

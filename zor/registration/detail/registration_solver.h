@@ -9,9 +9,9 @@
 // Threading: a solver is used by one thread at a time; its matching runs in parallel
 // inside, each record written by its own task. Several solvers may share one index.
 
-#include <cstddef>
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <utility>
@@ -71,10 +71,10 @@ void HeapPartialSort(It first, It middle, It last, Less less) {
 class ZOR_API RegistrationSolver {
 public:
   struct PointToMove {
-    MMVector3d position;          // the sample in the current pose
-    double distance = 0.0;        // to `closest`, or kUnmatched
-    MMVector3d normal;            // zero when the solver has none
-    MMVector3d closest;           // the matched surface point; zero when unmatched
+    MMVector3d position;    // the sample in the current pose
+    double distance = 0.0;  // to `closest`, or kUnmatched
+    MMVector3d normal;      // zero when the solver has none
+    MMVector3d closest;     // the matched surface point; zero when unmatched
   };
 
   // `index` is the matcher over the fixed mesh; it must outlive the solver.

@@ -53,17 +53,17 @@ void StepSolver(RegistrationSolver& solver) {
 }
 
 RegistrationSolver RunSolverTournament(const NormalOrientationIndex& index,
-                                       const std::vector<MMTransformMatrix>& rotations,
-                                       const MMVector3d& movingCentre, const MMVector3d& fixedCentre,
-                                       const std::vector<MMVector3d>& samples, const std::vector<MMVector3d>* normals,
-                                       std::uint64_t count, std::vector<std::size_t>* fieldSizes) {
+                                       const std::vector<MMTransformMatrix>& rotations, const MMVector3d& movingCentre,
+                                       const MMVector3d& fixedCentre, const std::vector<MMVector3d>& samples,
+                                       const std::vector<MMVector3d>* normals, std::uint64_t count,
+                                       std::vector<std::size_t>* fieldSizes) {
   const std::size_t starts = rotations.size();
   std::vector<RegistrationSolver> field(starts, RegistrationSolver(&index));
   tbb::parallel_for(
       tbb::blocked_range<std::size_t>(0, starts, 1),
       [&](const tbb::blocked_range<std::size_t>& r) {
-        for (std::size_t i = r.begin(); i != r.end(); ++i)
-          StartSolver(field[i], rotations[i], movingCentre, fixedCentre, samples, normals, count);
+    for (std::size_t i = r.begin(); i != r.end(); ++i)
+      StartSolver(field[i], rotations[i], movingCentre, fixedCentre, samples, normals, count);
       },
       tbb::auto_partitioner());
 

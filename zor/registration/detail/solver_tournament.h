@@ -33,10 +33,9 @@ ZOR_API std::size_t FieldAfterRound(std::size_t starts, int round);
 // Starts `solver` at `rotation` followed by the translation that lays the rotated
 // moving centre on the fixed centre, with `count` active records, and measures it
 // (the mean over the records in sample order, with no trim).
-ZOR_API void StartSolver(RegistrationSolver& solver, const MMTransformMatrix& rotation,
-                         const MMVector3d& movingCentre, const MMVector3d& fixedCentre,
-                         const std::vector<MMVector3d>& samples, const std::vector<MMVector3d>* normals,
-                         std::uint64_t count);
+ZOR_API void StartSolver(RegistrationSolver& solver, const MMTransformMatrix& rotation, const MMVector3d& movingCentre,
+                         const MMVector3d& fixedCentre, const std::vector<MMVector3d>& samples,
+                         const std::vector<MMVector3d>* normals, std::uint64_t count);
 
 // One refinement step: match, trim, fit, move, match again and measure. A step that
 // cannot be fitted leaves the solver as it was.

@@ -224,9 +224,9 @@ private:
     if constexpr (std::is_integral_v<Coord>) {
       std::uint32_t ext[3];
       for (int k = 0; k < 3; ++k)
-        ext[k] = (axisMask >> k) & 1u ? 0u
-                                      : static_cast<std::uint32_t>(box.maxCorner[k]) -
-                                            static_cast<std::uint32_t>(box.minCorner[k]);
+        ext[k] = (axisMask >> k) & 1u
+                     ? 0u
+                     : static_cast<std::uint32_t>(box.maxCorner[k]) - static_cast<std::uint32_t>(box.minCorner[k]);
       int axis = 0;
       if (ext[1] >= ext[axis]) axis = 1;
       if (ext[2] >= ext[axis]) axis = 2;

@@ -21,8 +21,8 @@
 #include <oneapi/tbb/collaborative_call_once.h>
 #include <oneapi/tbb/spin_rw_mutex.h>
 
-#include "zor/spatial/export.h"
 #include "zor/model/stl_base.h"
+#include "zor/spatial/export.h"
 #include "zor/spatial/m3d_object_tree.h"
 
 namespace MeshQueries {
