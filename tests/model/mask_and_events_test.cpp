@@ -68,12 +68,12 @@ TEST(DataMask, MasksSurviveTheirMeshAndNamedMasksAreOwned) {
 // Records the events a mesh sends.
 class Recorder : public MStlCallback {
 public:
-  explicit Recorder(MStlBase* mesh) : bit(nullptr, nullptr) {
-    _Initialise(mesh);
+  explicit Recorder(MStlBase* followed) : bit(nullptr, nullptr) {
+    _Initialise(followed);
     _EnableEvent(MStlEventPointsMoved);
     _EnableEvent(MStlEventTopologyChanged);
     _EnableEvent(MStlEventCleared);
-    mesh->GetValidity().Register(bit, ValidityAnyChange, L"recorder");
+    followed->GetValidity().Register(bit, ValidityAnyChange, L"recorder");
     bit.SetValidated();
   }
   void OnMeshEvent(MStlCallBackEventID event) override { events.push_back(event); }

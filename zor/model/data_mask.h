@@ -90,8 +90,8 @@ public:
   static constexpr std::size_t kBlockShift = 10;
   static constexpr std::size_t kBlockSize = std::size_t(1) << kBlockShift;
 
-  explicit MDataMask(IDataMaskOwner& owner, const Info& defaultValue = Info()) : defaultInfo(defaultValue) {
-    this->_AttachTo(&owner);
+  explicit MDataMask(IDataMaskOwner& meshMasks, const Info& defaultValue = Info()) : defaultInfo(defaultValue) {
+    this->_AttachTo(&meshMasks);
   }
   // A mask of its own, on no mesh; size it with _SetSize.
   explicit MDataMask(const Info& defaultValue = Info()) : defaultInfo(defaultValue) {}

@@ -211,12 +211,12 @@ std::size_t MStlBase::GetMemoryUsage() const {
 
 MStlPoint* MStlBase::_NewPoint(std::int32_t x, std::int32_t y, std::int32_t z) {
   MStlPoint* p = storage->points.Create(x, y, z);
-  const auto [id, recycled] = storage->pointIds.Allocate();
-  p->maskIndex = static_cast<std::uint32_t>(id);
+  const auto [index, recycled] = storage->pointIds.Allocate();
+  p->maskIndex = static_cast<std::uint32_t>(index);
   if (recycled)
-    masks._ResetPoint(id);
+    masks._ResetPoint(index);
   else
-    masks._GrowPoints(id + 1);
+    masks._GrowPoints(index + 1);
   p->prev = lastPoint;
   (lastPoint != nullptr ? lastPoint->next : firstPoint) = p;
   lastPoint = p;
@@ -301,12 +301,12 @@ MStlTriangleCell* MStlBase::AddTriangle(MStlPoint* a, MStlPoint* b, MStlPoint* c
   t.corners[1] = b;
   t.corners[2] = c;
   t.surface = surface;
-  const auto [id, recycled] = storage->triangleIds.Allocate();
-  t.maskIndex = static_cast<std::uint32_t>(id);
+  const auto [index, recycled] = storage->triangleIds.Allocate();
+  t.maskIndex = static_cast<std::uint32_t>(index);
   if (recycled)
-    masks._ResetTriangle(id);
+    masks._ResetTriangle(index);
   else
-    masks._GrowTriangles(id + 1);
+    masks._GrowTriangles(index + 1);
   cell->prev = surface->last;
   (surface->last != nullptr ? surface->last->next : surface->first) = cell;
   surface->last = cell;

@@ -17,6 +17,7 @@ public:
   const std::wstring& GetName() const { return name; }
 
 private:
-  MStlVectorMaskPoints(IDataMaskOwner& owner, const std::wstring& n) : MDataMask(owner, MMVector3f()), name(n) {}
+  MStlVectorMaskPoints(IDataMaskOwner& meshMasks, const std::wstring& n)
+      : MDataMask(meshMasks, MMVector3f()), name(n) {}
   std::wstring name;
 };
