@@ -58,38 +58,35 @@ struct Edit {
 };
 
 TEST(CachedTree, EveryKindOfEditDropsTheTrees) {
-  const std::vector<Edit> edits =
-      {
-          {"AddPoint", [](MStlBase& m) { m.AddPoint(55, 55, 45, false); }},
-          {"AddTriangle",
-           [](MStlBase& m) {
-    m.AddTriangle(MMVector3i(50, 50, 40), MMVector3i(60, 50, 40), MMVector3i(55, 60, 40), nullptr);
-           }},
-          {"RemoveTriangle",
-           [](MStlBase& m) {
-    m.RemoveTriangle(m.GetSurfaceList()->GetSurface(0)->GetFirstTriangle());
-           }},
-                          {"Translate", [](MStlBase& m) { m.Translate(0, 0, 20); }},
-                          {"Transform",
-                           [](MStlBase& m) {
-    MMTransformMatrix shift;
-    shift.MakeTranslation(MMVector3d(0, 0, 30));
-    m.Transform(shift);
-                           }},
+  const std::vector<Edit> edits = {
+      {"AddPoint", [](MStlBase& m) { m.AddPoint(55, 55, 45, false); }},
+      {"AddTriangle",
+       [](MStlBase& m) {
+         m.AddTriangle(MMVector3i(50, 50, 40), MMVector3i(60, 50, 40), MMVector3i(55, 60, 40), nullptr);
+       }},
+      {"RemoveTriangle", [](MStlBase& m) { m.RemoveTriangle(m.GetSurfaceList()->GetSurface(0)->GetFirstTriangle()); }},
+      {"Translate", [](MStlBase& m) { m.Translate(0, 0, 20); }},
+      {"Transform",
+       [](MStlBase& m) {
+         MMTransformMatrix shift;
+         shift.MakeTranslation(MMVector3d(0, 0, 30));
+         m.Transform(shift);
+       }},
       {"Rescale", [](MStlBase& m) { m.Rescale(2.0f, 2.0f, 2.0f, MMVector3i(0, 0, -10)); }},
       {"Invert", [](MStlBase& m) { m.GetSurfaceList()->GetSurface(0)->GetFirstTriangle()->GetData()->Invert(0); }},
       {"ClearStl", [](MStlBase& m) { m.ClearStl(true); }},
       {"DirectPointChange",
        [](MStlBase& m) {
-    MStlBaseOperatorHelperDirectPointChange guard(&m, true);
-    for (MStlPoint* p = m.GetFirstPoint(); p != nullptr; p = p->GetNext()) p->Set(MMVector3i(p->GetX(), p->GetY(), 25));
+         MStlBaseOperatorHelperDirectPointChange guard(&m, true);
+         for (MStlPoint* p = m.GetFirstPoint(); p != nullptr; p = p->GetNext())
+           p->Set(MMVector3i(p->GetX(), p->GetY(), 25));
        }},
       {"SetThenUpdate",
        [](MStlBase& m) {
-    m.GetFirstPoint()->Set(MMVector3i(55, 55, 49));
-    m.Update(MStlUpdateExtremes, true);
+         m.GetFirstPoint()->Set(MMVector3i(55, 55, 49));
+         m.Update(MStlUpdateExtremes, true);
        }},
-      };
+  };
   const MMVector3d probe(55, 55, 50);
   for (const Edit& edit : edits) {
     SCOPED_TRACE(edit.name);

@@ -201,16 +201,16 @@ void SurfacePatchEvaluator::Initialise(const MStlBaseContainer& meshContainer) {
   oneapi::tbb::parallel_for(
       oneapi::tbb::blocked_range<std::size_t>(0, triangles.size(), 10000),
       [&](const oneapi::tbb::blocked_range<std::size_t>& r) {
-    for (std::size_t i = r.begin(); i != r.end(); ++i) {
-      const MStlTriangle* t = triangles[i];
-      const MMVector3d normal = t->GetNormal();
-      MAdjacentTrianglesCalculatorCached::MTriangleNeighbours entry;
-      for (std::size_t e = 0; e < 3; ++e) {
-        MStlTriangleCell* cell = t->FindAdjacentTriangle(e, true);
-        if (cell != nullptr && Dot(cell->data.GetNormal(), normal) > minCosine) entry.across[e] = &cell->data;
-      }
-      neighbourTable.SetInfo(*t, entry);
-    }
+        for (std::size_t i = r.begin(); i != r.end(); ++i) {
+          const MStlTriangle* t = triangles[i];
+          const MMVector3d normal = t->GetNormal();
+          MAdjacentTrianglesCalculatorCached::MTriangleNeighbours entry;
+          for (std::size_t e = 0; e < 3; ++e) {
+            MStlTriangleCell* cell = t->FindAdjacentTriangle(e, true);
+            if (cell != nullptr && Dot(cell->data.GetNormal(), normal) > minCosine) entry.across[e] = &cell->data;
+          }
+          neighbourTable.SetInfo(*t, entry);
+        }
       },
       oneapi::tbb::auto_partitioner());
   neighbours = std::move(table);

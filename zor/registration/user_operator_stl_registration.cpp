@@ -128,13 +128,13 @@ bool MUserOperatorStlRegistration::Operate() {
     // number of threads, so they run side by side.
     tbb::parallel_invoke(
         [&] {
-      reducedFixed = std::make_unique<MStlBase>(*workingFixed, nullptr);
-      ReduceClone(*reducedFixed, params.reduceTolerance);
+          reducedFixed = std::make_unique<MStlBase>(*workingFixed, nullptr);
+          ReduceClone(*reducedFixed, params.reduceTolerance);
         },
         [&] {
-      reducedMoving = std::make_unique<MStlBase>(*workingMoving, nullptr);
-      ReduceClone(*reducedMoving, params.reduceTolerance);
-    });
+          reducedMoving = std::make_unique<MStlBase>(*workingMoving, nullptr);
+          ReduceClone(*reducedMoving, params.reduceTolerance);
+        });
     workingFixed = reducedFixed.get();
     workingMoving = reducedMoving.get();
   }

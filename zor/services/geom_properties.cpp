@@ -134,13 +134,13 @@ bool MStlBaseOperatorGeomProperties::Operate() {
   const Moments sum = oneapi::tbb::parallel_deterministic_reduce(
       oneapi::tbb::blocked_range<std::size_t>(0, triangles.size(), 4096), Moments(),
       [&](const oneapi::tbb::blocked_range<std::size_t>& r, Moments m) {
-    for (std::size_t i = r.begin(); i != r.end(); ++i) AddTriangle(m, placed(i), type);
-    return m;
+        for (std::size_t i = r.begin(); i != r.end(); ++i) AddTriangle(m, placed(i), type);
+        return m;
       },
       [](Moments a, const Moments& b) {
-    a.Add(b);
-    return a;
-  });
+        a.Add(b);
+        return a;
+      });
 
   if (!(std::fabs(sum.mass) > 0.0) || !std::isfinite(sum.mass)) return false;
   if (type == GravitySolid) {

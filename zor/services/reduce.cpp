@@ -177,8 +177,7 @@ Check Verify(const FlatMesh& flat, double distance) {
   const double radius = std::max(std::nextafter(distance, HUGE_VAL), 1e-150);
   std::vector<double> deviation(flat.points.size(), 0.0);
   std::vector<std::uint32_t> nearest(flat.points.size(), kNone);
-  oneapi::tbb::parallel_for(oneapi::tbb::blocked_range<std::size_t>(0, flat.points.size(), 1024),
-                            [&](const oneapi::tbb::blocked_range<std::size_t>& r) {
+  const auto measureRange = [&](const oneapi::tbb::blocked_range<std::size_t>& r) {
     for (std::size_t i = r.begin(); i != r.end(); ++i) {
       if (candidatePoint[i] != nullptr) continue;
       const MMVector3d q = flat.points[i]->GetDouble();
@@ -187,7 +186,8 @@ Check Verify(const FlatMesh& flat, double distance) {
       deviation[i] = found.second;
       nearest[i] = triangleOfMask[found.first.GetMaskIndex()];
     }
-  });
+  };
+  oneapi::tbb::parallel_for(oneapi::tbb::blocked_range<std::size_t>(0, flat.points.size(), 1024), measureRange);
   std::vector<MMVector3d> region(corners.size());
   for (std::size_t i = 0; i < flat.points.size(); ++i) {
     if (deviation[i] > distance) ++check.violations;
