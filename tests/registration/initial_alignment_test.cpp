@@ -119,6 +119,18 @@ TEST(SolverTournament, TiesGoToTheSimplerPose) {
   // ...outside it the error decides.
   EXPECT_TRUE(RanksBefore(solver(general, 1.0), solver(shift, 1.0 + 1e-6)));
   EXPECT_EQ(FieldAfterRound(528, 20), 1u);
+
+  // Equally good solvers at the cut: the standard heap selection keeps the first of the
+  // tied ones and then the strictly better one first (errors 2, 2, 0 keep solvers 2, 0).
+  std::vector<RegistrationSolver> field;
+  for (double e : {2.0, 2.0, 0.0}) {
+    field.push_back(solver(general, e));
+    field.back().activeCount = field.size() - 1;  // the solver's place in the field
+  }
+  KeepLeaders(field, 2);
+  ASSERT_EQ(field.size(), 2u);
+  EXPECT_EQ(field[0].activeCount, 2u);
+  EXPECT_EQ(field[1].activeCount, 0u);
 }
 
 // A flattened bumpy rod 100 mm long and a 40 mm piece of it, far from its middle.

@@ -1,9 +1,7 @@
 #include <algorithm>
 #include <cmath>
-#include <functional>
 #include <random>
 #include <stdexcept>
-#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -15,7 +13,6 @@
 namespace {
 
 using ZorStlRegistration::NormalOrientationIndex;
-using ZorStlRegistration::detail::HeapPartialSort;
 using ZorStlRegistration::detail::kUnmatched;
 using ZorStlRegistration::detail::RegistrationSolver;
 using ZorStlRegistration::detail::ScorePose;
@@ -27,25 +24,27 @@ double RotationDegrees(const MMTransformMatrix& m) {
   return std::acos(std::max(-1.0, std::min(1.0, (trace - 1.0) / 2.0))) * 180.0 / kPi;
 }
 
-TEST(HeapPartialSort, FrontIsTheSmallestInOrderAndEqualLaterElementsStayOut) {
-  std::mt19937 rng(1);
-  std::uniform_int_distribution<int> value(0, 20);
-  for (std::size_t k = 0; k <= 60; k += 7) {
-    std::vector<int> v(60);
-    for (int& x : v) x = value(rng);
-    std::vector<int> sorted = v;
-    std::sort(sorted.begin(), sorted.end());
-    HeapPartialSort(v.begin(), v.begin() + k, v.end(), std::less<int>());
-    EXPECT_TRUE(std::equal(v.begin(), v.begin() + k, sorted.begin())) << k;
-  }
-  // (value, position), compared by value: a later element equal to the top never
-  // enters, so of all-equal elements the first ones stay.
-  std::vector<std::pair<int, int>> equal;
-  for (int i = 0; i < 10; ++i) equal.emplace_back(4, i);
-  HeapPartialSort(equal.begin(), equal.begin() + 3, equal.end(), [](auto& a, auto& b) { return a.first < b.first; });
-  std::vector<int> kept = {equal[0].second, equal[1].second, equal[2].second};
-  std::sort(kept.begin(), kept.end());
-  EXPECT_EQ(kept, (std::vector<int>{0, 1, 2}));
+// Records tied in distance at the boundary of the active range: the standard heap
+// selection keeps the first of the tied ones (a later record enters only when strictly
+// closer than the heap's top) and sorts the heap so that tied records come out in the
+// order its pops leave them. Distances 2, 2, 0 with two active records keep record 2,
+// then record 0; a sift-down that takes the left child on a tie keeps record 1 instead.
+// Distances 0, 2, 1, 1 with three active keep records 0, 3, 2, in that order.
+TEST(TrimSamples, TiedDistancesFollowTheStandardHeapSelection) {
+  const auto trimmed = [](const std::vector<double>& distances, std::uint64_t active) {
+    RegistrationSolver solver(nullptr);
+    for (std::size_t i = 0; i < distances.size(); ++i)
+      solver.points.push_back({MMVector3d(double(i), 0, 0), distances[i], MMVector3d(), MMVector3d()});
+    solver.activeCount = active;
+    solver.TrimSamples();
+    std::vector<int> kept;
+    for (std::uint64_t i = 0; i < active; ++i) kept.push_back(static_cast<int>(solver.points[i].position[0]));
+    return kept;
+  };
+  EXPECT_EQ(trimmed({2, 2, 0}, 2), (std::vector<int>{2, 0}));
+  EXPECT_EQ(trimmed({0, 2, 1, 1}, 3), (std::vector<int>{0, 3, 2}));
+  // Without ties the front is simply the smallest, ascending.
+  EXPECT_EQ(trimmed({5, 3, 9, 1, 7}, 3), (std::vector<int>{3, 1, 0}));
 }
 
 // Samples 100 units above a 20 x 20 mm grid, with the last three lifted far off it.

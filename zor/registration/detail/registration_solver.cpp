@@ -1,5 +1,6 @@
 #include "zor/registration/detail/registration_solver.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <stdexcept>
@@ -74,8 +75,8 @@ void RegistrationSolver::MatchSamples() {
 
 void RegistrationSolver::TrimSamples() {
   if (points.empty() || activeCount == 0) return;
-  HeapPartialSort(points.begin(), points.begin() + static_cast<std::ptrdiff_t>(activeCount), points.end(),
-                  ByDistance());
+  const std::uint64_t active = std::min<std::uint64_t>(activeCount, points.size());
+  std::partial_sort(points.begin(), points.begin() + static_cast<std::ptrdiff_t>(active), points.end(), ByDistance());
 }
 
 double RegistrationSolver::MeanError() {
@@ -155,8 +156,7 @@ double ScorePose(const NormalOrientationIndex& index, const std::vector<MMVector
   // Sorting the distances themselves gives the same leading values as sorting an
   // index by them and permuting.
   if (sort)
-    HeapPartialSort(distances.begin(), distances.begin() + static_cast<std::ptrdiff_t>(count), distances.end(),
-                    [](double a, double b) { return a < b; });
+    std::partial_sort(distances.begin(), distances.begin() + static_cast<std::ptrdiff_t>(count), distances.end());
   double sum = 0.0;
   for (std::uint64_t i = 0; i < count; ++i) sum += distances[i];
   return sum / static_cast<double>(count);

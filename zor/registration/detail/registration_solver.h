@@ -36,38 +36,6 @@ inline std::uint64_t InlierCount(std::uint64_t n, double overlap) {
   return std::min<std::uint64_t>(n, static_cast<std::uint64_t>(std::llround(x)));
 }
 
-// Brings the (middle - first) smallest elements of [first, last) to the front in
-// ascending order: a max-heap on the front, each later element swapped in when the top
-// is strictly greater, then the heap popped to its back. Of equal elements at the
-// boundary, those that came first stay in front. The rest keep no particular order.
-template <typename It, typename Less>
-void HeapPartialSort(It first, It middle, It last, Less less) {
-  using std::swap;
-  const std::ptrdiff_t size = middle - first;
-  if (size <= 0) return;
-  const auto siftDown = [&](std::ptrdiff_t hole, std::ptrdiff_t length) {
-    for (;;) {
-      std::ptrdiff_t child = 2 * hole + 1;
-      if (child >= length) return;
-      if (child + 1 < length && less(first[child], first[child + 1])) ++child;
-      if (!less(first[hole], first[child])) return;
-      swap(first[hole], first[child]);
-      hole = child;
-    }
-  };
-  for (std::ptrdiff_t i = size / 2; i-- > 0;) siftDown(i, size);
-  for (It it = middle; it != last; ++it) {
-    if (less(*it, *first)) {
-      swap(*it, *first);
-      siftDown(0, size);
-    }
-  }
-  for (std::ptrdiff_t end = size - 1; end > 0; --end) {
-    swap(first[0], first[end]);
-    siftDown(0, end);
-  }
-}
-
 class ZOR_API RegistrationSolver {
 public:
   struct PointToMove {
@@ -87,7 +55,11 @@ public:
   void SetSamples(const std::vector<MMVector3d>& samples, const std::vector<MMVector3d>* normals);
   // Matches every record (not only the active ones), unless `matched` is set.
   void MatchSamples();
-  // Brings the activeCount closest records to the front, in ascending distance.
+  // Brings the activeCount closest records to the front, in ascending distance, by the
+  // standard library's heap selection (std::partial_sort): a max-heap on the front, each
+  // later record swapped in only when strictly closer than its top, then the heap sorted.
+  // Which of the records tied at the boundary stay, and in what order, is that
+  // procedure's; the records behind the active range keep no particular order.
   void TrimSamples();
   // Mean distance of the active records, cached until the flags are cleared.
   double MeanError();

@@ -25,6 +25,12 @@ bool RanksBefore(const RegistrationSolver& x, const RegistrationSolver& y) {
   return x.cachedError < y.cachedError;
 }
 
+void KeepLeaders(std::vector<RegistrationSolver>& field, std::size_t keep) {
+  const auto middle = field.begin() + static_cast<std::ptrdiff_t>(std::min(keep, field.size()));
+  std::partial_sort(field.begin(), middle, field.end(), RanksBefore);
+  field.erase(middle, field.end());
+}
+
 std::size_t FieldAfterRound(std::size_t starts, int round) {
   const double exponent = 1.0 - static_cast<double>(round) / static_cast<double>(kTournamentRounds);
   return static_cast<std::size_t>(std::lround(std::pow(static_cast<double>(starts), exponent)));
@@ -62,8 +68,8 @@ RegistrationSolver RunSolverTournament(const NormalOrientationIndex& index,
   tbb::parallel_for(
       tbb::blocked_range<std::size_t>(0, starts, 1),
       [&](const tbb::blocked_range<std::size_t>& r) {
-    for (std::size_t i = r.begin(); i != r.end(); ++i)
-      StartSolver(field[i], rotations[i], movingCentre, fixedCentre, samples, normals, count);
+        for (std::size_t i = r.begin(); i != r.end(); ++i)
+          StartSolver(field[i], rotations[i], movingCentre, fixedCentre, samples, normals, count);
       },
       tbb::auto_partitioner());
 
@@ -71,9 +77,7 @@ RegistrationSolver RunSolverTournament(const NormalOrientationIndex& index,
   for (int round = 1; round <= kTournamentRounds; ++round) {
     if (fieldSizes != nullptr) fieldSizes->push_back(field.size());
     tbb::parallel_for_each(field.begin(), field.end(), [](RegistrationSolver& s) { StepSolver(s); });
-    const std::size_t keep = std::min(field.size(), FieldAfterRound(starts, round));
-    HeapPartialSort(field.begin(), field.begin() + static_cast<std::ptrdiff_t>(keep), field.end(), RanksBefore);
-    field.erase(field.begin() + static_cast<std::ptrdiff_t>(keep), field.end());
+    KeepLeaders(field, FieldAfterRound(starts, round));
   }
   RegistrationSolver best = std::move(field.front());
   best.MeanError();

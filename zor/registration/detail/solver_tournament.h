@@ -23,8 +23,13 @@ ZOR_API int PoseSimplicity(const MMTransformMatrix& pose);
 
 // Whether `x` ranks before `y`: by cachedError, or by PoseSimplicity of moveTransform
 // when the errors tie within kTieTolerance. Not transitive near ties, which is why the
-// field is cut with HeapPartialSort, whose outcome is fixed by its comparison order.
+// field is cut with std::partial_sort, whose heap selection fixes the outcome by the order
+// in which it compares.
 ZOR_API bool RanksBefore(const RegistrationSolver& x, const RegistrationSolver& y);
+
+// Keeps the `keep` solvers that rank first (RanksBefore), in rank order, by the standard
+// library's heap selection (std::partial_sort), and destroys the rest.
+ZOR_API void KeepLeaders(std::vector<RegistrationSolver>& field, std::size_t keep);
 
 // The field left after `round` (1..kTournamentRounds) of a tournament of `starts`:
 // round(starts^(1 - round / 20)), which is 1 after the last round.
