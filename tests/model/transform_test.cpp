@@ -1,3 +1,4 @@
+#include "zor/model/math_utility.h"
 #include "zor/model/transform.h"
 
 #include <cmath>

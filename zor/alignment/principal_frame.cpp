@@ -6,6 +6,7 @@
 
 #include <tbb/parallel_invoke.h>
 
+#include "zor/model/math_utility.h"
 #include "zor/services/geom_properties.h"
 
 namespace ZorStlRegistration {

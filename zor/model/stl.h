@@ -2,6 +2,7 @@
 // The mesh model in one include: the mesh and its parts, masks, events, guards,
 // selections, handles and builders.
 #include "zor/model/data_mask.h"
+#include "zor/model/math_utility.h"
 #include "zor/model/mesh_builder.h"
 #include "zor/model/progress.h"
 #include "zor/model/registered.h"
