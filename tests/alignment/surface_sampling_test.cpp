@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "support/meshes.h"
+#include "zor/alignment/surface_patch.h"
 
 namespace {
 

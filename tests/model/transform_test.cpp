@@ -1,4 +1,3 @@
-#include "zor/model/math_utility.h"
 #include "zor/model/transform.h"
 
 #include <cmath>
@@ -7,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "zor/model/math_utility.h"
 #include "zor/model/unit.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include <tbb/enumerable_thread_specific.h>
 #include <tbb/parallel_for.h>
 
-#include "zor/alignment/surface_sampling.h"
+#include "zor/alignment/surface_patch.h"
 #include "zor/model/stl_iterators.h"
 #include "zor/model/unit.h"
 #include "zor/services/geom_properties.h"

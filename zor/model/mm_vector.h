@@ -80,6 +80,14 @@ constexpr MMVector<T, 3> Cross(const MMVector<T, 3>& a, const MMVector<T, 3>& b)
   return MMVector<T, 3>(a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]);
 }
 
+// Orders by x, then y, then z: a total order on vectors without NaN.
+template <typename T>
+constexpr bool LexicographicLess(const MMVector<T, 3>& a, const MMVector<T, 3>& b) {
+  if (a[0] != b[0]) return a[0] < b[0];
+  if (a[1] != b[1]) return a[1] < b[1];
+  return a[2] < b[2];
+}
+
 // Scale-safe length: m * sqrt((l/g)^2 + (k/g)^2 + 1) with m the largest absolute
 // component, l and k the others and g = max(m, smallest positive double). It neither
 // overflows for components near the largest double nor underflows for subnormal ones.
