@@ -52,14 +52,4 @@ TEST(RegistrationInterface, EachSetterReplacesItsSidesPlacement) {
   EXPECT_EQ(op.GetFixedTransform(), nullptr);
 }
 
-TEST(RegistrationInterface, HandleConversionsReachTheMesh) {
-  auto mesh = zortest::MakeTetrahedron();
-  auto handle = mesh->GetHandle();
-  MStlBase* asMesh = handle;
-  EXPECT_EQ(asMesh, mesh.get());
-  Op op;
-  op.SetFixedStl(handle, nullptr);
-  EXPECT_EQ(op.GetFixedStl(), mesh.get());
-}
-
 }  // namespace

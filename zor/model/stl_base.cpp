@@ -11,6 +11,8 @@
 #include "zor/model/detail/element_pool.h"
 #include "zor/model/detail/point_index.h"
 
+template class MRegisteredHandle<MRegisteredID<MStlBase>, MStlBase>;
+
 struct MStlBase::Storage {
   ZorMeshDetail::ElementPool<MStlPoint> points;
   ZorMeshDetail::ElementPool<MStlTriangleCell> cells;

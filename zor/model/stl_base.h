@@ -252,3 +252,8 @@ private:
 
 inline const MStlFeature* GetSurfaceListOf(const MStlBase* mesh) { return mesh->GetSurfaceList(); }
 inline MStlPoint* GetFirstPointOf(const MStlBase* mesh) { return mesh->GetFirstPoint(); }
+
+// A caller's registered mesh handle converts to the mesh (null for an empty handle or a
+// destroyed mesh). The conversions are compiled once, here with the mesh, and exported,
+// so that any library above the model can take a handle where it takes a mesh.
+extern template class ZOR_MODEL_API MRegisteredHandle<MRegisteredID<MStlBase>, MStlBase>;

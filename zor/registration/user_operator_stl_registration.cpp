@@ -33,8 +33,6 @@ void ReduceClone(MStlBase& clone, double tolerance) {
 
 }  // namespace
 
-template class MRegisteredHandle<MRegisteredID<MStlBase>, MStlBase>;
-
 MUserOperatorStlRegistration::MUserOperatorStlRegistration() = default;
 
 MUserOperatorStlRegistration::~MUserOperatorStlRegistration() = default;

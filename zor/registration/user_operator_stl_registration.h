@@ -177,7 +177,3 @@ private:
   StageTimes stageTimes;
   MInitialAlignment alignmentUsed = AlignNone;
 };
-
-// A caller's registered mesh handle converts to the mesh (null for an empty handle or
-// a destroyed mesh); the conversions are exported from this library.
-extern template class ZOR_API MRegisteredHandle<MRegisteredID<MStlBase>, MStlBase>;
