@@ -27,13 +27,14 @@
 #include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
 
-#include "bench/support/shapes.h"
+#include "tools/generators/bodies.h"
+#include "tools/generators/poses.h"
 #include "zor/alignment/normal_orientation_index.h"
 #include "zor/registration/user_operator_stl_registration.h"
 
 namespace {
 
-using namespace zorbench;
+using namespace zorgen;
 using Op = MUserOperatorStlRegistration;
 
 struct Options {
@@ -114,40 +115,6 @@ bool ParseOptions(int argc, char** argv, Options& o) {
     }
   }
   return true;
-}
-
-// A rotation drawn uniformly over all rotations (a normalised Gaussian quaternion),
-// followed by a translation drawn uniformly in the ball of radius `maxShift`.
-MMTransformMatrix UniformPose(std::mt19937& rng, double maxShift) {
-  std::normal_distribution<double> gauss(0.0, 1.0);
-  std::uniform_real_distribution<double> unit(0.0, 1.0);
-  double q[4];
-  double norm = 0.0;
-  for (double& c : q) c = gauss(rng), norm += c * c;
-  norm = std::sqrt(norm);
-  for (double& c : q) c /= norm;
-  const double w = q[0], x = q[1], y = q[2], z = q[3];
-  MMVector3d shift(gauss(rng), gauss(rng), gauss(rng));
-  shift *= maxShift * std::cbrt(unit(rng)) / Length(shift);
-  const double rows[16] = {1 - 2 * (y * y + z * z),
-                           2 * (x * y - w * z),
-                           2 * (x * z + w * y),
-                           shift[0],
-                           2 * (x * y + w * z),
-                           1 - 2 * (x * x + z * z),
-                           2 * (y * z - w * x),
-                           shift[1],
-                           2 * (x * z - w * y),
-                           2 * (y * z + w * x),
-                           1 - 2 * (x * x + y * y),
-                           shift[2],
-                           0,
-                           0,
-                           0,
-                           1};
-  MMTransformMatrix pose;
-  pose.MakeFromDouble16(rows);
-  return pose;
 }
 
 // RMS distance of the moving mesh's points, moved by `found`, to the fixed surface.

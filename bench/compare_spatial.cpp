@@ -25,7 +25,7 @@
 #include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
 
-#include "bench/support/scan_like_mesh.h"
+#include "tools/generators/bodies.h"
 #include "zor/model/stl.h"
 #include "zor/spatial/object_tree.h"
 
@@ -113,8 +113,8 @@ struct Cloud {
 using KdTree = nanoflann::KDTreeSingleIndexAdaptor<nanoflann::L2_Simple_Adaptor<double, Cloud>, Cloud, 3>;
 
 void CompareTriangles(std::int64_t triangles, std::size_t queryCount) {
-  const zorbench::MeshArrays arrays = zorbench::MakeScanLikeMesh(triangles);
-  const std::vector<double> queries = zorbench::MakeQueriesAroundSurface(arrays, queryCount);
+  const zorgen::MeshArrays arrays = zorgen::MakeScanLikeMesh(triangles);
+  const std::vector<double> queries = zorgen::MakeQueriesAroundSurface(arrays, queryCount);
   const std::unique_ptr<MStlBase> mesh =
       BuildStl(arrays.xyz.data(), arrays.xyz.size() / 3, arrays.indices.data(), arrays.indices.size() / 3);
   const std::string name = std::to_string(mesh->GetNumberOfTriangles() / 1000) + "k triangles";
@@ -211,8 +211,8 @@ void CompareTriangles(std::int64_t triangles, std::size_t queryCount) {
 }
 
 void ComparePoints(std::int64_t points, std::size_t queryCount) {
-  const zorbench::MeshArrays arrays = zorbench::MakeScanLikeMesh(2 * points);
-  const std::vector<double> queries = zorbench::MakeQueriesAroundSurface(arrays, queryCount);
+  const zorgen::MeshArrays arrays = zorgen::MakeScanLikeMesh(2 * points);
+  const std::vector<double> queries = zorgen::MakeQueriesAroundSurface(arrays, queryCount);
   std::vector<MeshQueries::MeshVertex> vertices;
   Cloud cloud;
   for (std::size_t i = 0; i < arrays.xyz.size(); i += 3) {
@@ -220,7 +220,7 @@ void ComparePoints(std::int64_t points, std::size_t queryCount) {
         MeshQueries::MeshVertex{{static_cast<std::int32_t>(arrays.xyz[i]), static_cast<std::int32_t>(arrays.xyz[i + 1]),
                                  static_cast<std::int32_t>(arrays.xyz[i + 2])},
                                 nullptr});
-    zorbench::Push3(cloud.xyz, arrays.xyz[i], arrays.xyz[i + 1], arrays.xyz[i + 2]);
+    zorgen::Push3(cloud.xyz, arrays.xyz[i], arrays.xyz[i + 1], arrays.xyz[i + 2]);
   }
   const std::string name = std::to_string(vertices.size() / 1000) + "k points";
   std::vector<double> ours(queryCount), theirs(queryCount);

@@ -9,6 +9,7 @@
 #include <benchmark/benchmark.h>
 #include <tbb/task_arena.h>
 
+#include "tools/generators/bodies.h"
 #include "zor/model/stl.h"
 
 // Live heap bytes, counted by replacing the global allocation functions.
@@ -36,30 +37,8 @@ void operator delete[](void* p, std::size_t) noexcept { operator delete(p); }
 
 namespace {
 
-// A bumpy height field of about `triangles` triangles, in micrometre units: shared
-// vertices, valence 6 inside, the layout of a scanned surface patch.
-struct Arrays {
-  std::vector<double> xyz;
-  std::vector<std::uint32_t> indices;
-};
-
-Arrays MakeArrays(std::int64_t triangles) {
-  const int n = static_cast<int>(std::sqrt(triangles / 2.0));
-  Arrays a;
-  a.xyz.reserve(3 * (n + 1) * (n + 1));
-  for (int j = 0; j <= n; ++j)
-    for (int i = 0; i <= n; ++i)
-      a.xyz.insert(a.xyz.end(), {i * 100.0, j * 100.0, 500.0 * std::sin(i * 0.05) * std::cos(j * 0.07)});
-  for (int j = 0; j < n; ++j)
-    for (int i = 0; i < n; ++i) {
-      const std::uint32_t v = j * (n + 1) + i;
-      a.indices.insert(a.indices.end(), {v, v + 1, v + n + 2, v, v + n + 2, v + n + 1});
-    }
-  return a;
-}
-
 void BM_BuildFromArrays(benchmark::State& state) {
-  const Arrays arrays = MakeArrays(state.range(0));
+  const zorgen::MeshArrays arrays = zorgen::MakeBumpyHeightField(state.range(0));
   const std::size_t triangles = arrays.indices.size() / 3;
   tbb::task_arena one(1);
   double bytesPerTriangle = 0.0;
@@ -83,7 +62,7 @@ BENCHMARK(BM_BuildFromArrays)->Arg(100000)->Arg(1000000)->Unit(benchmark::kMilli
 // Adding triangles by coordinates (every corner through the merge index), as a copy of
 // a selection does.
 void BM_CopyWholeMesh(benchmark::State& state) {
-  const Arrays arrays = MakeArrays(state.range(0));
+  const zorgen::MeshArrays arrays = zorgen::MakeBumpyHeightField(state.range(0));
   auto source = BuildStl(arrays.xyz.data(), arrays.xyz.size() / 3, arrays.indices.data(), arrays.indices.size() / 3);
   for (auto _ : state) {
     auto copy = CopySelectionToNewMesh(MStlItem(source.get()));
@@ -97,7 +76,7 @@ void BM_CopyWholeMesh(benchmark::State& state) {
 BENCHMARK(BM_CopyWholeMesh)->Arg(100000)->Arg(1000000)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_DeepCopy(benchmark::State& state) {
-  const Arrays arrays = MakeArrays(state.range(0));
+  const zorgen::MeshArrays arrays = zorgen::MakeBumpyHeightField(state.range(0));
   auto source = BuildStl(arrays.xyz.data(), arrays.xyz.size() / 3, arrays.indices.data(), arrays.indices.size() / 3);
   for (auto _ : state) {
     MStlBase copy(*source);

@@ -12,8 +12,9 @@
 #include <string>
 #include <vector>
 
+#include "tools/generators/bodies.h"
+#include "tools/generators/poses.h"
 #include "tools/zor-register/mesh_files.h"
-#include "tools/zor-register/sample_body.h"
 
 namespace {
 
@@ -41,7 +42,7 @@ int main(int argc, char** argv) {
   std::printf("%-10s %-11s %9s %9s %9s %10s\n", "triangles", "format", "MB", "write s", "read s", "read MB/s");
   for (long size : sizes) {
     const int n = std::max(1, static_cast<int>(std::lround(std::sqrt(size / 12.0))));
-    const auto body = zortool::MakeSampleBody(n);
+    const auto body = zorgen::MakeSampleBody(n);
     const struct {
       const char* name;
       const char* file;

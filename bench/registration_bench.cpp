@@ -18,7 +18,8 @@
 
 #include <tbb/task_arena.h>
 
-#include "bench/support/shapes.h"
+#include "tools/generators/bodies.h"
+#include "tools/generators/poses.h"
 #include "zor/alignment/surface_sampling.h"
 #include "zor/model/unit.h"
 #include "zor/registration/detail/registration_solver.h"
@@ -27,7 +28,7 @@
 
 namespace {
 
-using namespace zorbench;
+using namespace zorgen;
 
 // Parameters of the runs: the defaults of the operator unless given.
 struct Options {

@@ -7,7 +7,7 @@
 #include <benchmark/benchmark.h>
 #include <oneapi/tbb/task_arena.h>
 
-#include "bench/support/scan_like_mesh.h"
+#include "tools/generators/bodies.h"
 #include "zor/alignment/surface_sampling.h"
 #include "zor/model/mesh_builder.h"
 #include "zor/services/services.h"
@@ -18,7 +18,7 @@ const MStlBase& ScanMesh(std::int64_t triangles) {
   static std::map<std::int64_t, std::unique_ptr<MStlBase>> cache;
   auto& mesh = cache[triangles];
   if (!mesh) {
-    const auto arrays = zorbench::MakeScanLikeMesh(triangles);
+    const auto arrays = zorgen::MakeScanLikeMesh(triangles);
     mesh = BuildStl(arrays.xyz.data(), arrays.xyz.size() / 3, arrays.indices.data(), arrays.indices.size() / 3);
   }
   return *mesh;

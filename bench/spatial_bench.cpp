@@ -10,7 +10,7 @@
 #include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
 
-#include "bench/support/scan_like_mesh.h"
+#include "tools/generators/bodies.h"
 #include "zor/model/stl.h"
 #include "zor/spatial/object_tree.h"
 
@@ -29,9 +29,9 @@ const TriangleData& Triangles(std::int64_t count) {
   static std::map<std::int64_t, TriangleData> cache;
   TriangleData& d = cache[count];
   if (!d.mesh) {
-    const zorbench::MeshArrays arrays = zorbench::MakeScanLikeMesh(count);
+    const zorgen::MeshArrays arrays = zorgen::MakeScanLikeMesh(count);
     d.mesh = BuildStl(arrays.xyz.data(), arrays.xyz.size() / 3, arrays.indices.data(), arrays.indices.size() / 3);
-    d.queries = zorbench::MakeQueriesAroundSurface(arrays, kQueries);
+    d.queries = zorgen::MakeQueriesAroundSurface(arrays, kQueries);
   }
   return d;
 }
@@ -46,13 +46,13 @@ const PointData& Points(std::int64_t count) {
   static std::map<std::int64_t, PointData> cache;
   PointData& d = cache[count];
   if (d.vertices.empty()) {
-    const zorbench::MeshArrays arrays = zorbench::MakeScanLikeMesh(2 * count);
+    const zorgen::MeshArrays arrays = zorgen::MakeScanLikeMesh(2 * count);
     for (std::size_t i = 0; i < arrays.xyz.size(); i += 3)
       d.vertices.push_back(
           MeshVertex{{static_cast<std::int32_t>(arrays.xyz[i]), static_cast<std::int32_t>(arrays.xyz[i + 1]),
                       static_cast<std::int32_t>(arrays.xyz[i + 2])},
                      nullptr});
-    d.queries = zorbench::MakeQueriesAroundSurface(arrays, kQueries);
+    d.queries = zorgen::MakeQueriesAroundSurface(arrays, kQueries);
   }
   return d;
 }

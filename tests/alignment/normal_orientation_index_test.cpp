@@ -10,8 +10,10 @@
 #include <gtest/gtest.h>
 #include <tbb/task_arena.h>
 
-#include "support/meshes.h"
+#include "tools/generators/bodies.h"
+#include "tools/generators/small_meshes.h"
 #include "zor/model/mesh_builder.h"
+#include "zor/model/stl.h"
 #include "zor/model/stl_iterators.h"
 #include "zor/model/unit.h"
 
@@ -101,7 +103,7 @@ TEST(NormalOrientationIndex, MatchesOnlySurfacesFacingTheQueryNormal) {
 }
 
 TEST(NormalOrientationIndex, BuildBucketsEveryTriangleNearItsNormal) {
-  const auto sphere = zortest::MakeSphere(20000, 24, 48, 1500);
+  const auto sphere = zorgen::MakeSphere(20000, 24, 48, 1500);
   for (bool fitted : {true, false}) {
     NormalOrientationIndex index;
     NormalOrientationIndex::Parameters p = Matching();
@@ -136,7 +138,7 @@ TEST(NormalOrientationIndex, BuildBucketsEveryTriangleNearItsNormal) {
 }
 
 TEST(NormalOrientationIndex, BoundedClosestAgreesWithUnbounded) {
-  const auto sphere = zortest::MakeSphere(20000, 16, 32, 2000);
+  const auto sphere = zorgen::MakeSphere(20000, 16, 32, 2000);
   NormalOrientationIndex index;
   index.SetMesh(sphere.get());
   const auto* tree = index.GetClosestTree();
@@ -155,7 +157,7 @@ TEST(NormalOrientationIndex, BoundedClosestAgreesWithUnbounded) {
 }
 
 TEST(NormalOrientationIndex, ConcurrentQueriesMatchSerialOnes) {
-  const auto sphere = zortest::MakeSphere(20000, 16, 32, 2000);
+  const auto sphere = zorgen::MakeSphere(20000, 16, 32, 2000);
   NormalOrientationIndex index;
   index.SetParameters(Matching());
   // Built on this thread alone: the thread sanitizer cannot see the library's pool

@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include "support/meshes.h"
+#include "tools/generators/bodies.h"
+#include "tools/generators/small_meshes.h"
+#include "zor/model/stl.h"
 
 namespace {
 
@@ -25,8 +27,8 @@ MMVector3d Column(const MMTransformMatrix& t, int c) {
 }
 
 // A round body stretched along its axis (rod) or flattened across it (disc).
-std::unique_ptr<MStlBase> Rod() { return Scaled(zortest::MakeSphere(10000, 16, 32), 1, 1, 5); }
-std::unique_ptr<MStlBase> Disc() { return Scaled(zortest::MakeSphere(10000, 16, 32), 1, 1, 0.2); }
+std::unique_ptr<MStlBase> Rod() { return Scaled(zorgen::MakeSphere(10000, 16, 32), 1, 1, 5); }
+std::unique_ptr<MStlBase> Disc() { return Scaled(zorgen::MakeSphere(10000, 16, 32), 1, 1, 0.2); }
 
 TEST(PrincipalFrame, SymmetryCodesOfTypicalBodies) {
   const auto code = [](const MStlBase& a, const MStlBase& b) {
@@ -34,8 +36,8 @@ TEST(PrincipalFrame, SymmetryCodesOfTypicalBodies) {
     EXPECT_TRUE(r.valid);
     return r.code;
   };
-  const auto cube = zortest::MakeBox(10000, 10000, 10000, 6);
-  const auto box = zortest::MakeBox(10000, 11000, 30000, 6);
+  const auto cube = zorgen::MakeBox(10000, 10000, 10000, 6);
+  const auto box = zorgen::MakeBox(10000, 11000, 30000, 6);
   const auto rod = Rod(), disc = Disc();
   EXPECT_EQ(code(*cube, *cube), 0x11u);
   EXPECT_EQ(code(*box, *box), 0x01u);
@@ -43,7 +45,7 @@ TEST(PrincipalFrame, SymmetryCodesOfTypicalBodies) {
   EXPECT_EQ(code(*disc, *disc), 0x10u);
   // The flags of both meshes merge: a rod against a disc has no usable axis.
   EXPECT_EQ(code(*rod, *disc), 0x11u);
-  const auto plain = zortest::MakeBox(10000, 20000, 40000, 6);
+  const auto plain = zorgen::MakeBox(10000, 20000, 40000, 6);
   EXPECT_EQ(code(*plain, *plain), 0u);
 
   // The long axis of the rod is Z, with the largest spread; the disc's normal is Z,
@@ -68,7 +70,7 @@ TEST(PrincipalFrame, PointAndEmptyMeshes) {
 }
 
 TEST(PrincipalFrame, SignFramesAreTheFourRightHandedAgreements) {
-  const auto box = zortest::MakeBox(10000, 20000, 40000, 4);
+  const auto box = zorgen::MakeBox(10000, 20000, 40000, 4);
   const PrincipalFrame f = AnalyzePrincipalFrame(*box, 0.15);
   const std::vector<MMTransformMatrix> frames = SignFrames(f);
   ASSERT_EQ(frames.size(), 4u);
@@ -109,7 +111,7 @@ TEST(PrincipalFrame, AxisRotationFramesTurnAboutTheForwardAxisInBothHalves) {
 }
 
 TEST(PrincipalFrame, ProjectionIntervalAlongAnAxis) {
-  const auto box = zortest::MakeBox(10, 20, 30, 2);
+  const auto box = zorgen::MakeBox(10, 20, 30, 2);
   const auto [lo, hi] = ProjectionInterval(*box, MMVector3d(0, 0, -1));
   EXPECT_EQ(lo, -30.0);
   EXPECT_EQ(hi, 0.0);

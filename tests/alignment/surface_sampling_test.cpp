@@ -7,8 +7,10 @@
 
 #include <gtest/gtest.h>
 
-#include "support/meshes.h"
+#include "tools/generators/bodies.h"
+#include "tools/generators/small_meshes.h"
 #include "zor/alignment/surface_patch.h"
+#include "zor/model/stl.h"
 
 namespace {
 
@@ -19,12 +21,12 @@ using ZorStlRegistration::SurfacePatchEvaluator;
 
 TEST(SampleSurface, CountsLandNearTheWantedNumber) {
   std::vector<std::unique_ptr<MStlBase>> meshes;
-  meshes.push_back(zortest::MakeSphere(20000.0, 60, 120));
-  meshes.push_back(zortest::MakeSphere(15000.0, 50, 90, 2500.0, MMVector3d(-90000, 4000, 0)));
+  meshes.push_back(zorgen::MakeSphere(20000.0, 60, 120));
+  meshes.push_back(zorgen::MakeSphere(15000.0, 50, 90, 2500.0, MMVector3d(-90000, 4000, 0)));
   // Lattices are turned off their axes: a grid aligned with the cells makes the count
   // jump by whole rows as the cell size changes.
-  meshes.push_back(zortest::MakeBox(30000, 20000, 10000, 30));
-  meshes.push_back(zortest::MakeGrid(120, 300));
+  meshes.push_back(zorgen::MakeBox(30000, 20000, 10000, 30));
+  meshes.push_back(zorgen::MakeGrid(120, 300));
   MMTransformMatrix turn;
   turn.MakeRotation(MMVector3d(), MMVector3d(1, 2, 3), 0.7);
   meshes[2]->Transform(turn);
@@ -38,7 +40,7 @@ TEST(SampleSurface, CountsLandNearTheWantedNumber) {
 }
 
 TEST(SampleSurface, NormalsOfAClosedSpherePointOutward) {
-  auto sphere = zortest::MakeSphere(20000.0, 60, 120, 0.0, MMVector3d(5000, -3000, 1000));
+  auto sphere = zorgen::MakeSphere(20000.0, 60, 120, 0.0, MMVector3d(5000, -3000, 1000));
   std::vector<MMVector3d> points, normals;
   SampleSurface(sphere.get(), 300, 2000.0, false, points, &normals);
   ASSERT_EQ(normals.size(), points.size());
@@ -62,7 +64,7 @@ TEST(SampleSurface, SmallMeshesFreePointsAndFlatExtents) {
 
   // Fewer points than wanted: every point in point order; a point without triangles
   // keeps its place and a zero normal.
-  auto tetra = zortest::MakeTetrahedron();
+  auto tetra = zorgen::MakeTetrahedron();
   tetra->AddPoint(50, 50, 50, false);
   SampleSurface(tetra.get(), 10, 100.0, false, points, &normals);
   ASSERT_EQ(points.size(), 5u);
@@ -109,7 +111,7 @@ TEST(GridSample, CellBoundsAndZeroCells) {
 }
 
 TEST(SurfacePatch, StopsAtCreasesAndMergesSharedCuts) {
-  auto box = zortest::MakeBox(10000, 10000, 10000, 20);
+  auto box = zorgen::MakeBox(10000, 10000, 10000, 20);
   SurfacePatchEvaluator evaluator;
   evaluator.radius = 1500.0;
   evaluator.Initialise(MStlBaseContainer(box.get()));
@@ -158,7 +160,7 @@ TEST(SurfacePatch, EvaluateFallsBackToTheTriangleNormal) {
   EXPECT_EQ(result.normal, t->GetNormal());
   EXPECT_EQ(result.curvature, 0.0);
   // On a sphere the evaluation gives the radial normal and a mean curvature 1/r.
-  auto sphere = zortest::MakeSphere(20000.0, 60, 120);
+  auto sphere = zorgen::MakeSphere(20000.0, 60, 120);
   SurfacePatchEvaluator onSphere;
   onSphere.radius = 3000.0;
   onSphere.curvatureKind = 0;

@@ -3,12 +3,14 @@
 
 #include <gtest/gtest.h>
 
-#include "support/meshes.h"
+#include "tools/generators/bodies.h"
+#include "tools/generators/small_meshes.h"
+#include "zor/model/stl.h"
 
 namespace {
 
 TEST(DataMask, EntriesCrossTheBlockBoundaryAndFollowGrowth) {
-  auto mesh = zortest::MakeGrid(44);  // 45 * 45 = 2025 points: two blocks
+  auto mesh = zorgen::MakeGrid(44);  // 45 * 45 = 2025 points: two blocks
   ASSERT_EQ(mesh->NumberOfPoints(), 2025u);
   MDataMask<MStlPoint, double> mask(mesh->GetMasks(), -1.0);
   EXPECT_GE(mask.GetSize(), 2025u);
@@ -34,7 +36,7 @@ TEST(DataMask, EntriesCrossTheBlockBoundaryAndFollowGrowth) {
 }
 
 TEST(DataMask, RecycledIndicesStartFromTheDefault) {
-  auto mesh = zortest::MakeTetrahedron();
+  auto mesh = zorgen::MakeTetrahedron();
   MDataMask<MStlTriangle, int> mask(mesh->GetMasks(), 7);
   MStlTriangle* first = &*MStlIteratorStlTriangle::Begin(mesh.get());
   const std::size_t index = first->GetMaskIndex();
@@ -49,7 +51,7 @@ TEST(DataMask, RecycledIndicesStartFromTheDefault) {
 }
 
 TEST(DataMask, MasksSurviveTheirMeshAndNamedMasksAreOwned) {
-  auto mesh = zortest::MakeTetrahedron();
+  auto mesh = zorgen::MakeTetrahedron();
   MDataMask<MStlPoint, float> outliving(mesh->GetMasks(), 1.0f);
   MStlVectorMaskPoints* named = MStlVectorMaskPoints::Create(mesh.get(), L"displacement");
   ASSERT_NE(named, nullptr);
@@ -91,7 +93,7 @@ public:
 using Events = std::vector<MStlCallBackEventID>;
 
 TEST(ChangeEvents, EveryEditTellsTheFollowers) {
-  auto mesh = zortest::MakeGrid(2, 10);
+  auto mesh = zorgen::MakeGrid(2, 10);
   Recorder rec(mesh.get());
   const Events moved{MStlEventPointsMoved};
   const Events topology{MStlEventTopologyChanged};
@@ -156,7 +158,7 @@ TEST(ChangeEvents, DependenciesHaveStableSlotsAndDieWithTheMesh) {
   EXPECT_NE(GetDepTypeIndex<Wrapper>(), GetDepTypeIndex<Other>());
   auto value = std::make_shared<int>(3);
   {
-    auto mesh = zortest::MakeTetrahedron();
+    auto mesh = zorgen::MakeTetrahedron();
     auto& deps = mesh->GetDependencies();
     EXPECT_EQ(deps.Get(GetDepTypeIndex<Wrapper>()), nullptr);
     auto* w = static_cast<Wrapper*>(deps.Put(GetDepTypeIndex<Wrapper>(), std::make_unique<Wrapper>()));
@@ -181,7 +183,7 @@ TEST(RegisteredHandles, HandlesConvertToTheMeshUntilItDies) {
 
 // Normals and mask reads from several threads at once (run under the thread sanitizer).
 TEST(ConcurrentReads, NormalsAndMasksReadFromManyThreads) {
-  auto mesh = zortest::MakeGrid(60);
+  auto mesh = zorgen::MakeGrid(60);
   MDataMask<MStlTriangle, double> mask(mesh->GetMasks(), 2.0);
   std::vector<const MStlTriangle*> triangles;
   for (auto it = mesh->BeginTriangle(); it != mesh->EndTriangle(); ++it) triangles.push_back(&*it);

@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include "support/meshes.h"
+#include "tools/generators/bodies.h"
+#include "tools/generators/small_meshes.h"
+#include "zor/model/stl.h"
 
 namespace {
 
@@ -45,7 +47,7 @@ TEST(MeshPoints, EqualCoordinatesMergeAndRoundingIsHalfAwayFromZero) {
 }
 
 TEST(MeshPoints, OutOfRangeCoordinatesAreRefusedLeavingTheMeshUnchanged) {
-  auto mesh = zortest::MakeTetrahedron();
+  auto mesh = zorgen::MakeTetrahedron();
   try {
     mesh->AddPoint(MMVector3d(0, 3e9, 0), false);
     FAIL() << "no exception";
@@ -58,7 +60,7 @@ TEST(MeshPoints, OutOfRangeCoordinatesAreRefusedLeavingTheMeshUnchanged) {
   EXPECT_EQ(mesh->NumberOfPoints(), 5u);
 
   // A move that would push one point out of range moves no point at all.
-  auto tetra = zortest::MakeTetrahedron();
+  auto tetra = zorgen::MakeTetrahedron();
   MMTransformMatrix huge;
   huge.MakeTranslation(MMVector3d(2147483640.0, 0, 0));
   EXPECT_THROW(tetra->Transform(huge), std::out_of_range);
@@ -71,7 +73,7 @@ TEST(MeshPoints, OutOfRangeCoordinatesAreRefusedLeavingTheMeshUnchanged) {
 }
 
 TEST(MeshTopology, NeighbourListsFollowInvertAndRemoval) {
-  auto mesh = zortest::MakeTetrahedron();
+  auto mesh = zorgen::MakeTetrahedron();
   ExpectNeighbourListsConsistent(*mesh);
   MStlPoint* p0 = mesh->GetPoint(0, 0, 0);
   ASSERT_EQ(p0->GetNumberOfNeighbourTriangles(), 3);
@@ -121,7 +123,7 @@ TEST(MeshTopology, HighValencePointsKeepTheirListsInOrder) {
 }
 
 TEST(MeshTopology, AdjacencyAcrossEdgesAndNonManifoldEdges) {
-  auto grid = zortest::MakeGrid(1);  // square split into (a b c) and (a c d)
+  auto grid = zorgen::MakeGrid(1);  // square split into (a b c) and (a c d)
   auto it = grid->BeginTriangle();
   const MStlTriangle& first = *it;
   const MStlTriangle& second = *++it;
@@ -172,7 +174,7 @@ TEST(MeshGeometry, ProjectPointMatchesDenseSampling) {
 }
 
 TEST(MeshGeometry, AreaNormalsAndExtremesOfATetrahedron) {
-  auto mesh = zortest::MakeTetrahedron();
+  auto mesh = zorgen::MakeTetrahedron();
   EXPECT_NEAR(mesh->SurfaceArea(), 150.0 + 0.5 * std::sqrt(3.0) * 200.0 / 2.0 * 1.0, 1e-9);
   for (auto it = mesh->BeginTriangle(); it != mesh->EndTriangle(); ++it) {
     const MMVector3d toCentre = MMVector3d(2.5, 2.5, 2.5) - it->GetVertex(0);
@@ -203,7 +205,7 @@ TEST(MeshEmpty, AnEmptyMeshAnswersEverythingSafely) {
 }
 
 TEST(MeshCopy, DeepCopyIsEqualAndIndependent) {
-  auto source = zortest::MakeGrid(4, 10);
+  auto source = zorgen::MakeGrid(4, 10);
   MStlSurface* extra = source->AddSurface();
   source->AddTriangle(MMVector3i(0, 0, 5), MMVector3i(10, 0, 5), MMVector3i(0, 10, 5), extra);
   source->AddFeature()->AddSurface(extra);
@@ -232,7 +234,7 @@ TEST(MeshCopy, DeepCopyIsEqualAndIndependent) {
 }
 
 TEST(MeshCopy, SelectionsCopyIntoConnectedMeshes) {
-  auto mesh = zortest::MakeTetrahedron();
+  auto mesh = zorgen::MakeTetrahedron();
   auto whole = CopySelectionToNewMesh(MStlItem(mesh.get()));
   ASSERT_NE(whole, nullptr);
   EXPECT_EQ(whole->NumberOfPoints(), 4u);  // merged: still one closed body
@@ -282,7 +284,7 @@ TEST(MeshBuild, ArraysAreValidatedMergedAndDegeneratesCounted) {
 }
 
 TEST(MeshPlacement, TemporaryTransformationRestoresExactCoordinates) {
-  auto mesh = zortest::MakeGrid(3, 7);
+  auto mesh = zorgen::MakeGrid(3, 7);
   std::vector<MMVector3i> before;
   for (auto it = mesh->BeginPoint(); it != mesh->EndPoint(); ++it) before.push_back(it->GetInt());
   MMTransformMatrix turn;

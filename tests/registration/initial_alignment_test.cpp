@@ -5,9 +5,11 @@
 #include <gtest/gtest.h>
 #include <tbb/task_arena.h>
 
-#include "support/meshes.h"
+#include "tools/generators/bodies.h"
+#include "tools/generators/small_meshes.h"
 #include "zor/alignment/principal_frame.h"
 #include "zor/model/mesh_builder.h"
+#include "zor/model/stl.h"
 #include "zor/model/stl_iterators.h"
 #include "zor/registration/detail/solver_tournament.h"
 #include "zor/registration/user_operator_stl_registration.h"
@@ -73,7 +75,7 @@ MMTransformMatrix Register(Registration& r, const Registration::MParams& params,
 }
 
 TEST(SolverTournament, FieldShrinksGeometricallyToOneWinner) {
-  const auto fixed = zortest::MakeSphere(20000, 16, 32, 3000);
+  const auto fixed = zorgen::MakeSphere(20000, 16, 32, 3000);
   ZorStlRegistration::NormalOrientationIndex index;
   index.SetMesh(fixed.get());
   std::vector<MMVector3d> samples;
@@ -136,7 +138,7 @@ TEST(SolverTournament, TiesGoToTheSimplerPose) {
 // A flattened bumpy rod 100 mm long and a 40 mm piece of it, far from its middle.
 TEST(InitialAlignment, SlideFindsAShortPieceAlongALongBody) {
   const double stretch[16] = {1, 0, 0, 0, 0, 0.6, 0, 0, 0, 0, 5, 0, 0, 0, 0, 1};
-  const auto rod = Transformed(zortest::MakeSphere(10000, 64, 32, 1500), stretch);
+  const auto rod = Transformed(zorgen::MakeSphere(10000, 64, 32, 1500), stretch);
   const auto piece = SliceAlongZ(*rod, 5000, 45000);
   auto moving = std::unique_ptr<MStlBase>(piece->Clone(nullptr));
   moving->Transform(LargePose());
@@ -151,9 +153,9 @@ TEST(InitialAlignment, SlideFindsAShortPieceAlongALongBody) {
 }
 
 TEST(InitialAlignment, TournamentAndAutomaticChoiceRecoverLargePoses) {
-  const auto body = zortest::MakeSphere(20000, 32, 64, 3000);
+  const auto body = zorgen::MakeSphere(20000, 32, 64, 3000);
   const double stretch[16] = {2, 0, 0, 0, 0, 1.3, 0, 0, 0, 0, 0.7, 0, 0, 0, 0, 1};
-  const auto block = Transformed(zortest::MakeSphere(20000, 32, 64, 1500), stretch);
+  const auto block = Transformed(zorgen::MakeSphere(20000, 32, 64, 1500), stretch);
   for (MStlBase* fixed : {body.get(), block.get()}) {
     auto moving = std::unique_ptr<MStlBase>(fixed->Clone(nullptr));
     moving->Transform(LargePose());
@@ -168,7 +170,7 @@ TEST(InitialAlignment, TournamentAndAutomaticChoiceRecoverLargePoses) {
 }
 
 TEST(InitialAlignment, TournamentIsTheSameAtEveryThreadCount) {
-  const auto fixed = zortest::MakeSphere(20000, 24, 48, 3000);
+  const auto fixed = zorgen::MakeSphere(20000, 24, 48, 3000);
   auto moving = std::unique_ptr<MStlBase>(fixed->Clone(nullptr));
   moving->Transform(LargePose());
   Registration::MParams params;
@@ -188,7 +190,7 @@ TEST(InitialAlignment, TournamentIsTheSameAtEveryThreadCount) {
 // can beat: the run must end on the identity exactly, not on a candidate equal to it
 // up to rounding.
 TEST(InitialAlignment, AnExactCopyKeepsTheExactIdentity) {
-  const auto fixed = zortest::MakeBox(30000, 20000, 10000, 4);
+  const auto fixed = zorgen::MakeBox(30000, 20000, 10000, 4);
   const auto moving = std::unique_ptr<MStlBase>(fixed->Clone(nullptr));
   for (auto strategy :
        {Registration::AlignAxes, Registration::AlignRod, Registration::AlignDisc, Registration::AlignBall}) {
@@ -204,7 +206,7 @@ TEST(InitialAlignment, AnExactCopyKeepsTheExactIdentity) {
 }
 
 TEST(InitialAlignment, DegenerateSearchesLeaveTheBaseline) {
-  const auto fixed = zortest::MakeSphere(20000, 16, 32, 3000);
+  const auto fixed = zorgen::MakeSphere(20000, 16, 32, 3000);
   auto moving = std::unique_ptr<MStlBase>(fixed->Clone(nullptr));
   moving->Transform(LargePose());
   const auto run = [&](MStlBase* f, MStlBase* m, auto&& adjust) {
@@ -238,8 +240,8 @@ TEST(InitialAlignment, DegenerateSearchesLeaveTheBaseline) {
 // instead of failing the run.
 TEST(InitialAlignment, CandidatesOffTheGridArePassedOver) {
   const double far[16] = {1, 0, 0, 2100000000.0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
-  const auto fixed = Transformed(zortest::MakeBox(30000, 20000, 10000, 2), far);
-  const auto moving = zortest::MakeBox(400000000, 20000, 10000, 2);
+  const auto fixed = Transformed(zorgen::MakeBox(30000, 20000, 10000, 2), far);
+  const auto moving = zorgen::MakeBox(400000000, 20000, 10000, 2);
   Registration::MParams params;
   params.iterationCount = 0;
   params.reduceMeshes = false;

@@ -6,7 +6,9 @@
 #include <gtest/gtest.h>
 #include <tbb/task_arena.h>
 
-#include "support/meshes.h"
+#include "tools/generators/bodies.h"
+#include "tools/generators/small_meshes.h"
+#include "zor/model/stl.h"
 #include "zor/model/stl_iterators.h"
 #include "zor/model/unit.h"
 #include "zor/registration/user_operator_stl_registration.h"
@@ -50,7 +52,7 @@ double RotationDegrees(const MMTransformMatrix& m) {
 // A bumpy, asymmetric body of about 4k triangles and a copy of it under SmallPose.
 struct RegistrationRun : ::testing::Test {
   void SetUp() override {
-    fixed = zortest::MakeSphere(20000, 32, 64, 3000);
+    fixed = zorgen::MakeSphere(20000, 32, 64, 3000);
     moving.reset(fixed->Clone(nullptr));
     moving->Transform(SmallPose());
     params.initialAlignment = Registration::AlignNone;

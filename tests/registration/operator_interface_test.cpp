@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include "support/meshes.h"
+#include "tools/generators/bodies.h"
+#include "tools/generators/small_meshes.h"
+#include "zor/model/stl.h"
 #include "zor/registration/user_operator_stl_registration.h"
 
 namespace {
@@ -22,8 +24,8 @@ TEST(RegistrationInterface, ResultsBeforeARunAreIdentityAndZero) {
 }
 
 TEST(RegistrationInterface, EachSetterReplacesItsSidesPlacement) {
-  auto fixed = zortest::MakeTetrahedron();
-  auto moving = zortest::MakeTetrahedron();
+  auto fixed = zorgen::MakeTetrahedron();
+  auto moving = zorgen::MakeTetrahedron();
   Op op;
   op.SetFixedStl(nullptr, kShift);  // a matrix with no mesh: stored, mesh cleared
   EXPECT_EQ(op.GetFixedStl(), nullptr);

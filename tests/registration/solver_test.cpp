@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 
-#include "support/meshes.h"
+#include "tools/generators/bodies.h"
+#include "tools/generators/small_meshes.h"
+#include "zor/model/stl.h"
 #include "zor/model/unit.h"
 #include "zor/registration/detail/registration_solver.h"
 
@@ -50,7 +52,7 @@ TEST(TrimSamples, TiedDistancesFollowTheStandardHeapSelection) {
 // Samples 100 units above a 20 x 20 mm grid, with the last three lifted far off it.
 struct PlaneWithOutliers : ::testing::Test {
   void SetUp() override {
-    plane = zortest::MakeGrid(21, 1000);
+    plane = zorgen::MakeGrid(21, 1000);
     index.SetMesh(plane.get());
     for (int i = 0; i < 40; ++i) samples.emplace_back(1000.0 + 450.0 * (i % 8), 1000.0 + 700.0 * (i / 8), 100.0);
     samples[37][2] = 5000.0;

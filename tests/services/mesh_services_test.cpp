@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include "support/meshes.h"
+#include "tools/generators/bodies.h"
+#include "tools/generators/small_meshes.h"
+#include "zor/model/stl.h"
 #include "zor/services/geom_properties.h"
 #include "zor/services/reduce.h"
 #include "zor/services/registration_icp.h"
@@ -19,7 +21,7 @@ MStlTriangle* TriangleAt(MStlPoint* p) { return &p->GetNeighbourTriangle(0)->dat
 TEST(PointNormals, AngleWeightingIgnoresHowAFanIsCut) {
   // The corner (0, 0, 0) of a box: its three faces are cut into different numbers of
   // triangles at the corner, yet the angle-weighted normal is the symmetric diagonal.
-  auto box = zortest::MakeBox(1000, 1000, 1000, 3);
+  auto box = zorgen::MakeBox(1000, 1000, 1000, 3);
   MStlPoint* corner = box->GetPoint(0, 0, 0);
   MStlBaseMaskOperatorComputePointNormalVectors op;
   op.SetMethod(ePointNormalAngle);
@@ -34,7 +36,7 @@ TEST(PointNormals, AngleWeightingIgnoresHowAFanIsCut) {
 }
 
 TEST(NormalCalculator, SmoothNormalFollowsMovedPoints) {
-  auto sphere = zortest::MakeSphere(20000.0, 24, 48);
+  auto sphere = zorgen::MakeSphere(20000.0, 24, 48);
   MUserOperatorNormalCalculator calculator;
   MUserOperatorNormalCalculator::MParams params;
   params.mode = 1;
@@ -69,7 +71,7 @@ TEST(NormalCalculator, SmoothNormalFollowsMovedPoints) {
 }
 
 TEST(NormalCalculator, ReportsBadSetUpAndLeavesTheNormal) {
-  auto sphere = zortest::MakeSphere(1000.0, 6, 8);
+  auto sphere = zorgen::MakeSphere(1000.0, 6, 8);
   MUserOperatorNormalCalculator calculator;
   MMVector3d n;
   const double bary[3] = {1, 0, 0};
@@ -84,7 +86,7 @@ TEST(NormalCalculator, ReportsBadSetUpAndLeavesTheNormal) {
 }
 
 TEST(GeomProperties, SolidAndShellOfABox) {
-  auto box = zortest::MakeBox(1000, 2000, 4000, 4);
+  auto box = zorgen::MakeBox(1000, 2000, 4000, 4);
   MStlBaseOperatorGeomProperties solid;
   solid.SetGravityType(GravitySolid);
   solid.AddStl(*box, MMTransformMatrix());
@@ -113,7 +115,7 @@ TEST(GeomProperties, SolidAndShellOfABox) {
 }
 
 TEST(GeomProperties, RefusesWhatHasNoProperties) {
-  auto grid = zortest::MakeGrid(10, 100);  // open: no enclosed volume
+  auto grid = zorgen::MakeGrid(10, 100);  // open: no enclosed volume
   MStlBaseOperatorGeomProperties solid;
   solid.SetGravityType(GravitySolid);
   solid.AddStl(*grid, MMTransformMatrix());
@@ -150,7 +152,7 @@ bool Reduce(MStlBase& mesh, double distance) {
 }
 
 TEST(Reduction, CurvedMeshKeepsTheToleranceAndFacesOutward) {
-  auto sphere = zortest::MakeSphere(20000.0, 80, 160, 1500.0);
+  auto sphere = zorgen::MakeSphere(20000.0, 80, 160, 1500.0);
   const std::vector<MMVector3d> before = AllPoints(*sphere);
   const std::size_t triangles = sphere->GetNumberOfTriangles();
   ASSERT_TRUE(Reduce(*sphere, 300.0));
@@ -170,7 +172,7 @@ TEST(Reduction, CurvedMeshKeepsTheToleranceAndFacesOutward) {
 }
 
 TEST(Reduction, FlatOpenMeshKeepsItsBorderInPlace) {
-  auto grid = zortest::MakeGrid(40, 250);  // 10 mm square, open border of 160 points
+  auto grid = zorgen::MakeGrid(40, 250);  // 10 mm square, open border of 160 points
   const std::vector<MMVector3d> before = AllPoints(*grid);
   ASSERT_TRUE(Reduce(*grid, 50.0));
   EXPECT_LT(grid->GetNumberOfTriangles(), 400u);
@@ -187,7 +189,7 @@ TEST(Reduction, FlatOpenMeshKeepsItsBorderInPlace) {
 }
 
 TEST(Reduction, BadParametersLeaveTheMeshAlone) {
-  auto sphere = zortest::MakeSphere(5000.0, 20, 40);
+  auto sphere = zorgen::MakeSphere(5000.0, 20, 40);
   const std::size_t triangles = sphere->GetNumberOfTriangles();
   EXPECT_FALSE(Reduce(*sphere, -1.0));
   EXPECT_FALSE(Reduce(*sphere, NAN));
@@ -207,8 +209,8 @@ MMTransformMatrix Motion(double angleDeg, MMVector3d axis, MMVector3d shift) {
 }
 
 TEST(RegistrationIcp, ConvergesFromATenDegreeOffsetAndRepeats) {
-  auto fixed = zortest::MakeSphere(20000.0, 60, 120, 3000.0);
-  auto moving = zortest::MakeSphere(20000.0, 60, 120, 3000.0);
+  auto fixed = zorgen::MakeSphere(20000.0, 60, 120, 3000.0);
+  auto moving = zorgen::MakeSphere(20000.0, 60, 120, 3000.0);
   const MMTransformMatrix offset = Motion(10.0, MMVector3d(1, 2, 3), MMVector3d(800, -500, 300));
   moving->Transform(offset);
   MStlBaseOperatorRegistrationICP::MParameters params;

@@ -7,7 +7,9 @@
 
 #include <gtest/gtest.h>
 
-#include "support/meshes.h"
+#include "tools/generators/bodies.h"
+#include "tools/generators/small_meshes.h"
+#include "zor/model/stl.h"
 #include "zor/spatial/object_tree.h"
 
 namespace {
@@ -31,7 +33,7 @@ double KernelDistance2(const MStlTriangle& t, const MMVector3d& q, double* weigh
 TEST(PointTriangleKernel, AgreesWithTheProjectionOfTheMeshModel) {
   // ProjectPoint follows another method (Ericson's Voronoi regions); both must find the
   // same closest point, in every region around the triangle.
-  auto mesh = zortest::MakeRandomTriangles(300, 21, 200);
+  auto mesh = zorgen::MakeRandomTriangles(300, 21, 200);
   std::mt19937 rng(2);
   std::uniform_real_distribution<double> u(-150.0, 350.0);
   for (auto it = mesh->BeginTriangle(); it != mesh->EndTriangle(); ++it) {
@@ -139,15 +141,15 @@ void ExpectTreeMatchesBruteForce(const MStlBase& mesh, unsigned seed, int extent
 TEST(NearestTriangle, MatchesBruteForceOnRandomMeshes) {
   for (int n : {3, 200, 3000}) {
     SCOPED_TRACE(n);
-    ExpectTreeMatchesBruteForce(*zortest::MakeRandomTriangles(n, 100 + n, 1000, true), 7, 1000);
+    ExpectTreeMatchesBruteForce(*zorgen::MakeRandomTriangles(n, 100 + n, 1000, true), 7, 1000);
   }
 }
 
 TEST(NearestTriangle, MatchesBruteForceOnDegenerateMeshes) {
   // Zero-area triangles (collinear and coincident corners) mixed with ordinary ones.
-  ExpectTreeMatchesBruteForce(*zortest::MakeRandomTriangles(2000, 5, 1000, false, 3), 8, 1000);
+  ExpectTreeMatchesBruteForce(*zorgen::MakeRandomTriangles(2000, 5, 1000, false, 3), 8, 1000);
   // Everything in the plane z = 0, and a strip of triangles along a line.
-  ExpectTreeMatchesBruteForce(*zortest::MakeGrid(40, 25), 9, 1000);
+  ExpectTreeMatchesBruteForce(*zorgen::MakeGrid(40, 25), 9, 1000);
   MStlBase line;
   for (int i = 0; i < 1500; ++i)
     line.AddTriangle(MMVector3i(i, 0, 0), MMVector3i(i + 1, 0, 0), MMVector3i(i + 2, 0, 0), nullptr);
@@ -206,7 +208,7 @@ TEST(NearestBounds, ObjectAtTheRadiusZeroRadiusAndNaNFindNothing) {
 }
 
 TEST(NearestBounds, ClosestTriangleRecordAndClosestPoint) {
-  auto mesh = zortest::MakeTetrahedron();
+  auto mesh = zorgen::MakeTetrahedron();
   const TriangleTreeHolder* holder = MeshQueries::GetTriangleTree(MeshHandle(mesh.get()));
   ASSERT_NE(holder, nullptr);
   MeshQueries::ClosestTriangle record;
@@ -226,7 +228,7 @@ TEST(NearestBounds, ClosestTriangleRecordAndClosestPoint) {
 }
 
 TEST(NearestBounds, OrientedSearchSkipsTrianglesFacingAway) {
-  auto mesh = zortest::MakeTetrahedron();
+  auto mesh = zorgen::MakeTetrahedron();
   const TriangleTreeHolder* holder = MeshQueries::GetTriangleTree(MeshHandle(mesh.get()));
   const MMVector3d below(2, 3, -1), down(0, 0, -1), up(0, 0, 1);
   const double cos30 = std::cos(30.0 * 3.14159265358979323846 / 180.0);

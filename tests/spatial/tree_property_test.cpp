@@ -9,7 +9,9 @@
 
 #include <gtest/gtest.h>
 
-#include "support/meshes.h"
+#include "tools/generators/bodies.h"
+#include "tools/generators/small_meshes.h"
+#include "zor/model/stl.h"
 #include "zor/spatial/detail/thread_safe_property.h"
 #include "zor/spatial/object_tree.h"
 
@@ -90,7 +92,7 @@ TEST(CachedTree, EveryKindOfEditDropsTheTrees) {
   const MMVector3d probe(55, 55, 50);
   for (const Edit& edit : edits) {
     SCOPED_TRACE(edit.name);
-    auto mesh = zortest::MakeGrid(10, 10);
+    auto mesh = zorgen::MakeGrid(10, 10);
     const MeshHandle handle(mesh.get());
     const TriangleTreeHolder* before = MeshQueries::GetTriangleTree(handle);
     ASSERT_EQ(MeshQueries::GetTriangleTree(handle), before);  // cached, not rebuilt
@@ -121,7 +123,7 @@ TEST(CachedTree, EveryKindOfEditDropsTheTrees) {
 }
 
 TEST(ConcurrentTreeRequests, ManyThreadsShareOneTriangleTree) {
-  auto mesh = zortest::MakeRandomTriangles(4000, 3, 100000, true);
+  auto mesh = zorgen::MakeRandomTriangles(4000, 3, 100000, true);
   std::vector<const TriangleTreeHolder*> seen(8, nullptr);
   RunTogether(8, [&](int i) { seen[i] = MeshQueries::GetTriangleTree(MeshHandle(mesh.get())); });
   for (const auto* h : seen) EXPECT_EQ(h, seen[0]);

@@ -17,8 +17,9 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "tools/generators/bodies.h"
+#include "tools/generators/poses.h"
 #include "tools/zor-register/mesh_files.h"
-#include "tools/zor-register/sample_body.h"
 #include "zor/model/unit.h"
 
 namespace fs = std::filesystem;
@@ -127,8 +128,8 @@ void ExpectRecovered(const MMTransformMatrix& pose, double scale, const nlohmann
 
 TEST_F(ZorRegister, AlignRecoversAKnownPoseAndReportsIt) {
   const double ie = MUnit::GetIE();
-  const auto body = zortool::MakeSampleBody(24);
-  const MMTransformMatrix pose = zortool::DrawPose(5, 30.0 * ie);
+  const auto body = zorgen::MakeSampleBody(24);
+  const MMTransformMatrix pose = zorgen::DrawPose(5, 30.0 * ie);
   for (double scale : {1.0, 1000.0}) {  // millimetre files, then metre files read with --scale 1000
     SCOPED_TRACE(scale);
     zortool::WriteMesh(*body, nullptr, scale, Path("fixed.ply"), false);

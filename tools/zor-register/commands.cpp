@@ -14,9 +14,10 @@
 #include <nlohmann/json.hpp>
 #include <tbb/global_control.h>
 
+#include "tools/generators/bodies.h"
+#include "tools/generators/poses.h"
 #include "tools/zor-register/mesh_files.h"
 #include "tools/zor-register/progress_bar.h"
-#include "tools/zor-register/sample_body.h"
 #include "zor/model/unit.h"
 
 namespace zortool {
@@ -205,8 +206,8 @@ int RunAlign(const std::string& movingPath, const std::string& fixedPath, const 
 int RunDemo(const DemoOptions& demo, const Registration::MParams& params, const CommonOptions& common) {
   const int n = std::max(1, static_cast<int>(std::lround(std::sqrt(static_cast<double>(demo.triangles) / 12.0))));
   const double ie = MUnit::GetIE();
-  const std::unique_ptr<MStlBase> body = MakeSampleBody(n);
-  const MMTransformMatrix pose = DrawPose(demo.seed, 40.0 * ie);
+  const std::unique_ptr<MStlBase> body = zorgen::MakeSampleBody(n);
+  const MMTransformMatrix pose = zorgen::DrawPose(demo.seed, 40.0 * ie);
   std::unique_ptr<MStlBase> copy(body->Clone(nullptr));
   copy->Transform(pose);
 

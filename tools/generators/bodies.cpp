@@ -1,41 +1,45 @@
-#pragma once
-// Generated test bodies for the registration benchmarks: closed meshes of about a given
-// number of triangles, built as rows of vertices over the sphere with a radius that
-// depends on direction. Everything is seeded, so every run sees the same meshes.
+#include "tools/generators/bodies.h"
+
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
 #include <map>
-#include <memory>
 #include <random>
-#include <string>
 #include <tuple>
 #include <vector>
 
-#include "bench/support/scan_like_mesh.h"
 #include "zor/model/mesh_builder.h"
-#include "zor/model/stl_base.h"
-#include "zor/model/transform.h"
+#include "zor/model/unit.h"
 
-namespace zorbench {
+namespace zorgen {
+namespace {
 
-enum class Shape { Smooth, Bumpy, Featured, Box, Rod, Disc, Ball };
+constexpr double kPi = 3.14159265358979323846;
 
-inline const char* ShapeName(Shape s) {
-  switch (s) {
-    case Shape::Smooth: return "smooth";
-    case Shape::Bumpy: return "bumpy";
-    case Shape::Featured: return "featured";
-    case Shape::Box: return "box";
-    case Shape::Rod: return "rod";
-    case Shape::Disc: return "disc";
-    case Shape::Ball: return "ball";
-  }
-  return "?";
+constexpr double kHalf[3] = {35.0, 23.0, 15.0};  // mm: half extents of the sample body's block
+
+// Squared distance of the unit direction `d` from the direction of `at`, over `width`.
+double Spread(const MMVector3d& d, MMVector3d at, double width) {
+  Normalize(at);
+  return Length2(d - at) / width;
+}
+
+// Distance (mm) from the sample body's centre to its surface along the unit direction `d`.
+double SurfaceRadius(const MMVector3d& d) {
+  const double p = 6.0;  // rounds the block's edges
+  double q = 0.0;
+  for (int k = 0; k < 3; ++k) q += std::pow(std::fabs(d[k]) / kHalf[k], p);
+  double r = 1.0 / std::pow(q, 1.0 / p);
+  // A flat-topped boss on the top face, off the middle towards +x +y.
+  const double boss = Spread(d, MMVector3d(0.45, 0.3, 0.84), 0.015);
+  r += 7.0 * std::exp(-boss * boss);
+  // A dimple in the -y flank, and a groove down the -x end, off its middle.
+  r -= 4.0 * std::exp(-Spread(d, MMVector3d(-0.3, -0.9, 0.2), 0.02));
+  if (d[0] < -0.5) r -= 2.5 * std::exp(-(d[1] - 0.15) * (d[1] - 0.15) / 0.003);
+  return r;
 }
 
 // Radius (micrometres) in the direction (x, y, z) of unit length.
-inline double ShapeRadius(Shape s, double x, double y, double z) {
+double ShapeRadius(Shape s, double x, double y, double z) {
   switch (s) {
     case Shape::Smooth: {
       // An ellipsoid of semi-axes 50, 35 and 25 mm.
@@ -97,7 +101,7 @@ inline double ShapeRadius(Shape s, double x, double y, double z) {
 }
 
 // Rough half extents (mm) of each body, used to spread the vertices more evenly.
-inline MMVector3d ShapeExtents(Shape s) {
+MMVector3d ShapeExtents(Shape s) {
   switch (s) {
     case Shape::Smooth: return MMVector3d(50, 35, 25);
     case Shape::Bumpy: return MMVector3d(40, 40, 40);
@@ -113,7 +117,7 @@ inline MMVector3d ShapeExtents(Shape s) {
 // A geodesic sphere: each face of the icosahedron split into n^2 triangles, 20 n^2 in
 // all, outward winding. Points on the icosahedron's edges are made once, so the mesh
 // is closed.
-inline void GeodesicSphere(int n, std::vector<MMVector3d>& directions, std::vector<std::uint32_t>& triangles) {
+void GeodesicSphere(int n, std::vector<MMVector3d>& directions, std::vector<std::uint32_t>& triangles) {
   const double t = (1.0 + std::sqrt(5.0)) / 2.0;
   const MMVector3d corners[12] = {{-1, t, 0},  {1, t, 0},  {-1, -t, 0}, {1, -t, 0}, {0, -1, t},  {0, 1, t},
                                   {0, -1, -t}, {0, 1, -t}, {t, 0, -1},  {t, 0, 1},  {-t, 0, -1}, {-t, 0, 1}};
@@ -159,12 +163,51 @@ inline void GeodesicSphere(int n, std::vector<MMVector3d>& directions, std::vect
   for (MMVector3d& d : directions) Normalize(d);
 }
 
+}  // namespace
+
+std::unique_ptr<MStlBase> MakeSphere(double radius, int rows, int cols, double bump, MMVector3d centre) {
+  return MakeMesh(RowsOfPoints(rows, cols, [&](double th, double ph, bool) {
+    const double r = radius + bump * (std::sin(3 * th + 0.5) * std::cos(2 * ph) + 0.5 * std::sin(5 * ph + th));
+    return centre + MMVector3d(r * std::sin(th) * std::cos(ph), r * std::sin(th) * std::sin(ph), r * std::cos(th));
+  }));
+}
+
+MeshArrays MakeScanLikeMesh(std::int64_t triangles) {
+  const int rows = std::max(4, static_cast<int>(std::sqrt(triangles / 4.0)));
+  const int cols = std::max(8, static_cast<int>(triangles / (2.0 * rows)));
+  std::mt19937 rng(7);
+  std::normal_distribution<double> noise(0.0, 5.0);
+  return RowsOfPoints(rows, cols, [&](double th, double ph, bool pole) {
+    const double rad = 40000.0 + 2500.0 * std::sin(3 * th) * std::cos(5 * ph) + 800.0 * std::sin(11 * th + 2 * ph) +
+                       (pole ? 0.0 : noise(rng));
+    return MMVector3d(rad * std::sin(th) * std::cos(ph), rad * std::sin(th) * std::sin(ph), rad * std::cos(th));
+  });
+}
+
+MeshArrays MakeBumpyHeightField(std::int64_t triangles) {
+  const int n = static_cast<int>(std::sqrt(triangles / 2.0));
+  return HeightField(n, 100.0, [](int i, int j) { return 500.0 * std::sin(i * 0.05) * std::cos(j * 0.07); });
+}
+
+const char* ShapeName(Shape s) {
+  switch (s) {
+    case Shape::Smooth: return "smooth";
+    case Shape::Bumpy: return "bumpy";
+    case Shape::Featured: return "featured";
+    case Shape::Box: return "box";
+    case Shape::Rod: return "rod";
+    case Shape::Disc: return "disc";
+    case Shape::Ball: return "ball";
+  }
+  return "?";
+}
+
 // About `triangles` triangles of body `s`, in micrometres, with vertices spread about
 // evenly over the surface as a scanner's would be: a geodesic sphere stretched to the
 // body's extents, laid on the surface along rays from the centre, then relaxed (each
 // vertex to the middle of its neighbours, back on the surface). Points are rounded to
 // whole micrometres after `noise` micrometres of Gaussian noise along the ray.
-inline MeshArrays MakeShape(Shape s, std::int64_t triangles, double noise = 0.0) {
+MeshArrays MakeShape(Shape s, std::int64_t triangles, double noise) {
   const int n = std::max(2, static_cast<int>(std::lround(std::sqrt(static_cast<double>(triangles) / 20.0))));
   std::vector<MMVector3d> directions;
   MeshArrays m;
@@ -205,45 +248,48 @@ inline MeshArrays MakeShape(Shape s, std::int64_t triangles, double noise = 0.0)
   return m;
 }
 
-// The mesh of `m` moved by `pose` (rounded to whole units), keeping only the triangles
-// whose first corner has a coordinate along `cutAxis` below the `keep` quantile, so
-// that `keep` 0.7 gives a partial copy of about 70%.
-inline std::unique_ptr<MStlBase> MakeMovedCopy(const MeshArrays& m, const MMTransformMatrix& pose, double keep = 1.0,
-                                               int cutAxis = 0) {
-  std::vector<double> xyz(m.xyz.size());
-  for (std::size_t i = 0; i < m.xyz.size(); i += 3) {
-    MMVector3d p(m.xyz[i], m.xyz[i + 1], m.xyz[i + 2]);
-    pose.Transform(p, false);
-    for (int k = 0; k < 3; ++k) xyz[i + k] = std::round(p[k]);
-  }
-  std::vector<std::uint32_t> indices;
-  if (keep >= 1.0) {
-    return BuildStl(xyz.data(), xyz.size() / 3, m.indices.data(), m.indices.size() / 3);
-  } else {
-    std::vector<double> along;
-    for (std::size_t t = 0; t < m.indices.size(); t += 3) along.push_back(m.xyz[3 * m.indices[t] + cutAxis]);
-    std::vector<double> sorted = along;
-    std::nth_element(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(keep * sorted.size()), sorted.end());
-    const double cut = sorted[static_cast<std::size_t>(keep * sorted.size())];
-    for (std::size_t t = 0; t < along.size(); ++t)
-      if (along[t] < cut) indices.insert(indices.end(), &m.indices[3 * t], &m.indices[3 * t] + 3);
-  }
-  // Only the points that the kept triangles use: a stray point would still count in
-  // the shape of the copy.
-  std::vector<std::int64_t> renumber(xyz.size() / 3, -1);
-  std::vector<double> used;
-  for (std::uint32_t& i : indices) {
-    if (renumber[i] < 0) {
-      renumber[i] = static_cast<std::int64_t>(used.size() / 3);
-      used.insert(used.end(), &xyz[3 * i], &xyz[3 * i] + 3);
+std::unique_ptr<MStlBase> MakeSampleBody(int n) {
+  const double ie = MUnit::GetIE();
+  // Points of the cube's surface lattice [0, n]^3, each made once so the mesh
+  // is closed.
+  const std::size_t side = static_cast<std::size_t>(n) + 1;
+  std::vector<std::uint32_t> id(side * side * side, UINT32_MAX);
+  std::vector<double> xyz;
+  const auto point = [&](int i, int j, int k) {
+    std::uint32_t& slot = id[(static_cast<std::size_t>(i) * side + j) * side + k];
+    if (slot == UINT32_MAX) {
+      slot = static_cast<std::uint32_t>(xyz.size() / 3);
+      // Equal angles rather than equal steps across each face spread the points
+      // evenly.
+      const int lattice[3] = {i, j, k};
+      MMVector3d d;
+      for (int a = 0; a < 3; ++a) d[a] = std::tan((2.0 * lattice[a] / n - 1.0) * kPi / 4.0) * kHalf[a];
+      Normalize(d);
+      const double r = SurfaceRadius(d) * ie;
+      for (int a = 0; a < 3; ++a) xyz.push_back(std::round(d[a] * r));
     }
-    i = static_cast<std::uint32_t>(renumber[i]);
-  }
-  return BuildStl(used.data(), used.size() / 3, indices.data(), indices.size() / 3);
+    return slot;
+  };
+  std::vector<std::uint32_t> triangles;
+  for (int a = 0; a < 3; ++a)
+    for (int s = 0; s <= n; s += n) {
+      const int b = (a + 1) % 3, c = (a + 2) % 3;
+      const auto at = [&](int u, int v) {
+        int lattice[3];
+        lattice[a] = s, lattice[b] = u, lattice[c] = v;
+        return point(lattice[0], lattice[1], lattice[2]);
+      };
+      for (int u = 0; u < n; ++u)
+        for (int v = 0; v < n; ++v) {
+          const std::uint32_t q[4] = {at(u, v), at(u + 1, v), at(u + 1, v + 1), at(u, v + 1)};
+          // Counter-clockwise seen from outside: e_b x e_c points along +a.
+          if (s == n)
+            triangles.insert(triangles.end(), {q[0], q[1], q[2], q[0], q[2], q[3]});
+          else
+            triangles.insert(triangles.end(), {q[0], q[2], q[1], q[0], q[3], q[2]});
+        }
+    }
+  return BuildStl(xyz.data(), xyz.size() / 3, triangles.data(), triangles.size() / 3);
 }
 
-inline std::unique_ptr<MStlBase> MakeMesh(const MeshArrays& m) {
-  return BuildStl(m.xyz.data(), m.xyz.size() / 3, m.indices.data(), m.indices.size() / 3);
-}
-
-}  // namespace zorbench
+}  // namespace zorgen
