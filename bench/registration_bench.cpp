@@ -163,7 +163,7 @@ void IterationCost(long samples) {
   double seconds = 0.0;
   arena.execute([&] {
     for (int r = 0; r < rounds; ++r) {
-      ZorStlRegistration::detail::RegistrationSolver solver(&index);
+      ZorStlRegistration::detail::RegistrationSolver solver(&index, MUnit::GetIE());
       solver.SetSamples(points, nullptr);
       solver.activeCount = static_cast<std::uint64_t>(0.8 * static_cast<double>(points.size()));
       solver.MoveRecords(off);

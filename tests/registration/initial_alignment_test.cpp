@@ -109,7 +109,7 @@ TEST(SolverTournament, TiesGoToTheSimplerPose) {
   EXPECT_EQ(PoseSimplicity(general), 3);
 
   const auto solver = [](const MMTransformMatrix& pose, double error) {
-    RegistrationSolver s(nullptr);
+    RegistrationSolver s(nullptr, 1000);
     s.moveTransform = pose;
     s.cachedError = error;
     return s;

@@ -208,6 +208,59 @@ TEST_F(RegistrationRun, ItemsOfEachKindAndUnresolvableInputs) {
   EXPECT_EQ(delegate->done, 1u);
 }
 
+// Whatever way a run ends, the readers tell of one run: its own, or for a run that
+// could not start, the one before.
+TEST_F(RegistrationRun, ReadersAlwaysDescribeOneRun) {
+  // A matcher that stands on a copy made from an item (no reduction): a later run
+  // that replaces the copy and fails must keep scoring as the first run did.
+  params.reduceMeshes = false;
+  double shift[16] = {1, 0, 0, 100, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+  Registration r;
+  r.SetAllParams(params);
+  r.SetFixedItem(MStlItem(fixed.get()), shift);
+  r.SetMovingStl(moving.get(), nullptr);
+  ASSERT_TRUE(r.Operate());
+  MMTransformMatrix found;
+  r.GetTransformation(found);
+  const MMTransformMatrix probe = found * SmallPose();
+  const double before = r.GetError(probe);
+  const std::uint64_t inliers = r.GetInlierCount();
+  ASSERT_GT(before, 0.0);
+  // A new placement and an item that names nothing: the run fails, and neither the
+  // replaced copy nor the new placement reaches the old run's scores.
+  r.SetFixedItem(MStlItem(), nullptr);
+  EXPECT_FALSE(r.Operate());
+  EXPECT_EQ(r.GetError(probe), before);
+  EXPECT_EQ(r.GetInlierCount(), inliers);
+  EXPECT_EQ(r.GetStageTimes().iterations, 0u);
+  EXPECT_EQ(r.GetStageTimes().sampling, 0.0);
+  // The unit is the run's: changing it afterwards changes no reported error.
+  const double error = r.GetError();
+  MUnit::SetIE(100);
+  EXPECT_EQ(r.GetError(), error);
+  EXPECT_EQ(r.GetError(probe), before);
+  MUnit::SetIE(1000);
+  // The same mesh on both sides: identity, no samples, nothing left of the run before.
+  r.SetFixedStl(moving.get(), nullptr);
+  ASSERT_TRUE(r.Operate());
+  EXPECT_EQ(r.GetError(), 0.0);
+  EXPECT_EQ(r.GetError(probe), 0.0);
+  EXPECT_EQ(r.GetInlierCount(), 0u);
+  EXPECT_EQ(r.GetStageTimes().iterations, 0u);
+  // A placement that carries the moving mesh off the grid throws, and leaves the
+  // operator as before any run.
+  Registration thrown;
+  Run(thrown, fixed.get(), moving.get());
+  const double far[16] = {1, 0, 0, 2.2e9, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+  thrown.SetMovingStl(moving.get(), far);
+  EXPECT_THROW(thrown.Operate(), std::out_of_range);
+  thrown.GetTransformation(found);
+  EXPECT_TRUE(found.IsIdentity());
+  EXPECT_EQ(thrown.GetError(), 0.0);
+  EXPECT_EQ(thrown.GetError(probe), 0.0);
+  EXPECT_EQ(thrown.GetInlierCount(), 0u);
+}
+
 TEST_F(RegistrationRun, PlacementsOnEitherSideAreUndoneByTheResult) {
   params.errorTolerance = 0.0;
   params.iterationCount = 300;

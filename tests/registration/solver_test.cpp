@@ -9,7 +9,6 @@
 #include "tools/generators/bodies.h"
 #include "tools/generators/small_meshes.h"
 #include "zor/model/stl.h"
-#include "zor/model/unit.h"
 #include "zor/registration/detail/registration_solver.h"
 
 namespace {
@@ -34,7 +33,7 @@ double RotationDegrees(const MMTransformMatrix& m) {
 // Distances 0, 2, 1, 1 with three active keep records 0, 3, 2, in that order.
 TEST(TrimSamples, TiedDistancesFollowTheStandardHeapSelection) {
   const auto trimmed = [](const std::vector<double>& distances, std::uint64_t active) {
-    RegistrationSolver solver(nullptr);
+    RegistrationSolver solver(nullptr, 1000);
     for (std::size_t i = 0; i < distances.size(); ++i)
       solver.points.push_back({MMVector3d(double(i), 0, 0), distances[i], MMVector3d(), MMVector3d()});
     solver.activeCount = active;
@@ -65,7 +64,7 @@ struct PlaneWithOutliers : ::testing::Test {
 };
 
 TEST_F(PlaneWithOutliers, TrimmedErrorLeavesOutExactlyTheWorstSamples) {
-  RegistrationSolver solver(&index);
+  RegistrationSolver solver(&index, 1000);
   solver.SetSamples(samples, nullptr);
   solver.activeCount = 37;
   solver.MatchSamples();
@@ -97,15 +96,16 @@ TEST_F(PlaneWithOutliers, UnmatchedSamplesCountAsLargest) {
 }
 
 TEST_F(PlaneWithOutliers, TooFewNormalsThrowAfterTheRecordsAreMade) {
-  RegistrationSolver solver(&index);
+  RegistrationSolver solver(&index, 1000);
   const std::vector<MMVector3d> normals(samples.size() - 1, MMVector3d(0, 0, 1));
   EXPECT_THROW(solver.SetSamples(samples, &normals), std::out_of_range);
   EXPECT_EQ(solver.points.size(), samples.size());
 }
 
 // A solver whose active records are given pairs: position p[i], match q[i].
-RegistrationSolver PairedSolver(const std::vector<MMVector3d>& p, const std::vector<MMVector3d>& q) {
-  RegistrationSolver solver(nullptr);
+RegistrationSolver PairedSolver(const std::vector<MMVector3d>& p, const std::vector<MMVector3d>& q,
+                                std::int32_t unitsPerLength = 1000) {
+  RegistrationSolver solver(nullptr, unitsPerLength);
   solver.SetSamples(p, nullptr);
   for (std::size_t i = 0; i < p.size(); ++i) solver.points[i].closest = q[i], solver.points[i].distance = 0.0;
   return solver;
@@ -135,11 +135,8 @@ TEST(RegistrationSolverStep, RecoversATranslationAndARotationOfMatchedPairs) {
 
   // Another unit scale changes nothing but the units of the translation, which the
   // step rebuilds in internal units.
-  const std::int32_t ie = MUnit::GetIE();
-  MUnit::SetIE(10);
   MMTransformMatrix other;
-  ASSERT_TRUE(PairedSolver(p, q).ComputeStep(other));
-  MUnit::SetIE(ie);
+  ASSERT_TRUE(PairedSolver(p, q, 10).ComputeStep(other));
   for (int r = 0; r < 3; ++r)
     for (int c = 0; c < 4; ++c) EXPECT_NEAR(other.GetElement(r, c), truth.GetElement(r, c), c == 3 ? 1e-6 : 1e-12);
 }

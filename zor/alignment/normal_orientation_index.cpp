@@ -75,12 +75,15 @@ std::vector<PointSeed> SeedsOf(const MStlBase& mesh) {
 
 }  // namespace
 
-NormalOrientationIndex::NormalOrientationIndex() { _LayOutGrid(); }
+NormalOrientationIndex::NormalOrientationIndex() : unitsPerLength(MUnit::GetIE()) { _LayOutGrid(); }
 
 NormalOrientationIndex::~NormalOrientationIndex() = default;
 
-void NormalOrientationIndex::SetParameters(const Parameters& p) {
+void NormalOrientationIndex::SetParameters(const Parameters& p) { SetParameters(p, MUnit::GetIE()); }
+
+void NormalOrientationIndex::SetParameters(const Parameters& p, std::int32_t units) {
   parameters = p;
+  unitsPerLength = units;
   _LayOutGrid();
 }
 
@@ -102,7 +105,7 @@ void NormalOrientationIndex::_LayOutGrid() {
     rows[r].resize(count);
     for (std::uint64_t& id : rows[r]) id = next++;
   }
-  const double g = static_cast<double>(MUnit::GetIE());
+  const double g = static_cast<double>(unitsPerLength);
   cellDirections.resize(next);
   for (std::uint64_t r = 0; r < rowCount; ++r) {
     const double theta = static_cast<double>(r) * kPi / last;
@@ -143,7 +146,7 @@ void NormalOrientationIndex::_ComputePointNormals() {
     // working masks. Each point's normal depends on the point alone, so the result
     // does not depend on which worker computes it.
     SurfacePatchEvaluator prototype;
-    prototype.radius = parameters.smoothingRadius * MUnit::GetIE();
+    prototype.radius = parameters.smoothingRadius * unitsPerLength;
     prototype.curvatureKind = 1;
     prototype.Initialise(MStlBaseContainer(editable));
     tbb::enumerable_thread_specific<std::unique_ptr<SurfacePatchEvaluator>> workers;
@@ -262,7 +265,9 @@ std::size_t NormalOrientationIndex::ConeCells(const MMVector3d& normal, std::uin
     const std::vector<std::uint64_t>& ids = rows[row];
     const std::uint64_t c = ids.size();
     const double n = static_cast<double>(c);
-    // Negative columns wrap through 2^64, not through c.
+    // Negative columns wrap through 2^64, not through c. This fixes which cells a cone
+    // near longitude 0 reaches, and so which matches, and poses, a run finds; the usual
+    // wrap through c would reach other cells wherever c is not a power of two.
     const std::uint64_t first = RoundToIndex(n * ((phi - a) / kTwoPi)) % c;
     const std::uint64_t lastColumn = RoundToIndex(n * ((phi + a) / kTwoPi)) % c;
     for (std::uint64_t j = first;; j = (j + 1) % c) {

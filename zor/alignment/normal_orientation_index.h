@@ -45,7 +45,11 @@ public:
   NormalOrientationIndex& operator=(const NormalOrientationIndex&) = delete;
 
   // Copies the block and lays out the grid anew; buckets of a built mesh are dropped.
+  // Lengths are read with `unitsPerLength` internal units per coordinate unit, or with
+  // MUnit::GetIE() of the moment in the form without it.
   void SetParameters(const Parameters& p);
+  void SetParameters(const Parameters& p, std::int32_t unitsPerLength);
+  std::int32_t GetUnitsPerLength() const { return unitsPerLength; }
   const Parameters& GetParameters() const { return parameters; }
 
   // Binds `mesh` for FindClosest. Binding a different mesh drops the buckets.
@@ -108,6 +112,7 @@ private:
   void _ComputePointNormals();
 
   Parameters parameters;
+  std::int32_t unitsPerLength = 1000;  // internal units per coordinate unit, fixed by SetParameters
   std::vector<std::vector<std::uint64_t>> rows;
   const MStlBase* mesh = nullptr;
   std::vector<MMVector3d> cellDirections;

@@ -106,6 +106,8 @@ void SampleSurface(MStlBase* mesh, std::uint64_t wanted, double normalRadius, bo
   if (wanted >= all.size()) {
     points = std::move(all);
   } else {
+    // The x range runs from the least x to the greatest x or 0, whichever is larger: the
+    // bisection over it, and so every sample a run is scored on, is defined that way.
     double xMin = all.front()[0], xMax = 0.0;
     double lo[3] = {HUGE_VAL, HUGE_VAL, HUGE_VAL}, hi[3] = {-HUGE_VAL, -HUGE_VAL, -HUGE_VAL};
     for (const MMVector3d& p : all) {

@@ -11,7 +11,6 @@
 #include "zor/alignment/principal_frame.h"
 #include "zor/model/progress.h"
 #include "zor/model/stl_guards.h"
-#include "zor/model/unit.h"
 #include "zor/registration/detail/solver_tournament.h"
 #include "zor/registration/user_operator_stl_registration.h"
 #include "zor/services/geom_properties.h"
@@ -130,7 +129,7 @@ void MUserOperatorStlRegistration::SlideAlongAxis(MStlBase* moving, const MStlBa
   // body's lower end, or its upper end on the fixed body's upper end.
   const double e1 = fMin + (mMax - mMin), e2 = fMax;
   const double start = std::min(e1, e2), span = std::max(e1, e2) - start;
-  const double stepLimit = static_cast<double>(MUnit::GetIE()) * params.slideStep;
+  const double stepLimit = static_cast<double>(unitsPerLength) * params.slideStep;
   // A step that is not above zero (or not a number) leaves nothing to sweep: the
   // candidate is scored as it stands.
   if (!(stepLimit > 0.0) || !std::isfinite(span)) {

@@ -20,13 +20,24 @@ using Clock = std::chrono::steady_clock;
 
 double SecondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
-// Reduces a clone in place; a reduction that cannot meet its bound leaves the clone
-// as it was, which is as good an input.
-void ReduceClone(MStlBase& clone, double tolerance) {
+// Latitude rows of the matcher's grid of normal directions, poles included.
+constexpr std::uint64_t kMatcherRows = 19;
+// Steps of the progress report besides the iterations: the five stages that advance it
+// and one to spare, so that a full run never reaches the end of the bar early.
+constexpr std::size_t kProgressBase = 6;
+// Reduction: rounds of reduce-and-check, and the least gain (percent of the triangles)
+// that is worth rewriting a clone.
+constexpr std::int32_t kReducePasses = 5;
+constexpr double kReduceMinGainPercent = 10.0;
+
+// Reduces a clone in place so that every vertex stays within `bound` (internal units);
+// a reduction that cannot meet its bound leaves the clone as it was, which is as good
+// an input.
+void ReduceClone(MStlBase& clone, double bound) {
   MStlBaseOperatorReduceExBase::MParams reduction;
-  reduction.distance = tolerance * MUnit::GetIE();
-  reduction.maxPasses = 5;
-  reduction.minGainPercent = 10.0;
+  reduction.distance = bound;
+  reduction.maxPasses = kReducePasses;
+  reduction.minGainPercent = kReduceMinGainPercent;
   MStlBaseOperatorReduceEx<MStlBaseContainer> reduce(MStlBaseContainer(&clone), reduction);
   reduce.Operate();
 }
@@ -72,12 +83,10 @@ void MUserOperatorStlRegistration::SetProgressDelegate(std::shared_ptr<ZorSDK::C
 
 void MUserOperatorStlRegistration::GetTransformation(MMTransformMatrix& out) const { out = transformation; }
 
-double MUserOperatorStlRegistration::GetError() const { return error / static_cast<double>(MUnit::GetIE()); }
-
 void MUserOperatorStlRegistration::CollectSurfaceSamples(MStlBase* mesh, std::uint64_t wanted,
                                                          std::vector<MMVector<double, 3>>& points,
                                                          std::vector<MMVector<double, 3>>* normals) {
-  ZorStlRegistration::SampleSurface(mesh, wanted, params.normalRadius * MUnit::GetIE(), params.flipNormals, points,
+  ZorStlRegistration::SampleSurface(mesh, wanted, params.normalRadius * unitsPerLength, params.flipNormals, points,
                                     normals);
 }
 
@@ -88,50 +97,98 @@ double MUserOperatorStlRegistration::ScorePose(const std::vector<MMVector3d>& sa
 }
 
 bool MUserOperatorStlRegistration::Operate() {
+  try {
+    return _Operate();
+  } catch (...) {
+    _ForgetResult();
+    throw;
+  }
+}
+
+void MUserOperatorStlRegistration::_ForgetResult() {
+  transformation.MakeIdentity();
+  error = 0.0;
+  samplePoints.reset();
+  sampleNormals.reset();
+  orientationIndex.reset();
+  indexedFixed.reset();
+  indexedPlacement.reset();
+  inlierCount = 0;
+  stageTimes = StageTimes();
+  alignmentUsed = AlignNone;
+  unitsPerLength = 0;
+}
+
+void MUserOperatorStlRegistration::_ReplaceCopy(std::unique_ptr<MStlBase>& copy, const MStlItem& item) {
+  // The matcher of the last run may stand on the copy about to be replaced; it stays
+  // alive with the matcher, for GetError(pose).
+  if (copy != nullptr && orientationIndex != nullptr && orientationIndex->GetMesh() == copy.get())
+    indexedFixed = std::move(copy);
+  copy = CopySelectionToNewMesh(item);
+}
+
+bool MUserOperatorStlRegistration::_Operate() {
   using ZorStlRegistration::NormalOrientationIndex;
+  using ZorStlRegistration::detail::kTieTolerance;
   using ZorStlRegistration::detail::RegistrationSolver;
 
+  const Clock::time_point start = Clock::now();
   if (movingStl != nullptr && movingStl == fixedStl) {
-    error = 0.0;
-    transformation.MakeIdentity();
-    alignmentUsed = AlignNone;
+    // Nothing to move: the identity with no error, and no samples to score other poses.
+    _ForgetResult();
+    stageTimes.total = SecondsSince(start);
     return true;
   }
-  const Clock::time_point start = Clock::now();
   StageTimes times;
   const bool normalsOn = params.useNormals || params.flipNormals;
   const std::size_t steps = static_cast<std::size_t>(
-      std::min<std::uint64_t>(params.iterationCount, std::numeric_limits<std::size_t>::max() - 6) + 6);
+      std::min<std::uint64_t>(params.iterationCount, std::numeric_limits<std::size_t>::max() - kProgressBase) +
+      kProgressBase);
   ZorSDK::Common::IncrementalProgressReporter reporter(progressDelegate, "Stl registration", steps, false);
 
+  // An input that names no mesh ends the run here, with the result, the samples and
+  // the matcher of the run before; only the stage times tell of this run.
   MStlBase* workingMoving = movingStl;
   if (workingMoving == nullptr) {
-    movingCopy = CopySelectionToNewMesh(movingItem);
-    if (movingCopy == nullptr) return false;
+    _ReplaceCopy(movingCopy, movingItem);
     workingMoving = movingCopy.get();
+    if (workingMoving == nullptr) {
+      stageTimes = StageTimes();
+      stageTimes.total = SecondsSince(start);
+      return false;
+    }
   }
   ++reporter;
   MStlBase* workingFixed = fixedStl;
   if (workingFixed == nullptr) {
-    fixedCopy = CopySelectionToNewMesh(fixedItem);
-    if (fixedCopy == nullptr) return false;
+    _ReplaceCopy(fixedCopy, fixedItem);
     workingFixed = fixedCopy.get();
+    if (workingFixed == nullptr) {
+      stageTimes = StageTimes();
+      stageTimes.total = SecondsSince(start);
+      return false;
+    }
   }
   ++reporter;
+
+  // The unit is read once: every length of this run, and the result's, are in it.
+  unitsPerLength = MUnit::GetIE();
+  const double units = static_cast<double>(unitsPerLength);
 
   Clock::time_point stage = Clock::now();
   std::unique_ptr<MStlBase> reducedFixed, reducedMoving;
   if (params.reduceMeshes) {
     // The two clones are independent and each reduction gives the same result on any
     // number of threads, so they run side by side.
+    const double bound = params.reduceTolerance * units;
     tbb::parallel_invoke(
         [&] {
           reducedFixed = std::make_unique<MStlBase>(*workingFixed, nullptr);
-          ReduceClone(*reducedFixed, params.reduceTolerance);
+          ReduceClone(*reducedFixed, bound);
         },
         [&] {
           reducedMoving = std::make_unique<MStlBase>(*workingMoving, nullptr);
-          ReduceClone(*reducedMoving, params.reduceTolerance);
+          ReduceClone(*reducedMoving, bound);
         });
     workingFixed = reducedFixed.get();
     workingMoving = reducedMoving.get();
@@ -160,14 +217,17 @@ bool MUserOperatorStlRegistration::Operate() {
 
   stage = Clock::now();
   orientationIndex = std::make_unique<NormalOrientationIndex>();
-  indexedFixed = std::move(reducedFixed);  // from here on owned with the matcher bound to it
+  // From here on the matcher's mesh lives as long as the matcher: the reduced clone is
+  // kept, and so is the placement it is scored in, for GetError(pose).
+  indexedFixed = std::move(reducedFixed);
+  indexedPlacement = fixedTransform != nullptr ? std::make_unique<MMTransformMatrix>(*fixedTransform) : nullptr;
   NormalOrientationIndex::Parameters matching;
   matching.maxAngleDegrees = params.maxNormalAngle;
   matching.normalWeight = params.normalWeight;
   matching.smoothingRadius = params.normalRadius;
-  matching.rowCount = 19;
+  matching.rowCount = kMatcherRows;
   matching.fitNormals = true;
-  orientationIndex->SetParameters(matching);
+  orientationIndex->SetParameters(matching, unitsPerLength);
   const std::vector<MMVector3d>* scoreNormals = nullptr;
   if (normalsOn) {
     orientationIndex->Build(*workingFixed);
@@ -190,7 +250,7 @@ bool MUserOperatorStlRegistration::Operate() {
   times.alignment = SecondsSince(stage);
 
   stage = Clock::now();
-  RegistrationSolver solver(orientationIndex.get());
+  RegistrationSolver solver(orientationIndex.get(), unitsPerLength);
   solver.SetSamples(*samplePoints, scoreNormals);
   solver.activeCount = std::min<std::uint64_t>(solver.points.size(), inlierCount);
   solver.MoveRecords(transformation);
@@ -199,7 +259,7 @@ bool MUserOperatorStlRegistration::Operate() {
   solver.TrimSamples();
   error = solver.MeanError();
 
-  const double tolerance = MUnit::GetIE() * params.errorTolerance;
+  const double tolerance = units * params.errorTolerance;
   for (std::uint64_t i = 0; i < params.iterationCount; ++i) {
     MMTransformMatrix step;
     solver.MatchSamples();
@@ -208,7 +268,7 @@ bool MUserOperatorStlRegistration::Operate() {
     solver.MoveRecords(step);
     // The same active records as in the step, measured again: no trimming here.
     const double e = solver.MeanError();
-    if (e > error + 1.4901161193847656e-08) break;  // a rising error: keep the pose before
+    if (e > error + kTieTolerance) break;  // a rising error: keep the pose before
     transformation = solver.moveTransform;
     error = e;
     ++times.iterations;
@@ -217,8 +277,7 @@ bool MUserOperatorStlRegistration::Operate() {
   }
   times.refinement = SecondsSince(stage);
 
-  // Placements go before the clones they stand on. The reduced fixed clone stays, bound
-  // to the matcher, for GetError(pose).
+  // Placements go before the clones they stand on.
   movingPlacement.reset();
   fixedPlacement.reset();
   reducedMoving.reset();
@@ -227,12 +286,16 @@ bool MUserOperatorStlRegistration::Operate() {
   return true;
 }
 
+double MUserOperatorStlRegistration::GetError() const {
+  return unitsPerLength == 0 ? 0.0 : error / static_cast<double>(unitsPerLength);
+}
+
 double MUserOperatorStlRegistration::GetError(const MMTransformMatrix& pose) const {
   if (samplePoints == nullptr || orientationIndex == nullptr || orientationIndex->GetMesh() == nullptr) return 0.0;
   std::unique_ptr<MStlTempTransformation> placement;
-  if (fixedTransform != nullptr)
+  if (indexedPlacement != nullptr)
     placement = std::make_unique<MStlTempTransformation>(const_cast<MStlBase&>(*orientationIndex->GetMesh()),
-                                                         *fixedTransform, false);
+                                                         *indexedPlacement, false);
   const MMTransformMatrix relative = transformation.Inverted() * pose;
-  return ScorePose(*samplePoints, nullptr, relative, inlierCount, true) / static_cast<double>(MUnit::GetIE());
+  return ScorePose(*samplePoints, nullptr, relative, inlierCount, true) / static_cast<double>(unitsPerLength);
 }

@@ -5,9 +5,15 @@
 // selection, each with an optional 4x4 placement), Operate, then read
 // GetTransformation (moving coordinates onto the fixed mesh) and GetError.
 //
-// Meshes handed in stay the caller's and must outlive the operator's use of them. An
-// operator object is used by one thread at a time; different operators may run on
-// different threads at once.
+// Meshes handed in stay the caller's and must outlive the operator's use of them (with
+// reduceMeshes off, GetError(pose) reads the fixed mesh after the run).
+//
+// Threading: an operator object is used by one thread at a time. Different operators
+// may run on different threads at once, and may share an input mesh only when
+// reduceMeshes is on: with it off, a run works on the caller's meshes themselves and
+// places them through a temporary transformation (the placement matrices, the slide
+// of the initial alignment, GetError(pose) with a fixed placement), which writes their
+// coordinates for the time of the run. Results are bit-identical at every thread count.
 
 #include <cstddef>
 #include <cstdint>
@@ -80,11 +86,19 @@ public:
 
   // Registers the moving input onto the fixed one: reduces clones of both (unless
   // reduceMeshes is false), samples the moving mesh, searches an initial pose, then
-  // refines by a trimmed closest-point iteration. The inputs are never changed. False,
-  // leaving the result of the run before, when an input names no mesh; true otherwise,
-  // also when there was nothing to fit (then the identity stands with error 0.0). The
-  // same inputs give the same result on every run and at every thread count. Throws
-  // std::out_of_range when a placement carries a mesh out of the coordinate range.
+  // refines by a trimmed closest-point iteration. The inputs are left as they were.
+  // MUnit::GetIE() is read once, at the start of the run; the run's lengths and its
+  // result are in that unit. The same inputs give the same result on every run and at
+  // every thread count.
+  //
+  // What the readers report afterwards always belongs to one run:
+  // - true: this run's result, samples, inlier count and stage times. The same mesh on
+  //   both sides gives the identity with error 0.0 and no samples (GetError(pose) is
+  //   then 0.0), as does a run with nothing to fit.
+  // - false, when an input names no mesh: the result, samples and matcher of the run
+  //   before stay; the stage times are this run's (all but `total` zero).
+  // - an exception (std::out_of_range when a placement carries a mesh off the
+  //   coordinate grid, std::bad_alloc): the operator is left as before any run.
   bool Operate();
 
   // The result: takes moving coordinates onto the fixed mesh (identity before a run).
@@ -125,6 +139,12 @@ public:
 
 private:
   static std::unique_ptr<MMTransformMatrix> _MakePlacement(const double* matrix);
+  // The run itself; Operate clears the result when it throws.
+  bool _Operate();
+  // The state of an operator before any run: identity, error 0.0, no samples.
+  void _ForgetResult();
+  // Replaces a copy made from an item, keeping the old one alive if the matcher stands on it.
+  void _ReplaceCopy(std::unique_ptr<MStlBase>& copy, const MStlItem& item);
   // About `wanted` samples of `mesh` (internal units), with fitted normals over
   // normalRadius when `normals` is not null, negated when flipNormals is set.
   void CollectSurfaceSamples(MStlBase* mesh, std::uint64_t wanted, std::vector<MMVector<double, 3>>& points,
@@ -171,9 +191,12 @@ private:
   std::unique_ptr<MStlBase> movingCopy;
   std::shared_ptr<ZorSDK::Common::IProgressDelegate> progressDelegate;
   std::uint64_t inlierCount = 0;
-  // The reduced clone of the fixed mesh that orientationIndex is bound to, kept so that
-  // GetError(pose) can still match on it after the run.
+  // The fixed mesh that orientationIndex is bound to, when the operator owns it (the
+  // reduced clone, or a replaced copy of an item), and the placement it was scored in:
+  // kept so that GetError(pose) matches as the run did.
   std::unique_ptr<MStlBase> indexedFixed;
+  std::unique_ptr<MMTransformMatrix> indexedPlacement;
+  std::int32_t unitsPerLength = 0;  // MUnit::GetIE() of the last run; 0 before any run
   StageTimes stageTimes;
   MInitialAlignment alignmentUsed = AlignNone;
 };

@@ -8,7 +8,6 @@
 #include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
 
-#include "zor/model/unit.h"
 #include "zor/services/n_point_registration.h"
 
 namespace ZorStlRegistration::detail {
@@ -23,7 +22,8 @@ struct ByDistance {
 
 }  // namespace
 
-RegistrationSolver::RegistrationSolver(const NormalOrientationIndex* matcher) : index(matcher) {}
+RegistrationSolver::RegistrationSolver(const NormalOrientationIndex* matcher, std::int32_t units)
+    : index(matcher), unitsPerLength(units) {}
 
 void RegistrationSolver::SetSamples(const std::vector<MMVector3d>& samples, const std::vector<MMVector3d>* normals) {
   points.clear();
@@ -92,7 +92,7 @@ double RegistrationSolver::MeanError() {
 bool RegistrationSolver::ComputeStep(MMTransformMatrix& step) {
   const std::uint64_t n = activeCount;
   if (n == 0) return false;
-  const double s = static_cast<double>(MUnit::GetIE());
+  const double s = static_cast<double>(unitsPerLength);
   MMVector3d sumP, sumQ;
   for (std::uint64_t i = 0; i < n; ++i) {
     sumP += points[i].position;
@@ -101,7 +101,7 @@ bool RegistrationSolver::ComputeStep(MMTransformMatrix& step) {
   // The centres in coordinate units: the sums divided by (units per coordinate) * n,
   // formed in integers.
   const double d = static_cast<double>(
-      static_cast<std::uint64_t>(static_cast<std::int64_t>(MUnit::GetIE()) * static_cast<std::int64_t>(n)));
+      static_cast<std::uint64_t>(static_cast<std::int64_t>(unitsPerLength) * static_cast<std::int64_t>(n)));
   const MMVector3d cp = sumP / d, cq = sumQ / d;
   // Small, centred clouds in coordinate units keep the fit well conditioned whatever
   // the unit.
@@ -123,6 +123,9 @@ void RegistrationSolver::MoveRecords(const MMTransformMatrix& t) {
   moveTransform.PreMultiply(t);
   for (PointToMove& record : points) {
     t.Transform(record.position, false);
+    // The normal moves as a position on purpose: it then grows with the translation, and
+    // FindBestMatch weighs that longer normal's mismatch, which is how the refinement and
+    // the tournament have always ranked their matches; a unit normal would pick others.
     if (hasNormals) t.Transform(record.normal, false);
   }
   matched = false;

@@ -26,6 +26,10 @@
 namespace ZorStlRegistration::detail {
 
 inline constexpr double kUnmatched = std::numeric_limits<double>::max();
+// Two errors closer than this (the square root of the double epsilon) count as equal,
+// and so does a small angle: a refinement step may raise the error by this much and
+// still stand, and the tournament ranks such ties by the simpler pose.
+inline constexpr double kTieTolerance = 1.4901161193847656e-08;
 
 // How many of `n` samples count as inliers for an expected `overlap` share:
 // min(n, n * overlap rounded half away from zero). A rounding that is not a number or
@@ -46,7 +50,8 @@ public:
   };
 
   // `index` is the matcher over the fixed mesh; it must outlive the solver.
-  explicit RegistrationSolver(const NormalOrientationIndex* index);
+  // `unitsPerLength` is the run's MUnit::GetIE(): the fit works in those lengths.
+  RegistrationSolver(const NormalOrientationIndex* index, std::int32_t unitsPerLength);
 
   // One record per sample, in order, at the sample's place; normals (when given, one
   // per sample) make matching use them. All records become active. Throws
@@ -79,6 +84,7 @@ public:
   MMTransformMatrix moveTransform;
   bool hasNormals = false;
   const NormalOrientationIndex* index = nullptr;
+  std::int32_t unitsPerLength = 1000;  // internal units per coordinate unit
 
 private:
   // `closest` holds a surface point of the fixed mesh from an earlier match, whose

@@ -64,7 +64,7 @@ RegistrationSolver RunSolverTournament(const NormalOrientationIndex& index,
                                        const std::vector<MMVector3d>* normals, std::uint64_t count,
                                        std::vector<std::size_t>* fieldSizes) {
   const std::size_t starts = rotations.size();
-  std::vector<RegistrationSolver> field(starts, RegistrationSolver(&index));
+  std::vector<RegistrationSolver> field(starts, RegistrationSolver(&index, index.GetUnitsPerLength()));
   tbb::parallel_for(
       tbb::blocked_range<std::size_t>(0, starts, 1),
       [&](const tbb::blocked_range<std::size_t>& r) {

@@ -13,8 +13,6 @@
 namespace ZorStlRegistration::detail {
 
 inline constexpr int kTournamentRounds = 20;
-// Two errors closer than this count as equal, and so does a small angle.
-inline constexpr double kTieTolerance = 1.4901161193847656e-08;
 
 // How simple a pose is, as a tie-break among equally good ones: 0 the identity, 1 a
 // translation, 2 a rotation about X alone (the last of the Z-Y-X angles; with any
