@@ -171,20 +171,47 @@ TEST(Reduction, CurvedMeshKeepsTheToleranceAndFacesOutward) {
   EXPECT_LT(inwardArea, 1e-3 * sphere->SurfaceArea());
 }
 
-TEST(Reduction, FlatOpenMeshKeepsItsBorderInPlace) {
-  auto grid = zorgen::MakeGrid(40, 250);  // 10 mm square, open border of 160 points
-  const std::vector<MMVector3d> before = AllPoints(*grid);
-  ASSERT_TRUE(Reduce(*grid, 50.0));
-  EXPECT_LT(grid->GetNumberOfTriangles(), 400u);
-  EXPECT_EQ(WorstDistance(before, *grid), 0.0);
-  for (int i = 0; i <= 40; ++i)
-    for (const auto& xy : {std::pair{i, 0}, std::pair{i, 40}, std::pair{0, i}, std::pair{40, i}})
-      EXPECT_NE(grid->GetPoint(xy.first * 250, xy.second * 250, 0), nullptr) << xy.first << " " << xy.second;
-  // Nothing flipped; triangles between collinear border points may have no area.
-  for (auto it = grid->BeginTriangle(); it != grid->EndTriangle(); ++it) {
-    if (it->SurfaceArea() > 0.0) {
-      EXPECT_GT(it->GetNormal()[2], 0.99);
+// A flat 4 x 4 grid of unit squares (1 mm) in two surfaces, A left of x = 2 and B right
+// of it, each square split along its rising diagonal:
+//
+//   y=4  o---o---o---o---o        o  kept: the open border (16 points) and the seam
+//        | A | A | B | B |           x = 2 (3 more inside), 19 in all
+//   y=3  o---*---o---*---o        *  removed: inner points off the seam (6); a flat
+//        | A | A | B | B |           surface loses nothing by losing them
+//   y=2  o---*---o---*---o
+//        | A | A | B | B |        Each surface must keep its own area (8 mm^2) and every
+//   y=1  o---*---o---*---o        triangle its side of the seam: a collapse across the
+//        | A | A | B | B |        seam would move triangles from one surface's
+//   y=0  o---o---o---o---o        outline into the other's.
+//      x=0   1   2   3   4
+TEST(Reduction, ASeamBetweenSurfacesKeepsItsPointsAndEachSurfaceItsTriangles) {
+  MStlBase mesh;
+  MStlSurface* left = mesh.AddSurface();
+  MStlSurface* right = mesh.AddSurface();
+  const auto at = [&](int i, int j) { return mesh.AddPoint(1000 * i, 1000 * j, 0, false); };
+  for (int j = 0; j < 4; ++j)
+    for (int i = 0; i < 4; ++i) {
+      MStlSurface* surface = i < 2 ? left : right;
+      mesh.AddTriangle(at(i, j), at(i + 1, j), at(i + 1, j + 1), surface);
+      mesh.AddTriangle(at(i, j), at(i + 1, j + 1), at(i, j + 1), surface);
     }
+  ASSERT_TRUE(Reduce(mesh, 50.0));
+  EXPECT_EQ(mesh.NumberOfPoints(), 19u);
+  for (int j = 0; j <= 4; ++j)
+    for (int i = 0; i <= 4; ++i) {
+      const bool kept = i == 0 || i == 4 || j == 0 || j == 4 || i == 2;
+      EXPECT_EQ(mesh.GetPoint(1000 * i, 1000 * j, 0) != nullptr, kept) << i << ", " << j;
+    }
+  for (MStlSurface* surface : {left, right}) {
+    double area = 0.0;
+    for (MStlTriangleCell* cell = surface->GetFirstTriangle(); cell != nullptr; cell = cell->next) {
+      const MStlTriangle& t = cell->data;
+      area += t.SurfaceArea();
+      for (std::size_t k = 0; k < 3; ++k)
+        EXPECT_TRUE(surface == left ? t.GetVertex(k)[0] <= 2000 : t.GetVertex(k)[0] >= 2000);
+      EXPECT_TRUE(t.SurfaceArea() == 0.0 || t.GetNormal()[2] > 0.99);  // nothing flipped
+    }
+    EXPECT_NEAR(area, 8e6, 1e-6);
   }
 }
 
