@@ -69,22 +69,6 @@ TEST(PrincipalFrame, PointAndEmptyMeshes) {
   EXPECT_FALSE(ClassifyAxisSymmetry(point, empty, 0.15).valid);
 }
 
-TEST(PrincipalFrame, SignFramesAreTheFourRightHandedAgreements) {
-  const auto box = zorgen::MakeBox(10000, 20000, 40000, 4);
-  const PrincipalFrame f = AnalyzePrincipalFrame(*box, 0.15);
-  const std::vector<MMTransformMatrix> frames = SignFrames(f);
-  ASSERT_EQ(frames.size(), 4u);
-  const double signs[4][2] = {{1, 1}, {1, -1}, {-1, 1}, {-1, -1}};
-  for (std::size_t i = 0; i < 4; ++i) {
-    EXPECT_NEAR(frames[i].Determinant(), 1.0, 1e-12);
-    const MMVector3d x = Column(frames[i], 0), y = Column(frames[i], 1), z = Column(frames[i], 2);
-    EXPECT_NEAR(Length(x - f.axes[0].axis * signs[i][0]), 0.0, 1e-12);
-    EXPECT_NEAR(Length(y - f.axes[1].axis * signs[i][1]), 0.0, 1e-12);
-    EXPECT_NEAR(Length(z - Cross(x, y)), 0.0, 1e-12);
-    EXPECT_NEAR(Length(frames[i].GetTranslation() - f.centre), 0.0, 1e-9);
-  }
-}
-
 TEST(PrincipalFrame, AxisRotationFramesTurnAboutTheForwardAxisInBothHalves) {
   MMVector3d axis(1, 2, 2);
   Normalize(axis);
@@ -108,15 +92,6 @@ TEST(PrincipalFrame, AxisRotationFramesTurnAboutTheForwardAxisInBothHalves) {
     }
   }
   EXPECT_TRUE(AxisRotationFrames(axis, centre, 0).empty());
-}
-
-TEST(PrincipalFrame, ProjectionIntervalAlongAnAxis) {
-  const auto box = zorgen::MakeBox(10, 20, 30, 2);
-  const auto [lo, hi] = ProjectionInterval(*box, MMVector3d(0, 0, -1));
-  EXPECT_EQ(lo, -30.0);
-  EXPECT_EQ(hi, 0.0);
-  MStlBase empty;
-  EXPECT_GT(ProjectionInterval(empty, MMVector3d(1, 0, 0)).first, 1e308);
 }
 
 TEST(DirectionSphere, RingsAndRotations) {

@@ -1,7 +1,4 @@
-#include <algorithm>
 #include <cmath>
-#include <random>
-#include <set>
 
 #include <gtest/gtest.h>
 
@@ -137,40 +134,6 @@ TEST(MeshTopology, AdjacencyAcrossEdgesAndNonManifoldEdges) {
   grid->AddTriangle(a, c, grid->AddPoint(0, 0, 5, false), nullptr);
   EXPECT_EQ(first.FindAdjacentTriangle(2, true), nullptr);
   EXPECT_NE(first.FindAdjacentTriangle(2, false), nullptr);
-}
-
-TEST(MeshGeometry, ProjectPointMatchesDenseSampling) {
-  std::mt19937 rng(42);
-  std::uniform_int_distribution<int> coord(-50, 50);
-  std::uniform_real_distribution<double> query(-80.0, 80.0);
-  for (int k = 0; k < 40; ++k) {
-    MStlBase mesh;
-    MStlPoint* p[3];
-    do {
-      for (auto& q : p) q = mesh.AddPoint(coord(rng), coord(rng), coord(rng), true);
-    } while (p[0]->GetInt() == p[1]->GetInt() || p[1]->GetInt() == p[2]->GetInt() || p[0]->GetInt() == p[2]->GetInt());
-    if (k % 5 == 0) p[2]->Set(MMVector3i(p[0]->GetInt() * 2 - p[1]->GetInt()));  // collinear: degenerate
-    const MStlTriangle& t = mesh.AddTriangle(p[0], p[1], p[2], nullptr)->data;
-    const MMVector3d x(query(rng), query(rng), query(rng));
-    MMVector3d projected, weights;
-    MStlTriangle::MPosition where;
-    const double dist = t.ProjectPoint(projected, weights, where, x);
-    double best = 1e300;
-    const int n = 300;
-    for (int i = 0; i <= n; ++i)
-      for (int j = 0; i + j <= n; ++j) {
-        const double u = double(i) / n, v = double(j) / n;
-        const MMVector3d s = t.GetVertex(0) * (1 - u - v) + t.GetVertex(1) * u + t.GetVertex(2) * v;
-        best = std::min(best, Length(x - s));
-      }
-    EXPECT_LE(dist, best + 1e-9);
-    EXPECT_GE(dist, best - 0.5);  // sampling step bounds the oracle's error
-    EXPECT_NEAR(Length(x - projected), dist, 1e-9);
-    EXPECT_NEAR(weights[0] + weights[1] + weights[2], 1.0, 1e-12);
-    const MMVector3d fromWeights =
-        t.GetVertex(0) * weights[0] + t.GetVertex(1) * weights[1] + t.GetVertex(2) * weights[2];
-    EXPECT_NEAR(Length(fromWeights - projected), 0.0, 1e-9);
-  }
 }
 
 TEST(MeshGeometry, AreaNormalsAndExtremesOfATetrahedron) {

@@ -1,7 +1,5 @@
 #include "zor/model/transform.h"
 
-#include <cmath>
-#include <limits>
 #include <random>
 
 #include <gtest/gtest.h>
@@ -126,32 +124,6 @@ TEST(TransformClassification, DirectWritesNeedVerifyAndSetClass) {
   EXPECT_EQ(mirror.GetClass(), MMTransformClass::Affine);
 }
 
-TEST(TransformTranslation, AddAndFillInTouchOnlyColumnThree) {
-  MMTransformMatrix m = Rotation({0, 0, 0}, {0, 0, 1}, kPi / 2);
-  m.AddTranslation({1, 2, 3});
-  m.AddTranslation({1, 0, 0});
-  ExpectNear(m.GetTranslation(), MMVector3d(2, 2, 3));
-  m.FillInTranslation({-1, -1, -1});
-  ExpectNear(Apply(m, {1, 0, 0}), MMVector3d(-1, 0, -1));
-}
-
-TEST(TransformExchange, Double16IsRowMajorAndRejectsNonFinite) {
-  const double values[16] = {0, -1, 0, 10, 1, 0, 0, 20, 0, 0, 1, 30, 0, 0, 0, 1};
-  MMTransformMatrix m;
-  ASSERT_TRUE(m.MakeFromDouble16(values));
-  ExpectNear(Apply(m, {1, 0, 0}), MMVector3d(10, 21, 30));
-  double back[16];
-  ASSERT_TRUE(m.ConvertToDouble16(back));
-  for (int i = 0; i < 16; ++i) EXPECT_EQ(back[i], values[i]);
-  double bad[16];
-  std::copy(values, values + 16, bad);
-  bad[5] = std::numeric_limits<double>::quiet_NaN();
-  MMTransformMatrix kept;
-  EXPECT_FALSE(kept.MakeFromDouble16(bad));
-  EXPECT_TRUE(kept.IsIdentity());
-  EXPECT_FALSE(kept.MakeFromDouble16(nullptr));
-}
-
 TEST(TransformAngles, RotationZYXRoundTrips) {
   const double rz = 0.3, ry = -0.4, rx = 1.1;
   MMTransformMatrix m = Rotation({0, 0, 0}, {0, 0, 1}, rz);
@@ -225,14 +197,6 @@ TEST(MathHelpers, PlaneProjectsAlongItsNormal) {
   EXPECT_FALSE(line.IsValid());
   EXPECT_EQ(line.Project(out, MMVector3d(3, 4, 9)), 0.0);
   ExpectNear(out, MMVector3d(3, 4, 9));
-}
-
-TEST(MathHelpers, UnitDefaultsToOneThousandAndRefusesNonPositive) {
-  EXPECT_EQ(MUnit::GetIE(), 1000);
-  EXPECT_THROW(MUnit::SetIE(0), std::invalid_argument);
-  MUnit::SetIE(100);
-  EXPECT_EQ(MUnit::GetIE(), 100);
-  MUnit::SetIE(1000);
 }
 
 }  // namespace

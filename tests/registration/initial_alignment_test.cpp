@@ -1,10 +1,9 @@
-#include <cmath>
 #include <memory>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <tbb/task_arena.h>
 
+#include "support/registration.h"
 #include "tools/generators/bodies.h"
 #include "tools/generators/small_meshes.h"
 #include "zor/alignment/principal_frame.h"
@@ -15,6 +14,8 @@
 #include "zor/registration/user_operator_stl_registration.h"
 
 namespace {
+
+using zortest::LargestGap;
 
 using Registration = MUserOperatorStlRegistration;
 using namespace ZorStlRegistration::detail;
@@ -42,18 +43,6 @@ std::unique_ptr<MStlBase> SliceAlongZ(const MStlBase& mesh, double lo, double hi
     }
   }
   return BuildStl(xyz.data(), xyz.size() / 3, idx.data(), idx.size() / 3);
-}
-
-// Largest distance between the points of `mesh` moved by `a` and by `b`.
-double LargestGap(const MStlBase& mesh, const MMTransformMatrix& a, const MMTransformMatrix& b) {
-  double gap = 0.0;
-  for (auto it = mesh.BeginPoint(); it != mesh.EndPoint(); ++it) {
-    MMVector3d p = it->GetDouble(), q = p;
-    a.Transform(p, false);
-    b.Transform(q, false);
-    gap = std::max(gap, Length(p - q));
-  }
-  return gap;
 }
 
 MMTransformMatrix LargePose() {
@@ -152,38 +141,17 @@ TEST(InitialAlignment, SlideFindsAShortPieceAlongALongBody) {
   EXPECT_LT(LargestGap(*piece, found * LargePose(), MMTransformMatrix()), 5500.0);
 }
 
-TEST(InitialAlignment, TournamentAndAutomaticChoiceRecoverLargePoses) {
-  const auto body = zorgen::MakeSphere(20000, 32, 64, 3000);
-  const double stretch[16] = {2, 0, 0, 0, 0, 1.3, 0, 0, 0, 0, 0.7, 0, 0, 0, 0, 1};
-  const auto block = Transformed(zorgen::MakeSphere(20000, 32, 64, 1500), stretch);
-  for (MStlBase* fixed : {body.get(), block.get()}) {
-    auto moving = std::unique_ptr<MStlBase>(fixed->Clone(nullptr));
-    moving->Transform(LargePose());
-    Registration::MParams params;
-    params.initialAlignment = fixed == body.get() ? Registration::AlignBall : Registration::AlignAutomatic;
-    params.errorTolerance = 0.01;
-    Registration r;
-    const MMTransformMatrix found = Register(r, params, fixed, moving.get());
-    EXPECT_EQ(r.GetAlignmentUsed(), fixed == body.get() ? Registration::AlignBall : Registration::AlignAxes);
-    EXPECT_LT(LargestGap(*fixed, found * LargePose(), MMTransformMatrix()), 200.0);
-  }
-}
-
-TEST(InitialAlignment, TournamentIsTheSameAtEveryThreadCount) {
-  const auto fixed = zorgen::MakeSphere(20000, 24, 48, 3000);
+TEST(InitialAlignment, TournamentRecoversALargePoseOfABall) {
+  const auto fixed = zorgen::MakeSphere(20000, 32, 64, 3000);
   auto moving = std::unique_ptr<MStlBase>(fixed->Clone(nullptr));
   moving->Transform(LargePose());
   Registration::MParams params;
   params.initialAlignment = Registration::AlignBall;
-  params.iterationCount = 0;
-  Registration a, b;
-  const MMTransformMatrix many = Register(a, params, fixed.get(), moving.get());
-  MMTransformMatrix one;
-  tbb::task_arena single(1);
-  single.execute([&] { one = Register(b, params, fixed.get(), moving.get()); });
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 4; ++j) EXPECT_EQ(many.GetElement(i, j), one.GetElement(i, j));
-  EXPECT_EQ(a.GetError(), b.GetError());
+  params.errorTolerance = 0.01;
+  Registration r;
+  const MMTransformMatrix found = Register(r, params, fixed.get(), moving.get());
+  EXPECT_EQ(r.GetAlignmentUsed(), Registration::AlignBall);
+  EXPECT_LT(LargestGap(*fixed, found * LargePose(), MMTransformMatrix()), 200.0);
 }
 
 // An exact copy already lies at the identity with a score of zero, which no candidate

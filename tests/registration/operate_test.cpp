@@ -1,11 +1,9 @@
-#include <algorithm>
-#include <cmath>
 #include <memory>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <tbb/task_arena.h>
 
+#include "support/registration.h"
 #include "tools/generators/bodies.h"
 #include "tools/generators/small_meshes.h"
 #include "zor/model/stl.h"
@@ -14,6 +12,8 @@
 #include "zor/registration/user_operator_stl_registration.h"
 
 namespace {
+
+using zortest::RotationDegrees;
 
 using Registration = MUserOperatorStlRegistration;
 constexpr double kPi = 3.141592653589793;
@@ -42,11 +42,6 @@ double Fingerprint(const MStlBase& mesh) {
   for (auto it = MStlIteratorStlPointConst::Begin(&mesh); it != MStlIteratorStlPointConst::End(&mesh); ++it)
     sum += it->GetDouble()[0] + 3.0 * it->GetDouble()[1] + 7.0 * it->GetDouble()[2];
   return sum;
-}
-
-double RotationDegrees(const MMTransformMatrix& m) {
-  const double trace = m.GetElement(0, 0) + m.GetElement(1, 1) + m.GetElement(2, 2);
-  return std::acos(std::max(-1.0, std::min(1.0, (trace - 1.0) / 2.0))) * 180.0 / kPi;
 }
 
 // A bumpy, asymmetric body of about 4k triangles and a copy of it under SmallPose.
@@ -85,7 +80,10 @@ TEST_F(RegistrationRun, RecoversASmallPoseWithoutTouchingTheInputs) {
   EXPECT_EQ(Fingerprint(*moving), before[1]);
 }
 
+// Bit for bit, through every parallel stage: the reduction, the tournament of solvers
+// (each stepping in its own task), matching and refinement.
 TEST_F(RegistrationRun, ResultIsTheSameOnEveryRunAndThreadCount) {
+  params.initialAlignment = Registration::AlignBall;
   Registration a, b, c;
   const MMTransformMatrix first = Run(a, fixed.get(), moving.get());
   const MMTransformMatrix second = Run(b, fixed.get(), moving.get());
@@ -151,13 +149,6 @@ TEST_F(RegistrationRun, EdgeRunsEndWithTheIdentity) {
     EXPECT_EQ(r.GetError(), 0.0) << kase;
     EXPECT_EQ(r.GetInlierCount(), 0u) << kase;
   }
-  // The same mesh on both sides: nothing is reported or sampled.
-  auto delegate = std::make_shared<CountingDelegate>();
-  Registration same;
-  same.SetProgressDelegate(delegate);
-  Run(same, fixed.get(), fixed.get());
-  EXPECT_EQ(delegate->starts, 0);
-  EXPECT_EQ(same.GetError(), 0.0);
   // An overlap above 1, or one that rounds below zero, counts every sample.
   Registration all, negative;
   params.overlapFraction = 1.5;
@@ -240,13 +231,16 @@ TEST_F(RegistrationRun, ReadersAlwaysDescribeOneRun) {
   EXPECT_EQ(r.GetError(), error);
   EXPECT_EQ(r.GetError(probe), before);
   MUnit::SetIE(1000);
-  // The same mesh on both sides: identity, no samples, nothing left of the run before.
+  // The same mesh on both sides: identity, no samples, nothing left of the run before,
+  // and nothing reported.
+  auto delegate = std::make_shared<CountingDelegate>();
+  r.SetProgressDelegate(delegate);
   r.SetFixedStl(moving.get(), nullptr);
   ASSERT_TRUE(r.Operate());
+  EXPECT_EQ(delegate->starts, 0);
   EXPECT_EQ(r.GetError(), 0.0);
   EXPECT_EQ(r.GetError(probe), 0.0);
   EXPECT_EQ(r.GetInlierCount(), 0u);
-  EXPECT_EQ(r.GetStageTimes().iterations, 0u);
   // A placement that carries the moving mesh off the grid throws, and leaves the
   // operator as before any run.
   Registration thrown;
@@ -259,33 +253,6 @@ TEST_F(RegistrationRun, ReadersAlwaysDescribeOneRun) {
   EXPECT_EQ(thrown.GetError(), 0.0);
   EXPECT_EQ(thrown.GetError(probe), 0.0);
   EXPECT_EQ(thrown.GetInlierCount(), 0u);
-}
-
-TEST_F(RegistrationRun, PlacementsOnEitherSideAreUndoneByTheResult) {
-  params.errorTolerance = 0.0;
-  params.iterationCount = 300;
-  params.sampleCount = 3000;
-  double inverse[16], forward[16];
-  SmallPose().Inverted().ConvertToDouble16(inverse);
-  SmallPose().ConvertToDouble16(forward);
-  // The moving mesh placed back onto the fixed one, or the fixed one placed onto the
-  // moving one: either way the meshes meet and the result is about the identity.
-  Registration movingPlaced, fixedPlaced;
-  movingPlaced.SetAllParams(params);
-  movingPlaced.SetFixedStl(fixed.get(), nullptr);
-  movingPlaced.SetMovingStl(moving.get(), inverse);
-  fixedPlaced.SetAllParams(params);
-  fixedPlaced.SetFixedStl(fixed.get(), forward);
-  fixedPlaced.SetMovingStl(moving.get(), nullptr);
-  for (Registration* r : {&movingPlaced, &fixedPlaced}) {
-    ASSERT_TRUE(r->Operate());
-    MMTransformMatrix found;
-    r->GetTransformation(found);
-    EXPECT_LT(RotationDegrees(found), 0.05);
-    EXPECT_LT(Length(found.GetTranslation()), 50.0);
-    EXPECT_LT(r->GetError(), 0.02);
-    EXPECT_EQ(r->GetError(found), r->GetError());
-  }
 }
 
 }  // namespace

@@ -13,16 +13,6 @@ using Op = MUserOperatorStlRegistration;
 
 const double kShift[16] = {1, 0, 0, 5, 0, 1, 0, 6, 0, 0, 1, 7, 0, 0, 0, 1};
 
-TEST(RegistrationInterface, ResultsBeforeARunAreIdentityAndZero) {
-  Op op;
-  EXPECT_EQ(op.GetError(), 0.0);
-  MMTransformMatrix t;
-  t.MakeTranslation(MMVector3d(1, 1, 1));
-  op.GetTransformation(t);
-  EXPECT_TRUE(t.IsIdentity());
-  EXPECT_EQ(op.GetInlierCount(), 0u);
-}
-
 TEST(RegistrationInterface, EachSetterReplacesItsSidesPlacement) {
   auto fixed = zorgen::MakeTetrahedron();
   auto moving = zorgen::MakeTetrahedron();

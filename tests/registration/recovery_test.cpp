@@ -2,37 +2,21 @@
 // several seeded poses, in both directions, with the placement on either side; the
 // result must follow the meshes when both move, and must not depend on the order of
 // vertices and triangles; normals and flipped normals end to end.
-#include <algorithm>
-#include <array>
-#include <cmath>
-#include <memory>
-#include <random>
 #include <tuple>
-#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "support/registration.h"
 #include "tools/generators/bodies.h"
 #include "tools/generators/poses.h"
-#include "zor/model/mesh_builder.h"
 #include "zor/model/stl_iterators.h"
 #include "zor/registration/user_operator_stl_registration.h"
 
 namespace {
 
-using Registration = MUserOperatorStlRegistration;
+using zortest::LargestGap;
 
-// The largest distance between the points of `mesh` moved by `a` and by `b`.
-double LargestGap(const MStlBase& mesh, const MMTransformMatrix& a, const MMTransformMatrix& b) {
-  double gap = 0.0;
-  for (auto it = mesh.BeginPoint(); it != mesh.EndPoint(); ++it) {
-    MMVector3d p = it->GetDouble(), q = p;
-    a.Transform(p, false);
-    b.Transform(q, false);
-    gap = std::max(gap, Length(p - q));
-  }
-  return gap;
-}
+using Registration = MUserOperatorStlRegistration;
 
 // The featured block of the benchmarks (80 x 60 x 40 mm, a boss and a groove), small.
 const zorgen::MeshArrays& Body() {
@@ -111,41 +95,8 @@ TEST(PoseRecoveryInvariance, VertexAndTriangleOrderDoNotMatter) {
   const auto body = zorgen::MakeMesh(Body());
   const auto copy = zorgen::MakeMovedCopy(Body(), pose);
   const MMTransformMatrix found = Registered(body.get(), nullptr, copy.get(), nullptr);
-
-  // The same surfaces with points renumbered and triangles (and their corners) rotated
-  // and reordered, both seeded.
-  const auto shuffled = [](const MStlBase& mesh, unsigned seed) {
-    std::vector<MMVector3d> points;
-    for (auto it = mesh.BeginPoint(); it != mesh.EndPoint(); ++it) points.push_back(it->GetDouble());
-    std::vector<std::uint32_t> order(points.size());
-    for (std::uint32_t i = 0; i < order.size(); ++i) order[i] = i;
-    std::mt19937 rng(seed);
-    std::shuffle(order.begin(), order.end(), rng);
-    std::vector<std::uint32_t> slot(order.size());
-    std::vector<double> xyz;
-    for (std::uint32_t i = 0; i < order.size(); ++i) {
-      slot[order[i]] = i;
-      xyz.insert(xyz.end(), {points[order[i]][0], points[order[i]][1], points[order[i]][2]});
-    }
-    std::vector<std::array<std::uint32_t, 3>> triangles;
-    for (auto t = mesh.BeginTriangle(); t != mesh.EndTriangle(); ++t) {
-      std::array<std::uint32_t, 3> corners;
-      for (std::size_t k = 0; k < 3; ++k) {
-        std::uint32_t index = 0;
-        while (points[index] != t->GetVertex(k)) ++index;
-        corners[k] = slot[index];
-      }
-      const std::size_t turn = rng() % 3;
-      std::rotate(corners.begin(), corners.begin() + static_cast<std::ptrdiff_t>(turn), corners.end());
-      triangles.push_back(corners);
-    }
-    std::shuffle(triangles.begin(), triangles.end(), rng);
-    std::vector<std::uint32_t> indices;
-    for (const auto& t : triangles) indices.insert(indices.end(), t.begin(), t.end());
-    return BuildStl(xyz.data(), xyz.size() / 3, indices.data(), indices.size() / 3);
-  };
-  const auto otherBody = shuffled(*body, 1), otherCopy = shuffled(*copy, 2);
-  ASSERT_EQ(otherCopy->GetNumberOfTriangles(), copy->GetNumberOfTriangles());
+  const auto otherBody = zorgen::MakeMesh(zorgen::Shuffled(Body(), 1));
+  const auto otherCopy = zorgen::MakeMovedCopy(zorgen::Shuffled(Body(), 2), pose);
   const MMTransformMatrix foundShuffled = Registered(otherBody.get(), nullptr, otherCopy.get(), nullptr);
   EXPECT_LT(LargestGap(*copy, foundShuffled, found), kGapLimit);
   EXPECT_LT(LargestGap(*copy, foundShuffled, pose.Inverted()), kGapLimit);

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/registration.h"
 #include "tools/generators/bodies.h"
 #include "tools/generators/small_meshes.h"
 #include "zor/model/stl.h"
@@ -13,17 +14,14 @@
 
 namespace {
 
+using zortest::RotationDegrees;
+
 using ZorStlRegistration::NormalOrientationIndex;
 using ZorStlRegistration::detail::kUnmatched;
 using ZorStlRegistration::detail::RegistrationSolver;
 using ZorStlRegistration::detail::ScorePose;
 
 constexpr double kPi = 3.141592653589793;
-
-double RotationDegrees(const MMTransformMatrix& m) {
-  const double trace = m.GetElement(0, 0) + m.GetElement(1, 1) + m.GetElement(2, 2);
-  return std::acos(std::max(-1.0, std::min(1.0, (trace - 1.0) / 2.0))) * 180.0 / kPi;
-}
 
 // Records tied in distance at the boundary of the active range: the standard heap
 // selection keeps the first of the tied ones (a later record enters only when strictly

@@ -3,7 +3,6 @@
 #include <cmath>
 #include <limits>
 #include <random>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -76,27 +75,6 @@ TEST(PointTriangleKernel, DegenerateTrianglesUseTheirNearestEdge) {
 
 // ---------------------------------------------------------------------------------------
 // Child order and box distance
-
-// The visit order written out as the decision table of the search design.
-std::vector<int> ReferenceOrder(int count, const double* d) {
-  if (count == 2) return d[1] <= d[0] ? std::vector<int>{1, 0} : std::vector<int>{0, 1};
-  if (d[1] <= d[0] && d[1] <= d[2] && d[2] <= d[0]) return {1, 2, 0};
-  if (d[1] <= d[0] && d[1] <= d[2] && d[0] < d[2]) return {1, 0, 2};
-  if (d[1] <= d[0] && d[2] < d[1]) return {2, 1, 0};
-  if (d[0] < d[1] && d[2] <= d[1] && d[2] < d[0]) return {2, 0, 1};
-  if (d[0] < d[1] && d[2] <= d[1] && d[0] <= d[2]) return {0, 2, 1};
-  return {0, 1, 2};
-}
-
-TEST(ChildVisitOrder, FollowsTheDecisionTableIncludingTies) {
-  for (int count : {2, 3})
-    for (int i = 0; i < 27; ++i) {
-      const double d[3] = {double(i % 3), double(i / 3 % 3), double(i / 9)};
-      const std::uint8_t* order = MeshQueries::detail::ChildOrder(count, d);
-      const std::vector<int> expected = ReferenceOrder(count, d);
-      for (int k = 0; k < count; ++k) ASSERT_EQ(order[k], expected[k]) << d[0] << " " << d[1] << " " << d[2];
-    }
-}
 
 // ---------------------------------------------------------------------------------------
 // Tree answers against brute force

@@ -102,36 +102,25 @@ TEST(ObjectTreeBuild, RandomPointsKeepEveryObjectOnceWithTightBoxes) {
   }
 }
 
-TEST(ObjectTreeBuild, EmptyInputGivesAnEmptyRootLeaf) {
+TEST(ObjectTreeBuild, InputsThatCannotBeSplitStayInOneLeaf) {
   PointTree tree;
-  EXPECT_EQ(tree.GetDepth(), ~std::uint64_t{0});
+  EXPECT_EQ(tree.GetDepth(), ~std::uint64_t{0});  // never built
   tree.Build(TreeParams{30}, {});
   EXPECT_EQ(tree.GetRoot().children, nullptr);
   EXPECT_TRUE(tree.GetRoot().box.IsEmpty());
   EXPECT_EQ(tree.GetDepth(), 0u);
-}
-
-TEST(ObjectTreeBuild, IdenticalObjectsMakeALeafOfAnySize) {
-  for (std::size_t n : {100u, 5000u}) {
-    std::vector<MeshVertex> same(n, MeshVertex{{7, -7, 7}, nullptr});
-    PointTree tree;
-    tree.Build(TreeParams{30}, std::move(same));
-    EXPECT_EQ(tree.GetRoot().children, nullptr);
-    EXPECT_EQ(tree.GetDepth(), 0u);
-  }
-}
-
-TEST(ObjectTreeBuild, ObjectsThatAllStraddleEveryMiddleStayInOneLeaf) {
-  // Every triangle spans the whole cube through its centre, so no axis separates any
-  // two of them: after three retries the root is a leaf of 200 triangles.
+  // Identical points: a leaf of any size.
+  tree.Build(TreeParams{30}, std::vector<MeshVertex>(5000, MeshVertex{{7, -7, 7}, nullptr}));
+  EXPECT_EQ(tree.GetRoot().children, nullptr);
+  // Triangles that all span the whole cube through its centre: no axis separates any
+  // two of them, so after three retries the root is a leaf of all 200.
   MStlBase mesh;
   std::mt19937 rng(5);
   std::uniform_int_distribution<int> c(-1000, 1000);
   for (int t = 0; t < 200; ++t) {
     MStlPoint* a = mesh.AddPoint(-1000 - t, -1000, -1000, true);
     MStlPoint* b = mesh.AddPoint(1000 + t, 1000, 1000, true);
-    MStlPoint* m = mesh.AddPoint(c(rng), c(rng), c(rng), true);
-    mesh.AddTriangle(a, b, m, nullptr);
+    mesh.AddTriangle(a, b, mesh.AddPoint(c(rng), c(rng), c(rng), true), nullptr);
   }
   MeshQueries::TriangleTreeHolder holder{MeshQueries::MeshHandle(&mesh)};
   holder.Build();
@@ -139,7 +128,7 @@ TEST(ObjectTreeBuild, ObjectsThatAllStraddleEveryMiddleStayInOneLeaf) {
   EXPECT_EQ(holder.GetTree().GetObjects().size(), 200u);
 }
 
-TEST(ObjectTreeBuild, SerialAndParallelPathsBuildTheSameTree) {
+TEST(ObjectTreeBuild, SerialParallelAndEveryThreadCountBuildTheSameTree) {
   for (std::size_t n : {999u, 1000u, 6000u}) {
     SCOPED_TRACE(n);
     PointTree serial, parallel;
@@ -152,9 +141,6 @@ TEST(ObjectTreeBuild, SerialAndParallelPathsBuildTheSameTree) {
     EXPECT_TRUE(parallel.UsedParallelStore());
     ExpectSameTrees(serial, parallel);
   }
-}
-
-TEST(ObjectTreeBuild, ThreadCountDoesNotChangeTheTree) {
   PointTree one, two;
   tbb::task_arena(1).execute([&] { one.Build(TreeParams{30}, RandomVertices(60000, 4, 100000)); });
   tbb::task_arena(2).execute([&] { two.Build(TreeParams{30}, RandomVertices(60000, 4, 100000)); });

@@ -1,6 +1,7 @@
 #include "tools/generators/mesh_arrays.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <random>
 
@@ -87,6 +88,26 @@ std::vector<double> MakeQueriesAroundSurface(const MeshArrays& m, std::size_t co
     for (int k = 0; k < 3; ++k) q.push_back(a[k] + s * (b[k] - a[k]) + r * (c[k] - a[k]) + dir[k] * off);
   }
   return q;
+}
+
+MeshArrays Shuffled(const MeshArrays& m, unsigned seed) {
+  std::mt19937 rng(seed);
+  const std::size_t n = m.xyz.size() / 3;
+  std::vector<std::uint32_t> slot(n);
+  for (std::uint32_t i = 0; i < n; ++i) slot[i] = i;
+  std::shuffle(slot.begin(), slot.end(), rng);  // slot[old] = new
+  MeshArrays out = m;
+  for (std::size_t i = 0; i < n; ++i)
+    for (std::size_t k = 0; k < 3; ++k) out.xyz[3 * slot[i] + k] = m.xyz[3 * i + k];
+  std::vector<std::array<std::uint32_t, 3>> triangles(m.indices.size() / 3);
+  for (std::size_t t = 0; t < triangles.size(); ++t) {
+    const std::size_t turn = rng() % 3;
+    for (std::size_t k = 0; k < 3; ++k) triangles[t][k] = slot[m.indices[3 * t + (k + turn) % 3]];
+  }
+  std::shuffle(triangles.begin(), triangles.end(), rng);
+  for (std::size_t t = 0; t < triangles.size(); ++t)
+    for (std::size_t k = 0; k < 3; ++k) out.indices[3 * t + k] = triangles[t][k];
+  return out;
 }
 
 }  // namespace zorgen

@@ -87,6 +87,10 @@ MeshArrays RowsOfPoints(int rows, int cols, At&& at) {
 std::unique_ptr<MStlBase> MakeMovedCopy(const MeshArrays& m, const MMTransformMatrix& pose, double keep = 1.0,
                                         int cutAxis = 0);
 
+// The same surface with the points renumbered, and the triangles reordered and each
+// turned to start at another corner, all drawn from `seed`.
+MeshArrays Shuffled(const MeshArrays& m, unsigned seed);
+
 // `count` points on random triangles (uniform by area, seeded), each moved in a random
 // direction by up to `spread` times the diagonal. Three doubles a point.
 std::vector<double> MakeQueriesAroundSurface(const MeshArrays& m, std::size_t count, double spread = 0.01);

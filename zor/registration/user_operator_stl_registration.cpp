@@ -148,26 +148,23 @@ bool MUserOperatorStlRegistration::_Operate() {
 
   // An input that names no mesh ends the run here, with the result, the samples and
   // the matcher of the run before; only the stage times tell of this run.
+  const auto unresolved = [&] {
+    stageTimes = StageTimes();
+    stageTimes.total = SecondsSince(start);
+    return false;
+  };
   MStlBase* workingMoving = movingStl;
   if (workingMoving == nullptr) {
     _ReplaceCopy(movingCopy, movingItem);
     workingMoving = movingCopy.get();
-    if (workingMoving == nullptr) {
-      stageTimes = StageTimes();
-      stageTimes.total = SecondsSince(start);
-      return false;
-    }
+    if (workingMoving == nullptr) return unresolved();
   }
   ++reporter;
   MStlBase* workingFixed = fixedStl;
   if (workingFixed == nullptr) {
     _ReplaceCopy(fixedCopy, fixedItem);
     workingFixed = fixedCopy.get();
-    if (workingFixed == nullptr) {
-      stageTimes = StageTimes();
-      stageTimes.total = SecondsSince(start);
-      return false;
-    }
+    if (workingFixed == nullptr) return unresolved();
   }
   ++reporter;
 

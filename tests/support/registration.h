@@ -1,0 +1,30 @@
+#pragma once
+// What the registration tests measure a result by.
+#include <algorithm>
+#include <cmath>
+
+#include "zor/model/stl_base.h"
+#include "zor/model/transform.h"
+
+namespace zortest {
+
+// The angle of the rotation part of `m`, in degrees.
+inline double RotationDegrees(const MMTransformMatrix& m) {
+  const double trace = m.GetElement(0, 0) + m.GetElement(1, 1) + m.GetElement(2, 2);
+  return std::acos(std::max(-1.0, std::min(1.0, (trace - 1.0) / 2.0))) * 180.0 / 3.141592653589793;
+}
+
+// The largest distance between the points of `mesh` moved by `a` and by `b`: how far
+// apart two poses put the mesh anywhere.
+inline double LargestGap(const MStlBase& mesh, const MMTransformMatrix& a, const MMTransformMatrix& b) {
+  double gap = 0.0;
+  for (auto it = mesh.BeginPoint(); it != mesh.EndPoint(); ++it) {
+    MMVector3d p = it->GetDouble(), q = p;
+    a.Transform(p, false);
+    b.Transform(q, false);
+    gap = std::max(gap, Length(p - q));
+  }
+  return gap;
+}
+
+}  // namespace zortest
