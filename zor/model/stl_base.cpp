@@ -6,6 +6,7 @@
 #include <limits>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "zor/model/coordinates.h"
 #include "zor/model/detail/element_pool.h"
@@ -103,6 +104,8 @@ MStlBase::MStlBase()
       extremes{kInt32Max, kInt32Max, kInt32Max, kInt32Min, kInt32Min, kInt32Min},
       surfaceList(new MStlSurfaceList(this)) {}
 
+// The delegate comes by value, as the mesh's copy constructor declares it.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 MStlBase::MStlBase(const MStlBase& other, std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress) : MStlBase() {
   ZorSDK::Common::IncrementalProgressReporter reporter(progress, "Copy mesh", other.pointCount + other.triangleCount,
                                                        false);

@@ -85,7 +85,7 @@ void MUserOperatorStlRegistration::GetTransformation(MMTransformMatrix& out) con
 
 void MUserOperatorStlRegistration::CollectSurfaceSamples(MStlBase* mesh, std::uint64_t wanted,
                                                          std::vector<MMVector<double, 3>>& points,
-                                                         std::vector<MMVector<double, 3>>* normals) {
+                                                         std::vector<MMVector<double, 3>>* normals) const {
   ZorStlRegistration::SampleSurface(mesh, wanted, params.normalRadius * unitsPerLength, params.flipNormals, points,
                                     normals);
 }

@@ -148,7 +148,7 @@ private:
   // About `wanted` samples of `mesh` (internal units), with fitted normals over
   // normalRadius when `normals` is not null, negated when flipNormals is set.
   void CollectSurfaceSamples(MStlBase* mesh, std::uint64_t wanted, std::vector<MMVector<double, 3>>& points,
-                             std::vector<MMVector<double, 3>>* normals);
+                             std::vector<MMVector<double, 3>>* normals) const;
   // The trimmed mean distance (internal units) of the samples moved by `pose`, over the
   // `count` closest of them.
   double ScorePose(const std::vector<MMVector<double, 3>>& samples, const std::vector<MMVector<double, 3>>* normals,

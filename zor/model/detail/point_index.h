@@ -68,6 +68,8 @@ public:
     if (points * 2 > slots.size()) Grow(points * 2);
   }
   std::size_t Size() const { return count; }
+  // The slots hold pointers, so a slot's bytes are a pointer's.
+  // NOLINTNEXTLINE(bugprone-sizeof-expression)
   std::size_t BytesReserved() const { return slots.capacity() * sizeof(MStlPoint*); }
 
 private:

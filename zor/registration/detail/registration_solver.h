@@ -49,9 +49,9 @@ public:
     MMVector3d closest;     // the matched surface point; zero when unmatched
   };
 
-  // `index` is the matcher over the fixed mesh; it must outlive the solver.
-  // `unitsPerLength` is the run's MUnit::GetIE(): the fit works in those lengths.
-  RegistrationSolver(const NormalOrientationIndex* index, std::int32_t unitsPerLength);
+  // `matcher` is the matcher over the fixed mesh; it must outlive the solver. `units`
+  // is the run's MUnit::GetIE(): the fit works in lengths of that many internal units.
+  RegistrationSolver(const NormalOrientationIndex* matcher, std::int32_t units);
 
   // One record per sample, in order, at the sample's place; normals (when given, one
   // per sample) make matching use them. All records become active. Throws

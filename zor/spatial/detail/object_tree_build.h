@@ -290,9 +290,11 @@ M3DObjectTree<P>::~M3DObjectTree() = default;
 
 template <typename P>
 typename M3DObjectTree<P>::BoxArray M3DObjectTree<P>::AllocateBoxes(std::size_t count) {
-  std::unique_ptr<unsigned char[]> raw(new unsigned char[count * sizeof(boundingbox) + 8]);
-  const auto address = reinterpret_cast<std::uintptr_t>(raw.get());
-  auto* first = reinterpret_cast<boundingbox*>((address + 7) & ~std::uintptr_t{7});
+  // Storage without the boxes' constructors, which the caller's fill makes needless;
+  // operator new aligns it for any fundamental type.
+  static_assert(alignof(boundingbox) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__);
+  std::unique_ptr<unsigned char[]> raw(new unsigned char[count * sizeof(boundingbox)]);
+  auto* first = reinterpret_cast<boundingbox*>(raw.get());
   return BoxArray(first, std::move(raw));
 }
 
