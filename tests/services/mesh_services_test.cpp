@@ -112,6 +112,17 @@ TEST(GeomProperties, SolidAndShellOfABox) {
   EXPECT_NEAR(shell.GetMass(), 2.0 * (2e6 + 4e6 + 8e6), 1e-3);
   EXPECT_NEAR(shell.GetGravityCenter()[0], -6500.0, 1e-6);
   EXPECT_NEAR(shell.GetGravityCenter()[2], 2003.0, 1e-6);
+
+  // The body reading takes the solid of the closed box and the shell of an open grid.
+  const auto bodyMass = [](const MStlBase& mesh) {
+    MStlBaseOperatorGeomProperties body;
+    body.SetGravityType(GravityBody);
+    body.AddStl(mesh, MMTransformMatrix());
+    EXPECT_TRUE(body.Operate());
+    return body.GetMass();
+  };
+  EXPECT_NEAR(bodyMass(*box), 8e9, 1.0);
+  EXPECT_NEAR(bodyMass(*zorgen::MakeGrid(10, 100)), 1e6, 1e-6);
 }
 
 TEST(GeomProperties, RefusesWhatHasNoProperties) {

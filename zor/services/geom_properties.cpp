@@ -36,6 +36,20 @@ struct Moments {
   }
 };
 
+// The sums of both readings of the triangles, for GravityBody; each type fills what it reads.
+struct BodyMoments {
+  Moments solid, shell;
+  void Add(const BodyMoments& o) {
+    solid.Add(o.solid);
+    shell.Add(o.shell);
+  }
+};
+
+bool IsClosed(const Moments& m) {
+  const double open = Eigen::Vector3d(m.areaVector[0], m.areaVector[1], m.areaVector[2]).norm();
+  return open <= 1e-9 * m.areaLength;
+}
+
 struct Corners {
   Eigen::Vector3d v[3];
 };
@@ -84,7 +98,7 @@ bool MStlBaseOperatorGeomProperties::Operate() {
   centre = MMVector3d();
   for (auto& a : axes) a = MMVector3d();
   for (double& m : moments) m = 0.0;
-  if (gravityType != GravitySolid && gravityType != GravityShell) return false;
+  if (gravityType != GravitySolid && gravityType != GravityShell && gravityType != GravityBody) return false;
 
   // All triangles in input order, with the placement of their mesh as a 3 x 4 map; the
   // origin of the sums is the centre of the placed boxes of the meshes, which keeps the
@@ -131,22 +145,26 @@ bool MStlBaseOperatorGeomProperties::Operate() {
   // A fixed grain makes the split, and so the order of the additions, independent of
   // the number of threads.
   const GravityType type = gravityType;
-  const Moments sum = oneapi::tbb::parallel_deterministic_reduce(
-      oneapi::tbb::blocked_range<std::size_t>(0, triangles.size(), 4096), Moments(),
-      [&](const oneapi::tbb::blocked_range<std::size_t>& r, Moments m) {
-        for (std::size_t i = r.begin(); i != r.end(); ++i) AddTriangle(m, placed(i), type);
-        return m;
-      },
-      [](Moments a, const Moments& b) {
+  const bool readSolid = type != GravityShell, readShell = type != GravitySolid;
+  const auto accumulateRange = [&](const oneapi::tbb::blocked_range<std::size_t>& r, BodyMoments m) {
+    for (std::size_t i = r.begin(); i != r.end(); ++i) {
+      const Corners t = placed(i);
+      if (readSolid) AddTriangle(m.solid, t, GravitySolid);
+      if (readShell) AddTriangle(m.shell, t, GravityShell);
+    }
+    return m;
+  };
+  const BodyMoments sums = oneapi::tbb::parallel_deterministic_reduce(
+      oneapi::tbb::blocked_range<std::size_t>(0, triangles.size(), 4096), BodyMoments(), accumulateRange,
+      [](BodyMoments a, const BodyMoments& b) {
         a.Add(b);
         return a;
       });
-
-  if (!(std::fabs(sum.mass) > 0.0) || !std::isfinite(sum.mass)) return false;
-  if (type == GravitySolid) {
-    const double open = Eigen::Vector3d(sum.areaVector[0], sum.areaVector[1], sum.areaVector[2]).norm();
-    if (!(open <= 1e-9 * sum.areaLength)) return false;
-  }
+  const auto usable = [](const Moments& m) { return std::fabs(m.mass) > 0.0 && std::isfinite(m.mass); };
+  const bool solid = type == GravitySolid || (type == GravityBody && usable(sums.solid) && IsClosed(sums.solid));
+  const Moments& sum = solid ? sums.solid : sums.shell;
+  if (!usable(sum)) return false;
+  if (solid && !IsClosed(sum)) return false;
   // Dividing by the signed mass makes an inside-out solid read as the same solid.
   const Eigen::Vector3d c(sum.first[0] / sum.mass, sum.first[1] / sum.mass, sum.first[2] / sum.mass);
   Eigen::Matrix3d second;

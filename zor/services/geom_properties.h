@@ -11,13 +11,16 @@
 
 // What carries the mass.
 enum GravityType : std::int32_t {
-  // A solid of uniform density bounded by the meshes. Needs closed surfaces: the
-  // triangles' area vectors must cancel out (to 1e-9 of their total length). An
-  // inside-out surface counts as the same solid.
-  GravitySolid = 0,
+  // The body the meshes make: the solid they bound when their surfaces close, the shell
+  // otherwise. For callers that take closed parts and open scans alike.
+  GravityBody = 0,
   // A shell of uniform density per area: the surface itself. Works for open meshes
   // such as scans.
   GravityShell = 1,
+  // A solid of uniform density bounded by the meshes. Needs closed surfaces: the
+  // triangles' area vectors must cancel out (to 1e-9 of their total length). An
+  // inside-out surface counts as the same solid.
+  GravitySolid = 2,
 };
 
 // Centre of gravity and inertia axes of one or more meshes, each under its own
@@ -34,6 +37,7 @@ public:
 
   // False, leaving the results zero, when there is no triangle, the mass (volume or
   // area) is zero, a solid's surface is not closed, or the gravity type is unknown.
+  // GravityBody fails only where the shell would.
   bool Operate();
 
   // Mass: volume (solid) or area (shell), in internal units cubed or squared.
