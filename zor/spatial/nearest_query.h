@@ -87,6 +87,18 @@ inline const std::uint8_t* ChildOrder(std::uint32_t count, const double* d) {
   return kThree[index];
 }
 
+// Whether a search prefetches the nodes and leaves it is about to visit: yes, unless
+// the distance policy says its tree sits in the cache (kTreeInCache true).
+template <typename ObjectDistance, typename = void>
+struct TreeInCache : std::false_type {};
+template <typename ObjectDistance>
+struct TreeInCache<ObjectDistance, std::void_t<decltype(ObjectDistance::kTreeInCache)>>
+    : std::bool_constant<ObjectDistance::kTreeInCache> {};
+template <typename ObjectDistance>
+constexpr bool PrefetchesTree() {
+  return !TreeInCache<ObjectDistance>::value;
+}
+
 // The state of one search: the bound to beat and the best object so far.
 template <typename ObjectDistance>
 struct NearestQuery {
@@ -97,19 +109,29 @@ struct NearestQuery {
 
   void ScanLeaf(std::uint32_t begin, std::uint32_t end) {
     // Four distances at a time for instruction-level parallelism; the comparisons run
-    // in object order as in the plain loop.
+    // in object order as in the plain loop, and select without a branch: which object
+    // of a leaf is nearest is unpredictable, and a mispredicted branch per better object
+    // would cost more than the distances. The bound lives in registers for the scan:
+    // the objects are doubles too, and the compiler would otherwise reload it after
+    // every object read.
+    double bound2 = bestDistance2;
+    std::uint32_t nearest = best;
+    const auto take = [&](double d, std::uint32_t i) {
+      const std::uint32_t nearer = bound2 > d ? ~std::uint32_t{0} : 0u;
+      nearest = (nearest & ~nearer) | (i & nearer);
+      bound2 = d < bound2 ? d : bound2;  // a NaN distance never replaces the bound
+    };
     std::uint32_t i = begin;
     for (; i + 4 <= end; i += 4) {
       const double d0 = (*distance)(i), d1 = (*distance)(i + 1), d2 = (*distance)(i + 2), d3 = (*distance)(i + 3);
-      if (bestDistance2 > d0) bestDistance2 = d0, best = i;
-      if (bestDistance2 > d1) bestDistance2 = d1, best = i + 1;
-      if (bestDistance2 > d2) bestDistance2 = d2, best = i + 2;
-      if (bestDistance2 > d3) bestDistance2 = d3, best = i + 3;
+      take(d0, i);
+      take(d1, i + 1);
+      take(d2, i + 2);
+      take(d3, i + 3);
     }
-    for (; i < end; ++i) {
-      const double d = (*distance)(i);
-      if (bestDistance2 > d) bestDistance2 = d, best = i;
-    }
+    for (; i < end; ++i) take((*distance)(i), i);
+    bestDistance2 = bound2;
+    best = nearest;
   }
 
   // Searches the group `children` of a node holding [begin, end); recursion for every
@@ -137,15 +159,16 @@ struct NearestQuery {
       }
       // Fetch what the children lead to while the order is settled: a search on a large
       // tree is bound by cache misses, one per level without this.
-      for (std::uint32_t k = 0; k < count; ++k) {
-        if (!(bestDistance2 > d[k])) continue;
-        if (const Node* grandChildren = children[k].children) {
-          __builtin_prefetch(grandChildren);
-          __builtin_prefetch(reinterpret_cast<const char*>(grandChildren) + 64);
-        } else {
-          distance->Prefetch(starts[k], starts[k + 1]);
+      if constexpr (PrefetchesTree<ObjectDistance>())
+        for (std::uint32_t k = 0; k < count; ++k) {
+          if (!(bestDistance2 > d[k])) continue;
+          if (const Node* grandChildren = children[k].children) {
+            __builtin_prefetch(grandChildren);
+            __builtin_prefetch(reinterpret_cast<const char*>(grandChildren) + 64);
+          } else {
+            distance->Prefetch(starts[k], starts[k + 1]);
+          }
         }
-      }
       const std::uint8_t* order = ChildOrder(count, d);
       const Node* next = nullptr;
       for (std::uint32_t i = 0; i < count; ++i) {

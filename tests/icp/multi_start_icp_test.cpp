@@ -1,0 +1,192 @@
+// The multi-start ICP: the fit, the median, the better-than rule, one run's stop rules,
+// and the operator from any placement, repeatably.
+#include <cmath>
+#include <limits>
+#include <random>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <tbb/task_arena.h>
+
+#include "support/registration.h"
+#include "tools/generators/bodies.h"
+#include "tools/generators/poses.h"
+#include "zor/icp/detail/icp_iteration.h"
+#include "zor/icp/stl_base_operator_registration_icp.h"
+#include "zor/model/stl_iterators.h"
+
+namespace {
+
+using Icp = ZorStlRegistration::MStlBaseOperatorRegistrationICP;
+using ZorStlRegistration::detail::FitRigid;
+using ZorStlRegistration::detail::IsBetter;
+using ZorStlRegistration::detail::MedianInPlace;
+using ZorStlRegistration::detail::Point3;
+using zortest::LargestGap;
+
+std::vector<Point3> Apply(const MMTransformMatrix& t, const std::vector<Point3>& points) {
+  std::vector<Point3> out;
+  for (const Point3& p : points) {
+    MMVector3d q;
+    t.Transform(q, MMVector3d(p[0], p[1], p[2]), false);
+    out.push_back(Point3{{q[0], q[1], q[2]}});
+  }
+  return out;
+}
+
+TEST(IcpFit, RecoversRotationTranslationAndScaleAndNeverReflects) {
+  std::mt19937 rng(3);
+  std::uniform_real_distribution<double> u(-5000.0, 5000.0);
+  std::vector<Point3> p(40);
+  for (Point3& x : p) x = Point3{{u(rng), u(rng), u(rng)}};
+  MMTransformMatrix truth;
+  truth.MakeRotation(MMVector3d(100, 200, 300), MMVector3d(1, -1, 2), 2.5);
+  truth.AddTranslation(MMVector3d(7000, -3000, 500));
+  const auto fit = FitRigid(p, Apply(truth, p), false);
+  EXPECT_EQ(fit.scale, 1.0);
+  for (unsigned short r = 0; r < 3; ++r)
+    for (unsigned short c = 0; c < 4; ++c) EXPECT_NEAR(fit.transform.GetElement(r, c), truth.GetElement(r, c), 1e-7);
+  EXPECT_TRUE(fit.transform.IsInversible());
+
+  // A uniform scale of 1.5 on top: found with allowScale.
+  MMTransformMatrix scaled = truth;
+  for (unsigned short r = 0; r < 3; ++r)
+    for (unsigned short c = 0; c < 4; ++c) scaled.SetElement(r, c, 1.5 * truth.GetElement(r, c), false);
+  scaled.VerifyAndSetClass();
+  const auto similarity = FitRigid(p, Apply(scaled, p), true);
+  EXPECT_NEAR(similarity.scale, 1.5, 1e-12);
+  for (unsigned short r = 0; r < 3; ++r)
+    for (unsigned short c = 0; c < 4; ++c)
+      EXPECT_NEAR(similarity.transform.GetElement(r, c), scaled.GetElement(r, c), 1e-7);
+
+  // The mirror image of the points has no rotation onto it: the fit stays a rotation.
+  std::vector<Point3> mirrored = p;
+  for (Point3& x : mirrored) x[0] = -x[0];
+  EXPECT_GT(FitRigid(p, mirrored, false).transform.Determinant(), 0.0);
+}
+
+TEST(IcpRules, MedianAndTheBetterThanRule) {
+  std::vector<double> odd = {9, 1, 5}, even = {8, 2, 6, 4}, none;
+  EXPECT_EQ(MedianInPlace(odd), 5.0);
+  EXPECT_EQ(MedianInPlace(even), 5.0);  // the mean of the two middle values
+  EXPECT_TRUE(std::isnan(MedianInPlace(none)));
+
+  Icp::IcpResult identity, shift, general;
+  shift.transform.MakeTranslation(MMVector3d(1, 0, 0));
+  general.transform.MakeRotation(MMVector3d(), MMVector3d(0, 0, 1), 0.5);
+  identity.sumSquared = shift.sumSquared = general.sumSquared = 100.0;
+  // A tie never displaces the identity; a translation beats a general pose either way.
+  EXPECT_FALSE(IsBetter(shift, identity));
+  EXPECT_TRUE(IsBetter(identity, shift));
+  EXPECT_TRUE(IsBetter(shift, general));
+  EXPECT_FALSE(IsBetter(general, shift));
+  // Errors are compared per squared scale, without dividing.
+  general.sumSquared = 300.0;
+  general.scaleSquared = 4.0;  // 75 per unit scale
+  EXPECT_TRUE(IsBetter(general, shift));
+  // Nothing measured loses to anything finite.
+  EXPECT_TRUE(IsBetter(general, Icp::IcpResult()));
+}
+
+// A sphere of 20 mm with a relief of 6 mm: far from symmetric, so one pose only.
+struct IcpBody : ::testing::Test {
+  void SetUp() override { body = zorgen::MakeSphere(20000, 40, 80, 6000); }
+  std::unique_ptr<MStlBase> Moved(const MMTransformMatrix& pose) const {
+    std::unique_ptr<MStlBase> copy(body->Clone(nullptr));
+    copy->Transform(pose);
+    return copy;
+  }
+  Icp::MParams Params(const MStlBase* moving) const {
+    Icp::MParams p;
+    p.moving = moving;
+    p.fixed = body.get();
+    return p;
+  }
+  std::unique_ptr<MStlBase> body;
+};
+
+TEST_F(IcpBody, RecoversLargePosesFromAnyPlacement) {
+  for (std::uint64_t seed : {1, 2, 3, 4}) {
+    const MMTransformMatrix pose = zorgen::DrawPose(seed, 80000.0);
+    const auto moving = Moved(pose);
+    Icp icp;
+    icp.SetParameters(Params(moving.get()));
+    ASSERT_TRUE(icp.Operate());
+    // Within 3 mm anywhere on a 50 mm body, where a wrong pose is tens of millimetres
+    // off: ten point-to-point fits between samples end about there.
+    EXPECT_LT(LargestGap(*body, icp.GetTransformMatrix() * pose, MMTransformMatrix()), 3000.0) << seed;
+    EXPECT_LT(icp.GetRMSError(), 2000.0);
+  }
+}
+
+TEST_F(IcpBody, RepeatsBitForBitOnEveryCallAndThreadCount) {
+  const auto moving = Moved(zorgen::DrawPose(9, 80000.0));
+  Icp first, second, single;
+  for (Icp* icp : {&first, &second, &single}) icp->SetParameters(Params(moving.get()));
+  ASSERT_TRUE(first.Operate());
+  ASSERT_TRUE(second.Operate());
+  tbb::task_arena(1).execute([&] { ASSERT_TRUE(single.Operate()); });
+  for (unsigned short r = 0; r < 3; ++r)
+    for (unsigned short c = 0; c < 4; ++c) {
+      EXPECT_EQ(first.GetTransformMatrix().GetElement(r, c), second.GetTransformMatrix().GetElement(r, c));
+      EXPECT_EQ(first.GetTransformMatrix().GetElement(r, c), single.GetTransformMatrix().GetElement(r, c));
+    }
+  EXPECT_EQ(first.GetRMSError(), single.GetRMSError());
+}
+
+TEST_F(IcpBody, SingleRunsMeasureTheStartAndStopEarly) {
+  const MMTransformMatrix pose = zorgen::DrawPose(5, 20000.0);
+  const auto moving = Moved(pose);
+  MMTransformMatrix start = pose.Inverted();
+  start.AddTranslation(MMVector3d(1500, 0, 0));  // 1.5 mm off
+  Icp::MParams p = Params(moving.get());
+  p.multiStart = false;
+  p.initialTransform = start;
+  p.refineFactor = 0;  // ignored without the search anyway
+  // No fit: the start pose, measured once.
+  p.maxIterations = 0;
+  Icp measureOnly;
+  measureOnly.SetParameters(p);
+  ASSERT_TRUE(measureOnly.Operate());
+  EXPECT_EQ(LargestGap(*moving, measureOnly.GetTransformMatrix(), start), 0.0);
+  EXPECT_GT(measureOnly.GetRMSError(), 1000.0);
+  // Fewer than 3 pairs cannot be fitted: the run ends on its first measurement.
+  p.maxIterations = 10;
+  p.sampleCount = 2;
+  Icp twoPoints;
+  twoPoints.SetParameters(p);
+  ASSERT_TRUE(twoPoints.Operate());
+  EXPECT_EQ(LargestGap(*moving, twoPoints.GetTransformMatrix(), start), 0.0);
+  // Fits move it onto the body; refinement is not run without the search.
+  p.sampleCount = 500;
+  p.refine = true;
+  p.refineFactor = 10;
+  Icp fitted;
+  fitted.SetParameters(p);
+  ASSERT_TRUE(fitted.Operate());
+  EXPECT_LT(fitted.GetRMSError(), measureOnly.GetRMSError());
+  EXPECT_EQ(fitted.GetStageTimes().refinement, 0.0);
+}
+
+TEST_F(IcpBody, InputsWithoutAMeshOrAreaLeaveTheResult) {
+  const auto moving = Moved(zorgen::DrawPose(6, 80000.0));
+  Icp icp;
+  icp.SetParameters(Params(moving.get()));
+  ASSERT_TRUE(icp.Operate());
+  const MMTransformMatrix found = icp.GetTransformMatrix();
+  const double rms = icp.GetRMSError();
+  // A flat triangle fan has no area: its points lie on one line.
+  MStlBase line;
+  for (int i = 0; i < 5; ++i)
+    line.AddTriangle(MMVector3i(i, 0, 0), MMVector3i(i + 1, 0, 0), MMVector3i(i + 2, 0, 0), nullptr);
+  for (const MStlBase* mesh : {static_cast<const MStlBase*>(nullptr), static_cast<const MStlBase*>(&line)}) {
+    Icp::MParams p = Params(moving.get());
+    p.fixed = mesh;
+    icp.SetParameters(p);
+    EXPECT_FALSE(icp.Operate());
+    EXPECT_EQ(LargestGap(*moving, icp.GetTransformMatrix(), found), 0.0);
+    EXPECT_EQ(icp.GetRMSError(), rms);
+  }
+}
+
+}  // namespace
