@@ -110,7 +110,8 @@ TEST_F(ZorRegister, EveryFormatRoundTripsThroughConvert) {
 
 // The transform (file units: millimetres over `scale`) that the program reports
 // for a copy placed by `pose` must undo the pose.
-void ExpectRecovered(const MMTransformMatrix& pose, double scale, const nlohmann::json& report) {
+void ExpectRecovered(const MMTransformMatrix& pose, double scale, const nlohmann::json& report,
+                     double rotationTolerance = 1e-3, double shiftToleranceMm = 0.05) {
   const double ie = MUnit::GetIE();
   double values[16];
   for (int r = 0; r < 4; ++r)
@@ -120,9 +121,8 @@ void ExpectRecovered(const MMTransformMatrix& pose, double scale, const nlohmann
   ASSERT_TRUE(found.MakeFromDouble16(values));
   const MMTransformMatrix residue = found * pose;
   for (int r = 0; r < 3; ++r)
-    for (int c = 0; c < 3; ++c) EXPECT_NEAR(residue.GetElement(r, c), r == c ? 1.0 : 0.0,
-                                            1e-3);         // 0.06 degrees
-  EXPECT_LT(Length(residue.GetTranslation()) / ie, 0.05);  // mm
+    for (int c = 0; c < 3; ++c) EXPECT_NEAR(residue.GetElement(r, c), r == c ? 1.0 : 0.0, rotationTolerance);
+  EXPECT_LT(Length(residue.GetTranslation()) / ie, shiftToleranceMm);
 }
 
 TEST_F(ZorRegister, AlignRecoversAKnownPoseAndReportsIt) {
@@ -163,6 +163,45 @@ TEST_F(ZorRegister, AlignRecoversAKnownPoseAndReportsIt) {
   EXPECT_EQ(text.status, 0);
   EXPECT_NE(text.out.find("transform moving onto fixed"), std::string::npos);
   EXPECT_NE(text.out.find("error "), std::string::npos);
+}
+
+// The multi-start ICP from the files alone, on a body with a deep relief (the search
+// tells poses apart by sampled points, so the body must differ from its turns by more
+// than the samples' spacing), and its refusals.
+TEST_F(ZorRegister, IcpRecoversAKnownPoseAndRefusesWhatHasNoAxis) {
+  const double ie = MUnit::GetIE();
+  const auto body = zorgen::MakeSphere(20000, 40, 80, 6000);
+  const MMTransformMatrix pose = zorgen::DrawPose(3, 30.0 * ie);
+  zortool::WriteMesh(*body, nullptr, 1.0, Path("fixed.stl"), false);
+  zortool::WriteMesh(*body, &pose, 1.0, Path("moving.ply"), false);
+  const nlohmann::json report = ParseJson(Tool("icp moving.ply fixed.stl --json -o moved.off"));
+  // Ten point-to-point fits between sparse samples converge slowly: the right pose to
+  // within a few degrees (a turn of the relief would be tens of degrees off).
+  ExpectRecovered(pose, 1.0, report, 0.1, 2.0);
+  EXPECT_LT(report["rms_error"].get<double>(), 2.0);  // mm
+  EXPECT_EQ(report["starts"], 360);
+  EXPECT_EQ(report["refined_samples"], 5000);
+  EXPECT_TRUE(fs::exists(dir / "moved.off"));
+  // One run from a given start, written in file units.
+  std::string initial;
+  const MMTransformMatrix back = pose.Inverted();
+  for (int i = 0; i < 16; ++i)
+    initial += (i ? "," : "") + std::to_string(back.GetElement(i / 4, i % 4) / (i % 4 == 3 && i < 12 ? ie : 1.0));
+  const nlohmann::json single = ParseJson(Tool("icp moving.ply fixed.stl --json --single --initial " + initial));
+  ExpectRecovered(pose, 1.0, single, 0.02, 1.0);
+  EXPECT_EQ(single["starts"], 1);
+
+  WriteText("line.off", "OFF\n4 2 0\n0 0 0\n1 0 0\n2 0 0\n3 0 0\n3 0 1 2\n3 1 2 3\n");
+  for (const auto& [args, message] :
+       {std::pair<std::string, std::string>{"icp line.off fixed.stl --quiet", "'line.off' has no area"},
+        {"icp moving.ply fixed.stl --directions 0", "--directions"},
+        {"icp moving.ply fixed.stl --single --initial 1,0,0", "--initial"}}) {
+    SCOPED_TRACE(args);
+    const Outcome run = Tool(args);
+    EXPECT_EQ(run.status, 2);
+    EXPECT_NE(run.err.find(message), std::string::npos) << run.err;
+    EXPECT_EQ(run.err.find('\n'), run.err.size() - 1) << "one line: " << run.err;
+  }
 }
 
 TEST_F(ZorRegister, DemoRunsWithNoArgumentsAndSavesMeshesThatAlignAgrees) {

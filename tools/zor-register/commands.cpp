@@ -104,6 +104,35 @@ Json StageTimesJson(const Registration::StageTimes& s) {
               {"alignment", s.alignment}, {"refinement", s.refinement}, {"total", s.total}};
 }
 
+// The transform as rows of file units, for JSON.
+Json TransformJson(const MMTransformMatrix& transform, double toFile) {
+  Json rows = Json::array();
+  for (int r = 0; r < 4; ++r) {
+    Json row = Json::array();
+    for (int c = 0; c < 4; ++c) row.push_back(FileElement(transform, r, c, toFile));
+    rows.push_back(row);
+  }
+  return rows;
+}
+
+void PrintTransform(const MMTransformMatrix& transform, double toFile) {
+  std::printf(
+      "transform moving onto fixed (row-major, points as column "
+      "vectors, file units):\n");
+  for (int r = 0; r < 4; ++r) {
+    for (int c = 0; c < 4; ++c) std::printf("%16.9f", FileElement(transform, r, c, toFile));
+    std::printf("\n");
+  }
+}
+
+void PrintMeshes(const std::string& movingPath, const LoadedMesh& moving, const std::string& fixedPath,
+                 const LoadedMesh& fixed) {
+  for (const auto* side : {&moving, &fixed})
+    std::printf("%-9s %s: %zu points, %zu triangles\n", side == &moving ? "moving" : "fixed",
+                (side == &moving ? movingPath : fixedPath).c_str(), side->mesh->NumberOfPoints(),
+                side->mesh->GetNumberOfTriangles());
+}
+
 Json MeshJson(const std::string& path, const LoadedMesh& m) {
   return Json{{"file", path},
               {"points", m.mesh->NumberOfPoints()},
@@ -161,15 +190,9 @@ int RunAlign(const std::string& movingPath, const std::string& fixedPath, const 
   if (!output.empty()) WriteMesh(*moving.mesh, &transform, common.scale, output, common.ascii);
 
   if (common.json) {
-    Json rows = Json::array();
-    for (int r = 0; r < 4; ++r) {
-      Json row = Json::array();
-      for (int c = 0; c < 4; ++c) row.push_back(FileElement(transform, r, c, toFile));
-      rows.push_back(row);
-    }
     Json report{{"moving", MeshJson(movingPath, moving)},
                 {"fixed", MeshJson(fixedPath, fixed)},
-                {"transform", rows},
+                {"transform", TransformJson(transform, toFile)},
                 {"error", error},
                 {"inliers", registration.GetInlierCount()},
                 {"samples", params.sampleCount},
@@ -182,23 +205,104 @@ int RunAlign(const std::string& movingPath, const std::string& fixedPath, const 
     std::printf("%s\n", report.dump(2).c_str());
     return 0;
   }
-  for (const auto* side : {&moving, &fixed})
-    std::printf("%-9s %s: %zu points, %zu triangles\n", side == &moving ? "moving" : "fixed",
-                (side == &moving ? movingPath : fixedPath).c_str(), side->mesh->NumberOfPoints(),
-                side->mesh->GetNumberOfTriangles());
+  PrintMeshes(movingPath, moving, fixedPath, fixed);
   std::printf("strategy  %s", StrategyName(params.initialAlignment));
   if (params.initialAlignment == Registration::AlignAutomatic)
     std::printf(" (took %s)", StrategyName(registration.GetAlignmentUsed()));
-  std::printf(
-      "\ntransform moving onto fixed (row-major, points as column "
-      "vectors, file units):\n");
-  for (int r = 0; r < 4; ++r) {
-    for (int c = 0; c < 4; ++c) std::printf("%16.9f", FileElement(transform, r, c, toFile));
-    std::printf("\n");
-  }
+  std::printf("\n");
+  PrintTransform(transform, toFile);
   std::printf("error     %.6g file units (mean distance of the %llu closest samples)\n", error,
               static_cast<unsigned long long>(registration.GetInlierCount()));
   PrintStageTimes(registration.GetStageTimes());
+  if (!output.empty()) std::printf("wrote     %s\n", output.c_str());
+  return 0;
+}
+
+int RunIcp(const std::string& movingPath, const std::string& fixedPath, const std::string& output,
+           const IcpOptions& options, const CommonOptions& common) {
+  using Icp = ZorStlRegistration::MStlBaseOperatorRegistrationICP;
+  if (!output.empty()) CheckOutputPath(output);
+  const LoadedMesh moving = ReadMesh(movingPath, common.scale);
+  Warn(common, moving.warnings);
+  const LoadedMesh fixed = ReadMesh(fixedPath, common.scale);
+  Warn(common, fixed.warnings);
+
+  const double ie = MUnit::GetIE();
+  Icp::MParams p = options.params;
+  p.moving = moving.mesh.get();
+  p.fixed = fixed.mesh.get();
+  if (options.maxDistance > 0.0) {
+    p.maxDistance = options.maxDistance * ie;
+    p.rejectByMaxDistance = 1;
+  }
+  if (!options.initial.empty()) {
+    double m[16];
+    for (int i = 0; i < 16; ++i) m[i] = options.initial[i] * (i % 4 == 3 && i < 12 ? common.scale * ie : 1.0);
+    if (!p.initialTransform.MakeFromDouble16(m)) throw InputError("--initial: the values must be finite");
+  }
+  Icp icp;
+  icp.SetParameters(p);
+  {
+    // The bar counts the starts; the operator tells of each from the thread that ran it.
+    std::unique_ptr<ZorSDK::Common::IncrementalProgressReporter> bar;
+    if (!common.quiet && isatty(STDERR_FILENO) && p.multiStart) {
+      bar = std::make_unique<ZorSDK::Common::IncrementalProgressReporter>(
+          std::make_shared<ProgressBar>(), "Multi-start ICP", p.directionCount * p.rotationCount, false);
+      icp.SetStartObserver([&bar](std::size_t, std::size_t) { ++*bar; });
+    }
+    const auto limit = LimitThreads(common.threads);
+    if (!icp.Operate()) {
+      const bool movingBad = !ZorStlRegistration::AnalyzeMeshAxis(*moving.mesh).valid;
+      if (p.directionCount == 0 || p.rotationCount == 0)
+        throw InputError("no starts: --directions and --rotations must be at least 1");
+      throw InputError("'" + (movingBad ? movingPath : fixedPath) +
+                       "' has no area (all its points on a line): there is no axis to start from");
+    }
+  }
+  const MMTransformMatrix& transform = icp.GetTransformMatrix();
+  const double toFile = 1.0 / (common.scale * ie);
+  const double rms = icp.GetRMSError() * toFile;
+  if (!output.empty()) WriteMesh(*moving.mesh, &transform, common.scale, output, common.ascii);
+  const Icp::StageTimes& t = icp.GetStageTimes();
+  const std::uint64_t starts = p.multiStart ? p.directionCount * p.rotationCount : 1;
+  const bool refined = p.multiStart && p.refine && p.refineFactor != 0;
+
+  if (common.json) {
+    Json report{{"moving", MeshJson(movingPath, moving)},
+                {"fixed", MeshJson(fixedPath, fixed)},
+                {"transform", TransformJson(transform, toFile)},
+                {"rms_error", rms},
+                {"samples", p.sampleCount},
+                {"refined_samples", refined ? p.sampleCount * p.refineFactor : 0},
+                {"starts", starts},
+                {"directions", p.directionCount},
+                {"rotations", p.rotationCount},
+                {"iterations", p.maxIterations},
+                {"seconds", Json{{"sampling", t.sampling},
+                                 {"tree", t.tree},
+                                 {"analysis", t.analysis},
+                                 {"search", t.search},
+                                 {"refinement", t.refinement},
+                                 {"total", t.total}}},
+                {"scale", common.scale}};
+    if (!output.empty()) report["output"] = output;
+    std::printf("%s\n", report.dump(2).c_str());
+    return 0;
+  }
+  PrintMeshes(movingPath, moving, fixedPath, fixed);
+  if (p.multiStart) {
+    const std::string refinement = refined ? ", refined on " + std::to_string(p.sampleCount * p.refineFactor) : "";
+    std::printf("search    %llu starts (%llu directions x %llu spins) of %llu fits on %llu samples%s\n",
+                static_cast<unsigned long long>(starts), static_cast<unsigned long long>(p.directionCount),
+                static_cast<unsigned long long>(p.rotationCount), static_cast<unsigned long long>(p.maxIterations),
+                static_cast<unsigned long long>(p.sampleCount), refinement.c_str());
+  } else
+    std::printf("search    one run of %llu fits on %llu samples from the given pose\n",
+                static_cast<unsigned long long>(p.maxIterations), static_cast<unsigned long long>(p.sampleCount));
+  PrintTransform(transform, toFile);
+  std::printf("rms error %.6g file units (root mean square distance of the samples, rejected ones included)\n", rms);
+  std::printf("time      %.3f s (sampling %.3f, tree %.3f, analysis %.3f, search %.3f, refinement %.3f)\n", t.total,
+              t.sampling, t.tree, t.analysis, t.search, t.refinement);
   if (!output.empty()) std::printf("wrote     %s\n", output.c_str());
   return 0;
 }

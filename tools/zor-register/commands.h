@@ -4,7 +4,9 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
+#include "zor/icp/stl_base_operator_registration_icp.h"
 #include "zor/registration/user_operator_stl_registration.h"
 
 namespace zortool {
@@ -28,6 +30,16 @@ bool ParseStrategy(const std::string& name, MUserOperatorStlRegistration::MIniti
 
 int RunAlign(const std::string& moving, const std::string& fixed, const std::string& output,
              const MUserOperatorStlRegistration::MParams& params, const CommonOptions& common);
+
+// The multi-start ICP as the tool runs it: the operator's parameters (meshes aside),
+// with its lengths in millimetres.
+struct IcpOptions {
+  ZorStlRegistration::MStlBaseOperatorRegistrationICP::MParams params;
+  double maxDistance = 0.0;     // mm; 0: reject by the median rule
+  std::vector<double> initial;  // 16 values, row-major, shift in file units; empty: the identity
+};
+int RunIcp(const std::string& moving, const std::string& fixed, const std::string& output, const IcpOptions& options,
+           const CommonOptions& common);
 
 struct DemoOptions {
   std::uint64_t seed = 1;

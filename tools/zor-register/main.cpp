@@ -1,6 +1,7 @@
 // zor-register: rigid registration of mesh files from the command line.
 //
 //   zor-register align MOVING FIXED [-o MOVED] [--json] [registration options]
+//   zor-register icp MOVING FIXED [-o MOVED] [--json] [ICP options]
 //   zor-register demo [--seed N] [--save DIR]        (also what runs with no
 //   arguments) zor-register info FILE | convert IN OUT
 //
@@ -95,6 +96,36 @@ void AddRegistrationOptions(CLI::App& cmd, Registration::MParams& p, std::string
   count("--axis-steps", p.axisRotationSteps, "Turns about a symmetry axis the rod and disc strategies try", 1);
 }
 
+void AddIcpOptions(CLI::App& cmd, IcpOptions& o) {
+  ZorStlRegistration::MStlBaseOperatorRegistrationICP::MParams& p = o.params;
+  const auto count = [&](const char* name, std::uint64_t& field, const char* help, std::uint64_t low) {
+    cmd.add_option(name, field, help)
+        ->check(Within(static_cast<double>(low), 1e9, false))
+        ->capture_default_str()
+        ->group("ICP");
+  };
+  cmd.add_flag("!--single", p.multiStart, "One run from --initial instead of the search over starts")->group("ICP");
+  count("--directions", p.directionCount, "Directions the moving mesh's axis is aimed at", 1);
+  count("--rotations", p.rotationCount, "Spins about the axis at each direction", 1);
+  count("--iterations", p.maxIterations, "Fits in each run", 0);
+  count("--samples", p.sampleCount, "Points drawn from each mesh", 1);
+  cmd.add_flag("--allow-scale", p.allowScale, "Also fit a uniform scale")->group("ICP");
+  cmd.add_flag("!--no-normals", p.useNormals, "Keep pairs whatever their normals")->group("ICP");
+  cmd.add_option("--distance-factor", p.distanceFactor, "Reject pairs beyond this times the median squared distance")
+      ->check(Within(0.0, HUGE_VAL, true))
+      ->capture_default_str()
+      ->group("ICP");
+  cmd.add_option("--max-distance", o.maxDistance, "Reject pairs farther apart than this (mm) instead")
+      ->check(Within(0.0, HUGE_VAL, true))
+      ->group("ICP");
+  cmd.add_option("--initial", o.initial, "Start of --single: 16 numbers, row-major, shift in file units")
+      ->expected(16)
+      ->delimiter(',')
+      ->group("ICP");
+  cmd.add_flag("!--no-refine", p.refine, "Skip the final run on a larger sample")->group("ICP");
+  count("--refine-factor", p.refineFactor, "How many times larger that sample is", 1);
+}
+
 int Fail(int status, const std::string& message) {
   std::fprintf(stderr, "zor-register: %s\n", message.c_str());
   return status;
@@ -121,6 +152,17 @@ int Run(int argc, char** argv) {
   align->add_flag("--ascii", common.ascii, "Write STL and PLY as text rather than binary");
   AddCommonOptions(*align, common, true);
   AddRegistrationOptions(*align, alignParams, alignStrategy);
+
+  IcpOptions icpOptions;
+  std::string icpMoving, icpFixed, icpOutput;
+  CLI::App* icp = app.add_subcommand(
+      "icp", "Register MOVING onto FIXED by ICP started from many orientations; print the transform and its error");
+  icp->add_option("MOVING", icpMoving, "The mesh to move")->required();
+  icp->add_option("FIXED", icpFixed, "The mesh it is laid on")->required();
+  icp->add_option("-o,--output", icpOutput, "Also write MOVING, moved, to this file (.stl, .ply, .obj or .off)");
+  icp->add_flag("--ascii", common.ascii, "Write STL and PLY as text rather than binary");
+  AddCommonOptions(*icp, common, true);
+  AddIcpOptions(*icp, icpOptions);
 
   DemoOptions demo;
   Registration::MParams demoParams = DemoDefaults();
@@ -156,8 +198,8 @@ int Run(int argc, char** argv) {
     args.push_back("--help");
   }
   const std::string& first = args[0];
-  if (first[0] != '-' && first != "align" && first != "demo" && first != "info" && first != "convert")
-    return Fail(2, "unknown command '" + first + "' (align, demo, info, convert; --help lists them)");
+  if (first[0] != '-' && first != "align" && first != "icp" && first != "demo" && first != "info" && first != "convert")
+    return Fail(2, "unknown command '" + first + "' (align, icp, demo, info, convert; --help lists them)");
   try {
     std::reverse(args.begin(), args.end());  // the parser takes its arguments last first
     app.parse(args);
@@ -171,6 +213,7 @@ int Run(int argc, char** argv) {
     ParseStrategy(alignStrategy, alignParams.initialAlignment);
     return RunAlign(moving, fixed, output, alignParams, common);
   }
+  if (*icp) return RunIcp(icpMoving, icpFixed, icpOutput, icpOptions, common);
   if (*demoCmd) {
     ParseStrategy(demoStrategy, demoParams.initialAlignment);
     return RunDemo(demo, demoParams, common);
