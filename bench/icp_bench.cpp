@@ -4,11 +4,16 @@
 // count, split into its stages (median of the poses). Then the cost of one ICP
 // iteration on 500 samples, and the memory the operator holds after a run.
 //
-//   bench_icp [--sizes 10000,100000,1000000] [--threads 1,2] [--poses 5]
+//   bench_icp [--sizes 10000,100000,1000000] [--threads 1,2] [--poses 5] [--save DIR]
+//
+// --save DIR also writes each size's body and moved copies as PLY (millimetres) with
+// the true poses, for the side-by-side peer (bench/peers/open3d_multistart_icp.py).
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -16,6 +21,9 @@
 
 #include "tools/generators/bodies.h"
 #include "tools/generators/poses.h"
+#if defined(ZOR_BENCH_CAN_SAVE)
+#include "tools/zor-register/mesh_files.h"
+#endif
 #include "zor/icp/stl_base_operator_registration_icp.h"
 
 namespace {
@@ -43,16 +51,20 @@ double Median(std::vector<double> v) {
 int main(int argc, char** argv) {
   std::vector<long> sizes = {10000, 100000, 1000000}, threads = {1, 2};
   int poses = 5;
+  std::string save;
   for (int i = 1; i + 1 < argc; i += 2) {
     const std::string flag = argv[i];
     if (flag == "--sizes") {
       sizes = ParseList(argv[i + 1]);
     } else if (flag == "--threads") {
       threads = ParseList(argv[i + 1]);
+    } else if (flag == "--save") {
+      save = argv[i + 1];
     } else if (flag == "--poses") {
       poses = std::max(1, std::atoi(argv[i + 1]));
     } else {
-      std::fprintf(stderr, "usage: bench_icp [--sizes 10000,100000,1000000] [--threads 1,2] [--poses 5]\n");
+      std::fprintf(stderr,
+                   "usage: bench_icp [--sizes 10000,100000,1000000] [--threads 1,2] [--poses 5] [--save DIR]\n");
       return 2;
     }
   }
@@ -64,6 +76,23 @@ int main(int argc, char** argv) {
   for (long size : sizes) {
     const zorgen::MeshArrays body = zorgen::MakeShape(zorgen::Shape::Featured, size);
     const auto fixed = zorgen::MakeMesh(body);
+#if defined(ZOR_BENCH_CAN_SAVE)
+    if (!save.empty()) {
+      // The body, its copies and their poses (row-major, millimetres), for the peer.
+      const std::string prefix = save + "/" + std::to_string(size);
+      std::filesystem::create_directories(save);
+      zortool::WriteMesh(*fixed, nullptr, 1.0, prefix + "_fixed.ply", false);
+      std::ofstream truths(prefix + "_poses.txt");
+      truths.precision(17);
+      for (int k = 0; k < poses; ++k) {
+        const MMTransformMatrix pose = zorgen::DrawPose(static_cast<std::uint64_t>(k + 1), 60000.0);
+        zortool::WriteMesh(*zorgen::MakeMovedCopy(body, pose), nullptr, 1.0,
+                           prefix + "_moving_" + std::to_string(k) + ".ply", false);
+        for (int e = 0; e < 16; ++e)
+          truths << pose.GetElement(e / 4, e % 4) / (e % 4 == 3 && e < 12 ? 1000.0 : 1.0) << (e == 15 ? "\n" : " ");
+      }
+    }
+#endif
     for (long t : threads) {
       std::vector<double> total, sampling, tree, analysis, search, refinement;
       tbb::task_arena arena(static_cast<int>(t));
