@@ -103,7 +103,7 @@ public:
 
   // Root mean square distance of the samples at the result's pose, scale taken out
   // (internal units), over all samples of the sampling the result was found on,
-  // rejected pairs included. NaN when that sample was empty.
+  // rejected pairs included. NaN when that sample was empty; +infinity before a run.
   double GetRMSError() const;
   // Takes moving coordinates onto the fixed mesh; the identity before a run.
   const MMTransformMatrix& GetTransformMatrix() const { return result.transform; }

@@ -74,7 +74,7 @@ struct RigidFit {
 
 // The rotation (and, with `allowScale`, the uniform scale) and translation that carry
 // `moved` onto `matched` in the least-squares sense (Kabsch-Umeyama): the SVD of the
-// cross-covariance of the centred pairs, with the smallest singular direction flipped
+// 3 x 3 cross-covariance of the centred pairs (Jacobi; no heap), with the smallest singular direction flipped
 // when the best orthogonal map would be a reflection. The transform has its class and
 // inverse set; a degenerate input gives whatever the SVD makes of it, possibly a
 // singular map (IsInversible tells). Needs at least one pair.
