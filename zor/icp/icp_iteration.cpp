@@ -56,7 +56,7 @@ RigidFit FitRigid(const std::vector<Point3>& moved, const std::vector<Point3>& m
   // dynamic-size temporaries; calling JacobiSVD on fixed-size storage is the same
   // factorisation without touching the heap, ten times a run.
   const Eigen::JacobiSVD<Eigen::Matrix3d> svd(h, Eigen::ComputeFullU | Eigen::ComputeFullV);
-  const Eigen::Matrix3d u = svd.matrixU();
+  const Eigen::Matrix3d& u = svd.matrixU();
   Eigen::Matrix3d vt = svd.matrixV().transpose();
   Eigen::Matrix3d w = u * vt;
   if (Eigen::PartialPivLU<Eigen::Matrix3d>(w).determinant() < 0.0) {
@@ -66,7 +66,7 @@ RigidFit FitRigid(const std::vector<Point3>& moved, const std::vector<Point3>& m
   }
   RigidFit fit;
   if (allowScale) {
-    const Eigen::Vector3d s = svd.singularValues();
+    const Eigen::Vector3d& s = svd.singularValues();
     fit.scale = (s[0] + s[1] + s[2]) / spread;
     w *= fit.scale;
   }
