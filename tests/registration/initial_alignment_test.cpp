@@ -16,6 +16,7 @@
 namespace {
 
 using zortest::LargestGap;
+using zortest::Register;
 
 using Registration = MUserOperatorStlRegistration;
 using namespace ZorStlRegistration::detail;
@@ -51,16 +52,6 @@ MMTransformMatrix LargePose() {
   MMTransformMatrix shift;
   shift.MakeTranslation(MMVector3d(25000, -40000, 12000));
   return pose.PreMultiply(shift);
-}
-
-MMTransformMatrix Register(Registration& r, const Registration::MParams& params, MStlBase* fixed, MStlBase* moving) {
-  r.SetAllParams(params);
-  r.SetFixedStl(fixed, nullptr);
-  r.SetMovingStl(moving, nullptr);
-  EXPECT_TRUE(r.Operate());
-  MMTransformMatrix result;
-  r.GetTransformation(result);
-  return result;
 }
 
 TEST(SolverTournament, FieldShrinksGeometricallyToOneWinner) {

@@ -52,15 +52,7 @@ struct RegistrationRun : ::testing::Test {
     moving->Transform(SmallPose());
     params.initialAlignment = Registration::AlignNone;
   }
-  MMTransformMatrix Run(Registration& r, MStlBase* f, MStlBase* m) {
-    r.SetAllParams(params);
-    r.SetFixedStl(f, nullptr);
-    r.SetMovingStl(m, nullptr);
-    EXPECT_TRUE(r.Operate());
-    MMTransformMatrix result;
-    r.GetTransformation(result);
-    return result;
-  }
+  MMTransformMatrix Run(Registration& r, MStlBase* f, MStlBase* m) { return zortest::Register(r, params, f, m); }
   std::unique_ptr<MStlBase> fixed, moving;
   Registration::MParams params;
 };

@@ -30,13 +30,7 @@ MMTransformMatrix Registered(MStlBase* fixed, const double* fixedPlacement, MStl
   params.overlapFraction = 1.0;
   params.errorTolerance = 0.005;
   Registration r;
-  r.SetAllParams(params);
-  r.SetFixedStl(fixed, fixedPlacement);
-  r.SetMovingStl(moving, movingPlacement);
-  EXPECT_TRUE(r.Operate());
-  MMTransformMatrix found;
-  r.GetTransformation(found);
-  return found;
+  return zortest::Register(r, params, fixed, moving, fixedPlacement, movingPlacement);
 }
 
 // Within 40 micrometres everywhere on an 80 mm body: a fraction of a degree would
@@ -119,12 +113,7 @@ TEST(PoseRecoveryNormals, NormalsAndFlippedNormalsEndToEnd) {
     params.flipNormals = flipNormals;
     params.overlapFraction = 1.0;
     Registration r;
-    r.SetAllParams(params);
-    r.SetFixedStl(body.get(), nullptr);
-    r.SetMovingStl(moving, start);
-    EXPECT_TRUE(r.Operate());
-    MMTransformMatrix found;
-    r.GetTransformation(found);
+    const MMTransformMatrix found = zortest::Register(r, params, body.get(), moving, nullptr, start);
     gap = LargestGap(*moving, found * pose.Inverted(), pose.Inverted());
     return r.GetError();
   };

@@ -3,8 +3,11 @@
 #include <algorithm>
 #include <cmath>
 
+#include <gtest/gtest.h>
+
 #include "zor/model/stl_base.h"
 #include "zor/model/transform.h"
+#include "zor/registration/user_operator_stl_registration.h"
 
 namespace zortest {
 
@@ -25,6 +28,20 @@ inline double LargestGap(const MStlBase& mesh, const MMTransformMatrix& a, const
     gap = std::max(gap, Length(p - q));
   }
   return gap;
+}
+
+// Runs `r` on the two meshes (each with an optional placement of 16 doubles) and
+// returns the transform it found; the run must report success.
+inline MMTransformMatrix Register(MUserOperatorStlRegistration& r, const MUserOperatorStlRegistration::MParams& params,
+                                  MStlBase* fixed, MStlBase* moving, const double* fixedPlacement = nullptr,
+                                  const double* movingPlacement = nullptr) {
+  r.SetAllParams(params);
+  r.SetFixedStl(fixed, fixedPlacement);
+  r.SetMovingStl(moving, movingPlacement);
+  EXPECT_TRUE(r.Operate());
+  MMTransformMatrix result;
+  r.GetTransformation(result);
+  return result;
 }
 
 }  // namespace zortest
