@@ -14,6 +14,7 @@
 #include "zor/model/stl_handles.h"
 #include "zor/model/stl_item.h"
 #include "zor/model/stl_iterators.h"
+#include "zor/model/stl_mask_adapter.h"
 #include "zor/model/stl_vector_mask_points.h"
 #include "zor/model/transform.h"
 #include "zor/model/unit.h"
