@@ -272,29 +272,56 @@ private:
   double query[3];
 };
 
+// Where a filtered search reads the unit normals of the tree's objects: from the
+// triangles themselves (computed at each read), or from an array in tree order that
+// holds what MStlTriangle::GetNormal gave for the same coordinates.
+class NormalsOfTriangles {
+public:
+  explicit NormalsOfTriangles(const std::vector<ZorMesh::StlBase::Handle::Triangle>& tris) : triangles(tris.data()) {}
+  MMVector3d operator()(std::uint32_t i) const { return triangles[i]->GetNormal(); }
+  void Prefetch(std::uint32_t begin, std::uint32_t end) const {
+    PrefetchBytes(triangles + begin, (end - begin) * sizeof(*triangles));
+  }
+
+private:
+  const ZorMesh::StlBase::Handle::Triangle* triangles;
+};
+
+class StoredNormals {
+public:
+  explicit StoredNormals(const MMVector3d* n) : normals(n) {}
+  const MMVector3d& operator()(std::uint32_t i) const { return normals[i]; }
+  void Prefetch(std::uint32_t begin, std::uint32_t end) const {
+    PrefetchBytes(normals + begin, (end - begin) * sizeof(*normals));
+  }
+
+private:
+  const MMVector3d* normals;
+};
+
 // Triangles whose normal lies within the cone of `normal` (unit): a triangle whose
 // normal has a dot product with it below `minCosine` counts as being at the largest
 // double, so a finite bound never finds it, and an unbounded search still does when
 // no triangle is compatible.
+template <typename Normals>
 class OrientedTriangleDistance {
 public:
-  OrientedTriangleDistance(const std::vector<ZorMesh::StlBase::Handle::Triangle>& tris, const TriangleCorners* c,
-                           const double* q, const double* normal, double minCos)
-      : triangles(tris.data()), plain(c, q), queryNormal{normal[0], normal[1], normal[2]}, minCosine(minCos) {}
+  OrientedTriangleDistance(Normals n, const TriangleCorners* c, const double* q, const double* normal, double minCos)
+      : normals(n), plain(c, q), queryNormal{normal[0], normal[1], normal[2]}, minCosine(minCos) {}
   const double* Query() const { return plain.Query(); }
   double operator()(std::uint32_t i) const {
-    const MMVector3d n = triangles[i]->GetNormal();
+    const MMVector3d& n = normals(i);
     const double cosine = n[0] * queryNormal[0] + n[1] * queryNormal[1] + n[2] * queryNormal[2];
     if (minCosine > cosine) return std::numeric_limits<double>::max();
     return plain(i);
   }
   void Prefetch(std::uint32_t begin, std::uint32_t end) const {
     plain.Prefetch(begin, end);
-    PrefetchBytes(triangles + begin, (end - begin) * sizeof(*triangles));
+    normals.Prefetch(begin, end);
   }
 
 private:
-  const ZorMesh::StlBase::Handle::Triangle* triangles;
+  Normals normals;
   TriangleObjectDistance plain;
   double queryNormal[3];
   double minCosine;

@@ -102,7 +102,7 @@ private:
   std::unique_ptr<TriangleTreeHolder> tree;
 };
 
-void TriangleTreeHolder::Build() {
+void TriangleTreeHolder::Build(bool keepNormals) {
   using Box = TriangleTree::boundingbox;
   const MStlFeature* feature = mesh.GetStl()->GetMainFeature();
   std::vector<const MStlSurface*> surfaces;
@@ -158,6 +158,14 @@ void TriangleTreeHolder::Build() {
       }
   };
   tbb::parallel_for(tbb::blocked_range<std::size_t>(0, ordered.size(), 4096), copyCorners);
+  normals.clear();
+  if (keepNormals) {
+    normals.resize(ordered.size());
+    const auto copyNormals = [&](const tbb::blocked_range<std::size_t>& r) {
+      for (std::size_t i = r.begin(); i != r.end(); ++i) normals[i] = ordered[i]->GetNormal();
+    };
+    tbb::parallel_for(tbb::blocked_range<std::size_t>(0, ordered.size(), 4096), copyNormals);
+  }
 }
 
 MMVector3d ClosestTriangle::GetClosestPoint() {
@@ -206,9 +214,16 @@ bool FindNearestTriangle(const TriangleTreeHolder& holder, const MMVector3d& que
 
 std::pair<Triangle, double> FindNearestOrientedTriangle(const TriangleTreeHolder& holder, const MMVector3d& query,
                                                         const MMVector3d& normal, double minCosine, double radius) {
-  const OrientedTriangleDistance distance(holder.GetTree().GetObjects(), holder.GetCorners(), query.Data(),
-                                          normal.Data(), minCosine);
-  const Triangle* found = Nearest(holder.GetTree(), distance, radius);
+  const Triangle* found = nullptr;
+  if (const MMVector3d* normals = holder.GetNormals()) {
+    const OrientedTriangleDistance<StoredNormals> distance(StoredNormals(normals), holder.GetCorners(), query.Data(),
+                                                           normal.Data(), minCosine);
+    found = Nearest(holder.GetTree(), distance, radius);
+  } else {
+    const OrientedTriangleDistance<NormalsOfTriangles> distance(
+        NormalsOfTriangles(holder.GetTree().GetObjects()), holder.GetCorners(), query.Data(), normal.Data(), minCosine);
+    found = Nearest(holder.GetTree(), distance, radius);
+  }
   return {found != nullptr ? *found : Triangle(), radius};
 }
 

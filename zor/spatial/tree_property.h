@@ -30,18 +30,27 @@ public:
   TriangleTreeHolder(const TriangleTreeHolder&) = delete;
   TriangleTreeHolder& operator=(const TriangleTreeHolder&) = delete;
 
-  // (Re)builds over the triangles of the mesh's main feature, in surface order.
-  void Build();
+  // (Re)builds over the triangles of the mesh's main feature, in surface order. With
+  // `keepNormals` the unit normals of the triangles are stored in tree order too, for
+  // filtered searches that read them many times.
+  void Build(bool keepNormals = false);
   MeshHandle GetMesh() const { return mesh; }
   const TriangleTree& GetTree() const { return tree; }
   const TriangleCorners* GetCorners() const { return corners.data(); }
-  std::size_t GetMemoryUsage() const { return tree.GetMemoryUsage() + corners.capacity() * sizeof(TriangleCorners); }
+  // MStlTriangle::GetNormal of each object as of the build, in tree order; null unless
+  // the build kept them.
+  const MMVector3d* GetNormals() const { return normals.empty() ? nullptr : normals.data(); }
+  std::size_t GetMemoryUsage() const {
+    return tree.GetMemoryUsage() + corners.capacity() * sizeof(TriangleCorners) +
+           normals.capacity() * sizeof(MMVector3d);
+  }
 
 private:
   MeshHandle mesh;
   detail::TreeParams params{4};
   TriangleTree tree;
   std::vector<TriangleCorners> corners;
+  std::vector<MMVector3d> normals;
 };
 
 // A nearest triangle and the closest point on it, computed when first asked for.
@@ -77,9 +86,8 @@ ZOR_SPATIAL_API std::pair<ZorMesh::StlBase::Handle::Triangle, double> FindNeares
 ZOR_SPATIAL_API bool FindNearestTriangle(const TriangleTreeHolder& holder, const MMVector3d& query, double radius,
                                          ClosestTriangle& result);
 // The nearest triangle whose normal has a dot product of at least `minCosine` with the
-// unit `normal`. Incompatible triangles count as lying at the largest double: with a
-// finite radius they are never found, with +infinity one is returned when no
-// compatible triangle exists.
+// unit `normal` (the stored normals when the holder kept them). Incompatible triangles count as lying at the largest
+// double: with a finite radius they are never found, with +infinity one is returned when no compatible triangle exists.
 ZOR_SPATIAL_API std::pair<ZorMesh::StlBase::Handle::Triangle, double> FindNearestOrientedTriangle(
     const TriangleTreeHolder& holder, const MMVector3d& query, const MMVector3d& normal, double minCosine,
     double radius);
