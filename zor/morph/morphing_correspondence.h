@@ -17,9 +17,9 @@
 //
 // Lifetime: both meshes and the caller's handles (held by reference) outlive the object.
 // The target must not change while the object lives: its tree and normals are made
-// once. The moving mesh may move its points between calls (not its topology during
-// one). Threading: an object is used by one thread at a time; the passes run in
-// parallel inside Operate, and the result does not depend on the thread count.
+// once. The moving mesh may move its points between calls, but not change its triangles. Threading: an object is used
+// by one thread at a time; the passes run in parallel inside Operate, and the result does not depend on the thread
+// count.
 
 #include <cstdint>
 #include <memory>
@@ -91,5 +91,11 @@ private:
   std::vector<Vertex> targetVertices;
   std::vector<MMVector3d> targetNormals;
   std::vector<double> targetMaxEdge2;
+  // The moving vertices in list order, listed at each Operate.
+  std::vector<Vertex> movingVertices;
+  // The triangle each query found at the pass before, where the next search starts:
+  // target tree objects by moving vertex, moving triangles by target vertex.
+  std::vector<std::uint32_t> mainHints;
+  std::vector<MStlTriangle*> dualHints;
   PassTimes passTimes;
 };

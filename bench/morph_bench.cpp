@@ -1,0 +1,209 @@
+// Speed and quality of the base morph with its defaults. Each case morphs a body onto a
+// known smooth deformation of itself (a bend, a twist or a local bump of a few percent of
+// the diagonal) that is tessellated differently (about 25% more triangles); the partial
+// case keeps 70% of the bumped target, so that the dual pass has target the moving mesh
+// does not reach.
+//
+//   bench_morph [--sizes 10000,100000] [--threads 1,2] [--cases bend,twist,bump,partial]
+//               [--bodies smooth,featured]
+//
+// Columns: iterations; milliseconds per iteration in the dual pass, the main pass, the
+// step and the smoothing; total seconds (setup and the first measurement included);
+// GetMaxDistance; the mean and largest distance of the morphed vertices to the target
+// surface and the share of them within distanceTolerance of it; triangles whose normal
+// turned by more than 90 degrees; and the mean distance of each vertex to where the
+// deformation takes it. Lengths in micrometres (internal units).
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+#include <tbb/task_arena.h>
+
+#include "tools/generators/bodies.h"
+#include "zor/model/stl.h"
+#include "zor/morph/wrapper_operator_morph.h"
+#include "zor/spatial/tree_property.h"
+
+namespace {
+
+using ZorStlRegistration::MWrapperOperatorBaseMorph;
+using Deformation = std::function<MMVector3d(const MMVector3d&)>;
+
+std::vector<long> ParseList(const char* text) {
+  std::vector<long> out;
+  for (const char* p = text; *p != '\0';) {
+    char* end = nullptr;
+    out.push_back(std::strtol(p, &end, 10));
+    if (end == p) break;
+    p = *end == ',' ? end + 1 : end;
+  }
+  return out;
+}
+
+struct Box {
+  MMVector3d centre, half;
+  double diagonal = 0.0;
+};
+
+Box BoxOf(const zorgen::MeshArrays& m) {
+  MMVector3d lo(1e300, 1e300, 1e300), hi(-1e300, -1e300, -1e300);
+  for (std::size_t i = 0; i < m.xyz.size(); i += 3)
+    for (int k = 0; k < 3; ++k) {
+      lo[k] = std::min(lo[k], m.xyz[i + k]);
+      hi[k] = std::max(hi[k], m.xyz[i + k]);
+    }
+  return Box{(lo + hi) * 0.5, (hi - lo) * 0.5, Length(hi - lo)};
+}
+
+// The deformations, each moving the surface by up to a few percent of the diagonal.
+Deformation MakeDeformation(const std::string& name, const Box& box) {
+  const double d = box.diagonal;
+  if (name == "bend")
+    return [box, a = 0.02 * d](const MMVector3d& p) {
+      const double u = (p[0] - box.centre[0]) / box.half[0];
+      return p + MMVector3d(0.0, 0.0, a * u * u);
+    };
+  if (name == "twist")
+    return [box, t = 0.02 * d / std::max(box.half[0], box.half[1])](const MMVector3d& p) {
+      const double angle = t * (p[2] - box.centre[2]) / box.half[2];
+      const double x = p[0] - box.centre[0], y = p[1] - box.centre[1];
+      return MMVector3d(box.centre[0] + x * std::cos(angle) - y * std::sin(angle),
+                        box.centre[1] + x * std::sin(angle) + y * std::cos(angle), p[2]);
+    };
+  // A bump along the ray from the centre, about the surface point on +x.
+  return [box, a = 0.03 * d, sigma = 0.12 * d](const MMVector3d& p) {
+    const MMVector3d top = box.centre + MMVector3d(box.half[0], 0.0, 0.0);
+    MMVector3d ray = p - box.centre;
+    Normalize(ray);
+    const MMVector3d off = p - top;
+    return p + ray * (a * std::exp(-Dot(off, off) / (2.0 * sigma * sigma)));
+  };
+}
+
+struct Row {
+  double iterations = 0, dual = 0, main = 0, step = 0, smoothing = 0, total = 0, maxDistance = 0;
+  double meanSurface = 0, maxSurface = 0, within = 0, meanTruth = 0;
+  long flipped = 0;
+};
+
+Row RunCase(zorgen::Shape shape, const std::string& name, long triangles, int threads) {
+  const zorgen::MeshArrays source = zorgen::MakeShape(shape, triangles);
+  zorgen::MeshArrays target = zorgen::MakeShape(shape, triangles + triangles / 4);
+  const Deformation deform = MakeDeformation(name == "partial" ? "bump" : name, BoxOf(source));
+  for (std::size_t i = 0; i < target.xyz.size(); i += 3) {
+    const MMVector3d q = deform(MMVector3d(target.xyz[i], target.xyz[i + 1], target.xyz[i + 2]));
+    for (int k = 0; k < 3; ++k) target.xyz[i + k] = std::round(q[k]);
+  }
+  std::unique_ptr<MStlBase> moving = zorgen::MakeMesh(source);
+  std::unique_ptr<MStlBase> fixed =
+      name == "partial" ? zorgen::MakeMovedCopy(target, MMTransformMatrix(), 0.7) : zorgen::MakeMesh(target);
+  std::vector<MStlPoint*> points;
+  std::vector<MMVector3d> truth;
+  for (MStlPoint* p = moving->GetFirstPoint(); p != nullptr; p = p->GetNext()) {
+    points.push_back(p);
+    truth.push_back(deform(p->GetDouble()));
+  }
+  std::vector<MMVector3d> normalsBefore;
+  for (auto it = moving->BeginTriangle(); it != moving->EndTriangle(); ++it)
+    normalsBefore.push_back(static_cast<const MStlTriangle*>(it)->GetNormal());
+
+  MWrapperOperatorBaseMorph morph(MWrapperOperatorBaseMorph::StlImpl(moving.get()),
+                                  MWrapperOperatorBaseMorph::StlImpl(fixed.get()));
+  tbb::task_arena arena(threads);
+  arena.execute([&] { morph.Operate(nullptr); });
+
+  Row row;
+  const MWrapperOperatorBaseMorph::StageTimes& t = morph.GetStageTimes();
+  row.iterations = static_cast<double>(t.iterations);
+  const double per = t.iterations > 0 ? 1000.0 / static_cast<double>(t.iterations) : 0.0;
+  row.dual = t.dualPass * per, row.main = t.mainPass * per, row.step = t.step * per, row.smoothing = t.smoothing * per;
+  row.total = t.total;
+  row.maxDistance = morph.GetMaxDistance();
+
+  std::vector<double> surface(points.size());
+  const MeshQueries::MeshHandle fixedHandle(fixed.get());
+  arena.execute([&] {
+    tbb::parallel_for(tbb::blocked_range<std::size_t>(0, points.size()), [&](const tbb::blocked_range<std::size_t>& r) {
+      for (std::size_t i = r.begin(); i != r.end(); ++i) {
+        MMVector3d closest;
+        MeshQueries::GetClosestPoint(fixedHandle, points[i]->GetDouble(), closest);
+        surface[i] = Length(closest - points[i]->GetDouble());
+      }
+    });
+  });
+  const double tolerance = morph.GetParams().distanceTolerance;
+  for (std::size_t i = 0; i < points.size(); ++i) {
+    row.meanSurface += surface[i];
+    row.maxSurface = std::max(row.maxSurface, surface[i]);
+    row.within += surface[i] < tolerance ? 1.0 : 0.0;
+    row.meanTruth += Length(points[i]->GetDouble() - truth[i]);
+  }
+  const double n = static_cast<double>(points.size());
+  row.meanSurface /= n, row.within *= 100.0 / n, row.meanTruth /= n;
+  std::size_t k = 0;
+  for (auto it = moving->BeginTriangle(); it != moving->EndTriangle(); ++it, ++k)
+    if (Dot(static_cast<const MStlTriangle*>(it)->GetNormal(), normalsBefore[k]) < 0.0) ++row.flipped;
+  return row;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<long> sizes = {10000, 100000}, threads = {1, 2};
+  std::vector<std::string> cases = {"bend", "twist", "bump", "partial"};
+  std::vector<zorgen::Shape> bodies = {zorgen::Shape::Smooth, zorgen::Shape::Featured};
+  for (int i = 1; i + 1 < argc; i += 2) {
+    const std::string flag = argv[i];
+    if (flag == "--sizes") {
+      sizes = ParseList(argv[i + 1]);
+    } else if (flag == "--threads") {
+      threads = ParseList(argv[i + 1]);
+    } else if (flag == "--bodies") {
+      const std::string list = argv[i + 1];
+      bodies.clear();
+      if (list.find("smooth") != std::string::npos) bodies.push_back(zorgen::Shape::Smooth);
+      if (list.find("featured") != std::string::npos) bodies.push_back(zorgen::Shape::Featured);
+    } else if (flag == "--cases") {
+      cases.clear();
+      for (std::string list = argv[i + 1]; !list.empty();) {
+        const std::size_t comma = list.find(',');
+        cases.push_back(list.substr(0, comma));
+        list = comma == std::string::npos ? "" : list.substr(comma + 1);
+      }
+    } else {
+      std::fprintf(stderr,
+                   "usage: bench_morph [--sizes N,..] [--threads T,..] [--cases bend,twist,bump,partial] "
+                   "[--bodies smooth,featured]\n");
+      return 2;
+    }
+  }
+  std::printf("base morph, defaults (tolerance 50 um); per-iteration times in ms; lengths in um\n");
+  std::printf(
+      "| body | case | triangles | threads | iter | dual | main | step | smooth | total s | GetMaxDistance | mean to "
+      "surface | max to surface | within %% | flipped | mean to truth |\n");
+  std::printf("|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|\n");
+  for (const zorgen::Shape shape : bodies)
+    for (const std::string& name : cases)
+      for (long size : sizes)
+        for (long t : threads) {
+          const Row r = RunCase(shape, name, size, static_cast<int>(t));
+          std::printf(
+              "| %s | %s | %ld | %ld | %.0f | %.1f | %.1f | %.1f | %.1f | %.2f | %.1f | %.2f | %.1f | %.2f | %ld | "
+              "%.1f |\n",
+              zorgen::ShapeName(shape), name.c_str(), size, t, r.iterations, r.dual, r.main, r.step, r.smoothing,
+              r.total, r.maxDistance, r.meanSurface, r.maxSurface, r.within, r.flipped, r.meanTruth);
+          std::fflush(stdout);
+        }
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  std::printf("\npeak resident memory: %.0f MB\n", static_cast<double>(usage.ru_maxrss) / 1024.0);
+  return 0;
+}
