@@ -204,6 +204,44 @@ TEST_F(ZorRegister, IcpRecoversAKnownPoseAndRefusesWhatHasNoAxis) {
   }
 }
 
+// The registered morph from files: a bumpy sphere under a pose and stretched, onto a
+// bent copy laid on other rows; the morphed file keeps the moving file's triangles, and
+// the deviation map holds a distance and a colour per vertex.
+TEST_F(ZorRegister, MorphLaysAMovedStretchedCopyOnItsBentTargetAndMapsTheDeviation) {
+  const double ie = MUnit::GetIE();
+  auto target = zorgen::MakeSphere(20000.0, 48, 96, 1500.0);
+  for (MStlPoint* p = target->GetFirstPoint(); p != nullptr; p = p->GetNext()) {
+    const double u = p->GetX() / 20000.0;
+    p->Set(MMVector3i(p->GetX(), p->GetY(), p->GetZ() + static_cast<std::int32_t>(std::lround(1500.0 * u * u))));
+  }
+  target->Update(65, true);
+  auto moving = zorgen::MakeSphere(20000.0, 44, 90, 1500.0);
+  moving->Rescale(1.03f, 0.98f, 1.0f, MMVector3i());
+  const MMTransformMatrix pose = zorgen::DrawPose(3, 30.0 * ie);
+  zortool::WriteMesh(*target, nullptr, 1.0, Path("target.stl"), false);
+  zortool::WriteMesh(*moving, &pose, 1.0, Path("moving.ply"), false);
+
+  const nlohmann::json report = ParseJson(Tool(
+      "morph moving.ply target.stl -o morphed.ply --json --tolerance 0.2 --smoothing-passes 2 --deviation map.ply"));
+  EXPECT_TRUE(report["registration_succeeded"].get<bool>());
+  EXPECT_GT(report["iterations"].get<int>(), 0);
+  EXPECT_TRUE(report["max_distance"].get<double>() <= 0.2 || report["fraction_within"].get<double>() >= 0.99);
+  EXPECT_EQ(report["moving"]["triangles"], moving->GetNumberOfTriangles());
+  EXPECT_GT(report["deviation"]["within_range"].get<double>(), 0.9);
+  EXPECT_LT(report["deviation"]["p95"].get<double>(), 0.3);
+  const nlohmann::json morphed = ParseJson(Tool("info morphed.ply --json"));
+  EXPECT_EQ(morphed["triangles"], moving->GetNumberOfTriangles());
+  EXPECT_EQ(morphed["points"], moving->NumberOfPoints());
+  const std::string map = Slurp("map.ply");
+  EXPECT_NE(map.find("property float quality\nproperty uchar red"), std::string::npos);
+  EXPECT_NE(map.find("element vertex " + std::to_string(moving->NumberOfPoints()) + "\n"), std::string::npos);
+
+  // Meshes that already agree: --no-register morphs nothing.
+  const nlohmann::json same = ParseJson(Tool("morph target.stl target.stl --no-register --json"));
+  EXPECT_EQ(same["iterations"], 0);
+  EXPECT_FALSE(same["registered"].get<bool>());
+}
+
 TEST_F(ZorRegister, DemoRunsWithNoArgumentsAndSavesMeshesThatAlignAgrees) {
   const Outcome plain = Tool("");
   ASSERT_EQ(plain.status, 0) << plain.err;
@@ -229,6 +267,7 @@ TEST_F(ZorRegister, BadInputExitsWithStatusTwoAndWritesNothing) {
   WriteText("empty.stl", "solid nothing\nendsolid nothing\n");
   WriteText("garbage.stl", "this is not a mesh\n");
   WriteText("far.off", "OFF\n3 1 0\n0 0 0\n3000000 0 0\n0 1 0\n3 0 1 2\n");
+  WriteText("flat.off", "OFF\n4 2 0\n0 0 0\n10 0 0\n10 10 0\n0 10 0\n3 0 1 2\n3 0 2 3\n");
   {
     // A binary STL whose second corner is not a number.
     std::ofstream nan(Path("nan.stl"), std::ios::binary);
@@ -259,6 +298,15 @@ TEST_F(ZorRegister, BadInputExitsWithStatusTwoAndWritesNothing) {
       {"align box.obj box.obj --overlap 1.5 -o out.stl", "--overlap: '1.5' is outside (0, 1]"},
       {"align box.obj box.obj --scale -2 -o out.stl", "--scale: '-2' is outside"},
       {"align box.obj box.obj -o out.xyz", "unknown format '.xyz'"},
+      {"morph flat.off box.obj -o out.stl", "'flat.off' is flat along z"},
+      {"morph box.obj flat.off -o out.stl", "'flat.off' is flat along z"},
+      {"morph missing.stl box.obj -o out.stl", "cannot read 'missing.stl'"},
+      {"morph box.obj box.obj --tolerance nan -o out.stl", "--tolerance: 'nan' is outside"},
+      {"morph box.obj box.obj --initial-step inf -o out.stl", "--initial-step: 'inf' is outside"},
+      {"morph box.obj box.obj --smoothing-passes -1 -o out.stl", "--smoothing-passes"},
+      {"align box.obj box.obj --deviation map.stl", "name it .ply"},
+      {"icp box.obj box.obj --deviation map.ply --deviation-range inf", "--deviation-range: 'inf' is outside"},
+      {"morph box.obj box.obj --deviation nowhere/map.ply", "no folder 'nowhere'"},
       {"convert box.obj nowhere/out.stl", "no folder 'nowhere'"},
       {"convert box.obj folder.stl", "cannot write 'folder.stl'"},  // fails at the rename
       {"frobnicate", "unknown command 'frobnicate'"},

@@ -16,6 +16,7 @@
 
 #include "tools/generators/bodies.h"
 #include "tools/generators/poses.h"
+#include "tools/zor-register/deviation.h"
 #include "tools/zor-register/mesh_files.h"
 #include "tools/zor-register/progress_bar.h"
 #include "zor/model/unit.h"
@@ -141,6 +142,52 @@ Json MeshJson(const std::string& path, const LoadedMesh& m) {
               {"degenerate_dropped", m.joined.trianglesSkipped}};
 }
 
+// The deviation map's path is checked before any work, so that a bad name costs nothing.
+void CheckDeviationPath(const DeviationOptions& deviation) {
+  if (deviation.path.empty()) return;
+  const std::string& path = deviation.path;
+  if (path.size() < 4 ||
+      (path.compare(path.size() - 4, 4, ".ply") != 0 && path.compare(path.size() - 4, 4, ".PLY") != 0))
+    throw InputError("--deviation '" + path + "': the deviation map is written as PLY; name it .ply");
+  CheckOutputPath(path);
+}
+
+// Writes the deviation map of `moving` (moved by `pose` when not null) against `fixed`
+// and gives its summary in file units; nothing when no map was asked for. The range
+// defaults to three times `reportedError` (file units), and to one grid step when that
+// is zero.
+std::optional<DeviationSummary> MakeDeviationMap(const DeviationOptions& deviation, const MStlBase& moving,
+                                                 const MMTransformMatrix* pose, const MStlBase& fixed,
+                                                 double reportedError, const CommonOptions& common) {
+  if (deviation.path.empty()) return std::nullopt;
+  const double gridPerFileUnit = common.scale * MUnit::GetIE();
+  double range = (deviation.range > 0.0 ? deviation.range : 3.0 * reportedError) * gridPerFileUnit;
+  if (!(range > 0.0)) range = 1.0;
+  const std::vector<double> distances = SignedDistances(moving, pose, fixed);
+  WriteDeviationMap(moving, pose, common.scale, deviation.path, distances, range);
+  DeviationSummary summary = SummariseDeviation(distances, range);
+  summary.range /= gridPerFileUnit;
+  summary.percentile95 /= gridPerFileUnit;
+  summary.largest /= gridPerFileUnit;
+  return summary;
+}
+
+void AddDeviation(Json& report, const DeviationOptions& deviation, const std::optional<DeviationSummary>& summary) {
+  if (!summary) return;
+  report["deviation"] = Json{{"map", deviation.path},
+                             {"range", summary->range},
+                             {"within_range", summary->withinShare},
+                             {"p95", summary->percentile95},
+                             {"largest", summary->largest}};
+}
+
+void PrintDeviation(const DeviationOptions& deviation, const std::optional<DeviationSummary>& summary) {
+  if (!summary) return;
+  std::printf("deviation %.2f%% of the vertices within +-%.6g file units; 95%% within %.6g, largest %.6g\n",
+              100.0 * summary->withinShare, summary->range, summary->percentile95, summary->largest);
+  std::printf("wrote     %s (deviation map: signed distance as vertex quality, and colours)\n", deviation.path.c_str());
+}
+
 }  // namespace
 
 Registration::MParams ToolDefaults() {
@@ -170,8 +217,9 @@ bool ParseStrategy(const std::string& name, Registration::MInitialAlignment& out
 }
 
 int RunAlign(const std::string& movingPath, const std::string& fixedPath, const std::string& output,
-             const Registration::MParams& params, const CommonOptions& common) {
+             const Registration::MParams& params, const DeviationOptions& deviation, const CommonOptions& common) {
   if (!output.empty()) CheckOutputPath(output);
+  CheckDeviationPath(deviation);
   const LoadedMesh moving = ReadMesh(movingPath, common.scale);
   Warn(common, moving.warnings);
   const LoadedMesh fixed = ReadMesh(fixedPath, common.scale);
@@ -188,6 +236,8 @@ int RunAlign(const std::string& movingPath, const std::string& fixedPath, const 
   const double toFile = 1.0 / (common.scale * MUnit::GetIE());
   const double error = registration.GetError() / common.scale;
   if (!output.empty()) WriteMesh(*moving.mesh, &transform, common.scale, output, common.ascii);
+  const std::optional<DeviationSummary> map =
+      MakeDeviationMap(deviation, *moving.mesh, &transform, *fixed.mesh, error, common);
 
   if (common.json) {
     Json report{{"moving", MeshJson(movingPath, moving)},
@@ -202,6 +252,7 @@ int RunAlign(const std::string& movingPath, const std::string& fixedPath, const 
                 {"seconds", StageTimesJson(registration.GetStageTimes())},
                 {"scale", common.scale}};
     if (!output.empty()) report["output"] = output;
+    AddDeviation(report, deviation, map);
     std::printf("%s\n", report.dump(2).c_str());
     return 0;
   }
@@ -215,13 +266,15 @@ int RunAlign(const std::string& movingPath, const std::string& fixedPath, const 
               static_cast<unsigned long long>(registration.GetInlierCount()));
   PrintStageTimes(registration.GetStageTimes());
   if (!output.empty()) std::printf("wrote     %s\n", output.c_str());
+  PrintDeviation(deviation, map);
   return 0;
 }
 
 int RunIcp(const std::string& movingPath, const std::string& fixedPath, const std::string& output,
-           const IcpOptions& options, const CommonOptions& common) {
+           const IcpOptions& options, const DeviationOptions& deviation, const CommonOptions& common) {
   using Icp = ZorStlRegistration::MStlBaseOperatorRegistrationICP;
   if (!output.empty()) CheckOutputPath(output);
+  CheckDeviationPath(deviation);
   const LoadedMesh moving = ReadMesh(movingPath, common.scale);
   Warn(common, moving.warnings);
   const LoadedMesh fixed = ReadMesh(fixedPath, common.scale);
@@ -263,6 +316,8 @@ int RunIcp(const std::string& movingPath, const std::string& fixedPath, const st
   const double toFile = 1.0 / (common.scale * ie);
   const double rms = icp.GetRMSError() * toFile;
   if (!output.empty()) WriteMesh(*moving.mesh, &transform, common.scale, output, common.ascii);
+  const std::optional<DeviationSummary> map =
+      MakeDeviationMap(deviation, *moving.mesh, &transform, *fixed.mesh, rms, common);
   const Icp::StageTimes& t = icp.GetStageTimes();
   const std::uint64_t starts = p.multiStart ? p.directionCount * p.rotationCount : 1;
   const bool refined = p.multiStart && p.refine && p.refineFactor != 0;
@@ -286,6 +341,7 @@ int RunIcp(const std::string& movingPath, const std::string& fixedPath, const st
                                  {"total", t.total}}},
                 {"scale", common.scale}};
     if (!output.empty()) report["output"] = output;
+    AddDeviation(report, deviation, map);
     std::printf("%s\n", report.dump(2).c_str());
     return 0;
   }
@@ -304,6 +360,125 @@ int RunIcp(const std::string& movingPath, const std::string& fixedPath, const st
   std::printf("time      %.3f s (sampling %.3f, tree %.3f, analysis %.3f, search %.3f, refinement %.3f)\n", t.total,
               t.sampling, t.tree, t.analysis, t.search, t.refinement);
   if (!output.empty()) std::printf("wrote     %s\n", output.c_str());
+  PrintDeviation(deviation, map);
+  return 0;
+}
+
+namespace {
+
+// The axis (0, 1, 2) along which `mesh` has no extent, or -1.
+int FlatAxis(const MStlBase& mesh) {
+  if (mesh.GetXMax() == mesh.GetXMin()) return 0;
+  if (mesh.GetYMax() == mesh.GetYMin()) return 1;
+  if (mesh.GetZMax() == mesh.GetZMin()) return 2;
+  return -1;
+}
+
+}  // namespace
+
+int RunMorph(const std::string& movingPath, const std::string& targetPath, const std::string& output,
+             const MorphOptions& options, const DeviationOptions& deviation, const CommonOptions& common) {
+  using ZorStlRegistration::MWrapperOperatorBaseMorph;
+  using ZorStlRegistration::MWrapperOperatorMorph;
+  if (!output.empty()) CheckOutputPath(output);
+  CheckDeviationPath(deviation);
+  const LoadedMesh moving = ReadMesh(movingPath, common.scale);
+  Warn(common, moving.warnings);
+  const LoadedMesh target = ReadMesh(targetPath, common.scale);
+  Warn(common, target.warnings);
+  if (options.registerFirst)
+    for (const auto& [path, mesh] : {std::pair{&movingPath, &moving}, std::pair{&targetPath, &target}})
+      if (const int axis = FlatAxis(*mesh->mesh); axis >= 0)
+        throw InputError("'" + *path + "' is flat along " + "xyz"[axis] +
+                         ": its box cannot be scaled to the other's; use --no-register on meshes that already "
+                         "lie together");
+
+  const double ie = MUnit::GetIE();
+  const double toFile = 1.0 / (common.scale * ie);
+  MWrapperOperatorBaseMorph::SParams params = options.params;
+  params.distanceTolerance = options.toleranceMm * ie;
+  const MWrapperOperatorBaseMorph::StlImpl movingHandle(moving.mesh.get()), targetHandle(target.mesh.get());
+  MWrapperOperatorMorph registered(movingHandle, targetHandle);
+  MWrapperOperatorBaseMorph alone(movingHandle, targetHandle);
+  std::shared_ptr<ZorSDK::Common::IProgressDelegate> bar;
+  if (!common.quiet && isatty(STDERR_FILENO)) bar = std::make_shared<ProgressBar>();
+  {
+    const auto limit = LimitThreads(common.threads);
+    try {
+      if (options.registerFirst) {
+        registered.SetMorphParams(params);
+        registered.Operate(bar);
+      } else {
+        alone.SetParams(params);
+        alone.Operate(bar);
+      }
+    } catch (const std::out_of_range& e) {
+      throw InputError(std::string("the morph carried the moving mesh off the 32-bit grid (") + e.what() +
+                       "); try a smaller --scale");
+    }
+  }
+  const MWrapperOperatorBaseMorph& morph = options.registerFirst ? registered.GetMorph() : alone;
+  const MWrapperOperatorBaseMorph::StageTimes& m = morph.GetStageTimes();
+  const MWrapperOperatorMorph::StageTimes& r = registered.GetStageTimes();
+  const double largest = morph.GetMaxDistance() * toFile;
+  if (!output.empty()) WriteMesh(*moving.mesh, nullptr, common.scale, output, common.ascii);
+  const std::optional<DeviationSummary> map =
+      MakeDeviationMap(deviation, *moving.mesh, nullptr, *target.mesh, largest, common);
+
+  const Json morphSeconds{{"setup", m.setup}, {"dual_pass", m.dualPass},  {"main_pass", m.mainPass},
+                          {"step", m.step},   {"smoothing", m.smoothing}, {"statistics", m.statistics},
+                          {"total", m.total}};
+  if (common.json) {
+    Json report{{"moving", MeshJson(movingPath, moving)},
+                {"target", MeshJson(targetPath, target)},
+                {"registered", options.registerFirst},
+                {"max_distance", largest},
+                {"mean_distance", morph.GetMeanDistance() * toFile},
+                {"fraction_within", morph.GetFractionWithin()},
+                {"tolerance", params.distanceTolerance * toFile},
+                {"iterations", m.iterations}};
+    if (options.registerFirst) {
+      report["registration_succeeded"] = registered.GetRegistrationSucceeded();
+      report["registration"] = TransformJson(registered.GetRegistration(), toFile);
+      report["scales"] = {registered.GetScales()[0], registered.GetScales()[1], registered.GetScales()[2]};
+      report["icp"] = TransformJson(registered.GetIcpTransform(), toFile);
+      report["seconds"] = Json{{"registration", r.registration},
+                               {"scaling", r.scaling},
+                               {"icp", r.icp},
+                               {"morph", morphSeconds},
+                               {"total", r.total}};
+    } else {
+      report["seconds"] = Json{{"morph", morphSeconds}, {"total", m.total}};
+    }
+    report["scale"] = common.scale;
+    if (!output.empty()) report["output"] = output;
+    AddDeviation(report, deviation, map);
+    std::printf("%s\n", report.dump(2).c_str());
+    return 0;
+  }
+  std::printf("%-9s %s: %zu points, %zu triangles\n", "moving", movingPath.c_str(), moving.mesh->NumberOfPoints(),
+              moving.mesh->GetNumberOfTriangles());
+  std::printf("%-9s %s: %zu points, %zu triangles\n", "target", targetPath.c_str(), target.mesh->NumberOfPoints(),
+              target.mesh->GetNumberOfTriangles());
+  if (options.registerFirst) {
+    const float* scales = registered.GetScales();
+    std::printf("register  %s; scaled by %.5f, %.5f, %.5f to the target's box; then ICP\n",
+                registered.GetRegistrationSucceeded() ? "registered" : "registration failed, kept the placement",
+                scales[0], scales[1], scales[2]);
+  }
+  std::printf(
+      "morph     %zu iterations; largest remaining displacement %.6g file units, mean %.6g; %.2f%% within %.6g\n",
+      m.iterations, largest, morph.GetMeanDistance() * toFile, 100.0 * morph.GetFractionWithin(),
+      params.distanceTolerance * toFile);
+  if (options.registerFirst)
+    std::printf("time      %.3f s (registration %.3f, scaling %.3f, ICP %.3f, morph %.3f: ", r.total, r.registration,
+                r.scaling, r.icp, r.morph);
+  else
+    std::printf("time      %.3f s (morph: ", m.total);
+  std::printf("setup %.3f, dual passes %.3f, main passes %.3f, steps %.3f, smoothing %.3f)\n", m.setup, m.dualPass,
+              m.mainPass, m.step, m.smoothing);
+  if (!output.empty()) std::printf("wrote     %s\n", output.c_str());
+  PrintDeviation(deviation, map);
   return 0;
 }
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "zor/icp/stl_base_operator_registration_icp.h"
+#include "zor/morph/wrapper_operator_morph.h"
 #include "zor/registration/user_operator_stl_registration.h"
 
 namespace zortool {
@@ -28,8 +29,15 @@ MUserOperatorStlRegistration::MParams ToolDefaults();
 const char* StrategyName(MUserOperatorStlRegistration::MInitialAlignment a);
 bool ParseStrategy(const std::string& name, MUserOperatorStlRegistration::MInitialAlignment& out);
 
+// A deviation map of the result (see deviation.h), written when `path` is not empty.
+struct DeviationOptions {
+  std::string path;    // must end in .ply
+  double range = 0.0;  // file units; 0: three times the error the command reports
+};
+
 int RunAlign(const std::string& moving, const std::string& fixed, const std::string& output,
-             const MUserOperatorStlRegistration::MParams& params, const CommonOptions& common);
+             const MUserOperatorStlRegistration::MParams& params, const DeviationOptions& deviation,
+             const CommonOptions& common);
 
 // The multi-start ICP as the tool runs it: the operator's parameters (meshes aside),
 // with its lengths in millimetres.
@@ -39,7 +47,17 @@ struct IcpOptions {
   std::vector<double> initial;  // 16 values, row-major, shift in file units; empty: the identity
 };
 int RunIcp(const std::string& moving, const std::string& fixed, const std::string& output, const IcpOptions& options,
-           const CommonOptions& common);
+           const DeviationOptions& deviation, const CommonOptions& common);
+
+// The morph as the tool runs it: the base morph's parameters, its tolerance in
+// millimetres, and whether the meshes are registered and scaled first.
+struct MorphOptions {
+  ZorStlRegistration::MWrapperOperatorBaseMorph::SParams params;  // distanceTolerance comes from toleranceMm
+  double toleranceMm = 0.05;
+  bool registerFirst = true;
+};
+int RunMorph(const std::string& moving, const std::string& target, const std::string& output,
+             const MorphOptions& options, const DeviationOptions& deviation, const CommonOptions& common);
 
 struct DemoOptions {
   std::uint64_t seed = 1;

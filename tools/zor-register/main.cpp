@@ -2,8 +2,10 @@
 //
 //   zor-register align MOVING FIXED [-o MOVED] [--json] [registration options]
 //   zor-register icp MOVING FIXED [-o MOVED] [--json] [ICP options]
-//   zor-register demo [--seed N] [--save DIR]        (also what runs with no
-//   arguments) zor-register info FILE | convert IN OUT
+//   zor-register morph MOVING TARGET [-o MORPHED] [--no-register] [morph options]
+//   zor-register demo [--seed N] [--save DIR]        (also what runs with no arguments)
+//   zor-register info FILE | convert IN OUT
+// align, icp and morph also write a deviation map with --deviation MAP.ply.
 //
 // Exit status: 0 done, 1 an unexpected failure, 2 bad input (one line on
 // stderr; no output file is left behind).
@@ -126,6 +128,38 @@ void AddIcpOptions(CLI::App& cmd, IcpOptions& o) {
   count("--refine-factor", p.refineFactor, "How many times larger that sample is", 1);
 }
 
+void AddDeviationOptions(CLI::App& cmd, DeviationOptions& d) {
+  cmd.add_option("--deviation", d.path,
+                 "Also write the result as a deviation map: binary PLY with each vertex's signed distance to the "
+                 "fixed surface (positive outside, file units) as quality, and colours")
+      ->group("Deviation map");
+  cmd.add_option("--deviation-range", d.range,
+                 "Distance (file units) within which the map is green; default 3 times the reported error")
+      ->check(Within(0.0, HUGE_VAL, true))
+      ->group("Deviation map");
+}
+
+void AddMorphOptions(CLI::App& cmd, MorphOptions& o) {
+  ZorStlRegistration::MWrapperOperatorBaseMorph::SParams& p = o.params;
+  const auto number = [&](const char* name, double& field, const char* help, double low, double high, bool openLow) {
+    cmd.add_option(name, field, help)->check(Within(low, high, openLow))->capture_default_str()->group("Morph");
+  };
+  cmd.add_flag("!--no-register", o.registerFirst, "Morph the meshes as they lie: no registration, scaling or ICP first")
+      ->group("Morph");
+  number("--tolerance", o.toleranceMm, "A vertex has arrived when its displacement is shorter than this (mm)", 0.0,
+         HUGE_VAL, true);
+  number("--target-fraction", p.targetFraction, "Stop once this share of the vertices has arrived", 0.0, 1.0, true);
+  number("--initial-step", p.initialStep, "Share of the displacement the first step applies", 0.0, 1.0, true);
+  number("--step-retention", p.stepRetention, "Share of the way to a whole step that each step keeps missing", 0.0, 1.0,
+         false);
+  number("--normal-angle", p.normalAngle, "Largest angle between a vertex's and a target triangle's normal (degrees)",
+         0.0, 180.0, false);
+  cmd.add_option("--smoothing-passes", p.smoothingPasses, "Smoothing passes after each step")
+      ->check(Within(0.0, 1000.0, false))
+      ->capture_default_str()
+      ->group("Morph");
+}
+
 int Fail(int status, const std::string& message) {
   std::fprintf(stderr, "zor-register: %s\n", message.c_str());
   return status;
@@ -152,6 +186,8 @@ int Run(int argc, char** argv) {
   align->add_flag("--ascii", common.ascii, "Write STL and PLY as text rather than binary");
   AddCommonOptions(*align, common, true);
   AddRegistrationOptions(*align, alignParams, alignStrategy);
+  DeviationOptions deviation;
+  AddDeviationOptions(*align, deviation);
 
   IcpOptions icpOptions;
   std::string icpMoving, icpFixed, icpOutput;
@@ -163,6 +199,20 @@ int Run(int argc, char** argv) {
   icp->add_flag("--ascii", common.ascii, "Write STL and PLY as text rather than binary");
   AddCommonOptions(*icp, common, true);
   AddIcpOptions(*icp, icpOptions);
+  AddDeviationOptions(*icp, deviation);
+
+  MorphOptions morphOptions;
+  std::string morphMoving, morphTarget, morphOutput;
+  CLI::App* morph = app.add_subcommand(
+      "morph",
+      "Register MOVING onto TARGET, scale it to TARGET's box and deform it onto TARGET, keeping its triangles");
+  morph->add_option("MOVING", morphMoving, "The mesh to deform")->required();
+  morph->add_option("TARGET", morphTarget, "The mesh it is deformed onto")->required();
+  morph->add_option("-o,--output", morphOutput, "Write MOVING, morphed, to this file (.stl, .ply, .obj or .off)");
+  morph->add_flag("--ascii", common.ascii, "Write STL and PLY as text rather than binary");
+  AddCommonOptions(*morph, common, true);
+  AddMorphOptions(*morph, morphOptions);
+  AddDeviationOptions(*morph, deviation);
 
   DemoOptions demo;
   Registration::MParams demoParams = DemoDefaults();
@@ -198,8 +248,9 @@ int Run(int argc, char** argv) {
     args.push_back("--help");
   }
   const std::string& first = args[0];
-  if (first[0] != '-' && first != "align" && first != "icp" && first != "demo" && first != "info" && first != "convert")
-    return Fail(2, "unknown command '" + first + "' (align, icp, demo, info, convert; --help lists them)");
+  if (first[0] != '-' && first != "align" && first != "icp" && first != "morph" && first != "demo" && first != "info" &&
+      first != "convert")
+    return Fail(2, "unknown command '" + first + "' (align, icp, morph, demo, info, convert; --help lists them)");
   try {
     std::reverse(args.begin(), args.end());  // the parser takes its arguments last first
     app.parse(args);
@@ -211,9 +262,10 @@ int Run(int argc, char** argv) {
 
   if (*align) {
     ParseStrategy(alignStrategy, alignParams.initialAlignment);
-    return RunAlign(moving, fixed, output, alignParams, common);
+    return RunAlign(moving, fixed, output, alignParams, deviation, common);
   }
-  if (*icp) return RunIcp(icpMoving, icpFixed, icpOutput, icpOptions, common);
+  if (*icp) return RunIcp(icpMoving, icpFixed, icpOutput, icpOptions, deviation, common);
+  if (*morph) return RunMorph(morphMoving, morphTarget, morphOutput, morphOptions, deviation, common);
   if (*demoCmd) {
     ParseStrategy(demoStrategy, demoParams.initialAlignment);
     return RunDemo(demo, demoParams, common);

@@ -20,6 +20,7 @@
 #include <assimp/postprocess.h>
 #include <assimp/scene.h>
 
+#include "tools/zor-register/deviation.h"
 #include "zor/model/stl_iterators.h"
 #include "zor/model/unit.h"
 
@@ -249,26 +250,74 @@ private:
 
 }  // namespace
 
-void WriteMesh(const MStlBase& mesh, const MMTransformMatrix* pose, double scale, const std::string& path, bool ascii) {
-  const MeshFormat format = CheckOutputPath(path);
+namespace {
+
+// A mesh as a file holds it: points in list order, moved and in file units, and the
+// triangles' corners as numbers into them.
+struct FileGeometry {
+  std::vector<MMVector3d> points;
+  std::vector<std::uint32_t> triangles;
+};
+
+FileGeometry InFileUnits(const MStlBase& mesh, const MMTransformMatrix* pose, double scale) {
   // Divided rather than multiplied by the reciprocal: grid points then print as
   // the short decimals they are (29144 / 1000 is 29.144; 29144 * 0.001 is not).
   const double gridPerFileUnit = scale * MUnit::GetIE();
-
-  // Points numbered in list order, moved and in file units.
+  FileGeometry g;
   std::vector<std::uint32_t> number(mesh.GetMasks().GetPointMaskSize());
-  std::vector<MMVector3d> points;
-  points.reserve(mesh.NumberOfPoints());
+  g.points.reserve(mesh.NumberOfPoints());
   for (auto it = mesh.BeginPoint(); it != mesh.EndPoint(); ++it) {
-    number[it->GetMaskIndex()] = static_cast<std::uint32_t>(points.size());
+    number[it->GetMaskIndex()] = static_cast<std::uint32_t>(g.points.size());
     MMVector3d p = it->GetDouble();
     if (pose != nullptr) pose->Transform(p, false);
-    points.emplace_back(p[0] / gridPerFileUnit, p[1] / gridPerFileUnit, p[2] / gridPerFileUnit);
+    g.points.emplace_back(p[0] / gridPerFileUnit, p[1] / gridPerFileUnit, p[2] / gridPerFileUnit);
   }
-  std::vector<std::uint32_t> triangles;
-  triangles.reserve(3 * mesh.GetNumberOfTriangles());
+  g.triangles.reserve(3 * mesh.GetNumberOfTriangles());
   for (auto it = mesh.BeginTriangle(); it != mesh.EndTriangle(); ++it)
-    for (std::size_t k = 0; k < 3; ++k) triangles.push_back(number[it->GetPoint(k)->GetMaskIndex()]);
+    for (std::size_t k = 0; k < 3; ++k) g.triangles.push_back(number[it->GetPoint(k)->GetMaskIndex()]);
+  return g;
+}
+
+}  // namespace
+
+void WriteDeviationMap(const MStlBase& mesh, const MMTransformMatrix* pose, double scale, const std::string& path,
+                       const std::vector<double>& distances, double range) {
+  const std::string extension = LowerExtension(path);
+  if (extension != ".ply") throw InputError("the deviation map " + Quoted(path) + " must be a .ply file");
+  CheckOutputPath(path);
+  const FileGeometry g = InFileUnits(mesh, pose, scale);
+  if (distances.size() != g.points.size())
+    throw std::logic_error("WriteDeviationMap: one distance per point is needed");
+  const double gridPerFileUnit = scale * MUnit::GetIE();
+  AtomicFile out(path);
+  out.Append("ply\nformat binary_little_endian 1.0\ncomment deviation map written by zor-register\n");
+  out.Append("comment quality: signed distance to the fixed surface in file units, positive outside\n");
+  out.Append("comment colours: green within ");
+  out.Append(range / gridPerFileUnit);
+  out.Append(" file units, yellow to red above, cyan to blue below\nelement vertex ");
+  out.Append(std::uint64_t{g.points.size()});
+  out.Append(
+      "\nproperty float x\nproperty float y\nproperty float z\nproperty float quality\n"
+      "property uchar red\nproperty uchar green\nproperty uchar blue\nelement face ");
+  out.Append(std::uint64_t{g.triangles.size() / 3});
+  out.Append("\nproperty list uchar uint vertex_indices\nend_header\n");
+  for (std::size_t i = 0; i < g.points.size(); ++i) {
+    for (int k = 0; k < 3; ++k) out.AppendRaw(static_cast<float>(g.points[i][k]));
+    out.AppendRaw(static_cast<float>(distances[i] / gridPerFileUnit));
+    for (const std::uint8_t c : DeviationColour(distances[i], range)) out.AppendRaw(c);
+  }
+  for (std::size_t t = 0; t < g.triangles.size(); t += 3) {
+    out.AppendRaw(std::uint8_t{3});
+    for (int k = 0; k < 3; ++k) out.AppendRaw(g.triangles[t + k]);
+  }
+  out.Commit();
+}
+
+void WriteMesh(const MStlBase& mesh, const MMTransformMatrix* pose, double scale, const std::string& path, bool ascii) {
+  const MeshFormat format = CheckOutputPath(path);
+  FileGeometry g = InFileUnits(mesh, pose, scale);
+  const std::vector<MMVector3d>& points = g.points;
+  const std::vector<std::uint32_t>& triangles = g.triangles;
   const std::uint64_t pointCount = points.size(), triangleCount = triangles.size() / 3;
 
   AtomicFile out(path);

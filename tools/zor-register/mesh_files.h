@@ -59,4 +59,12 @@ MeshFormat CheckOutputPath(const std::string& path);
 // Throws InputError when the file cannot be written.
 void WriteMesh(const MStlBase& mesh, const MMTransformMatrix* pose, double scale, const std::string& path, bool ascii);
 
+// Writes the deviation map: `mesh` (moved by `pose` when not null) as binary PLY with
+// each vertex's signed distance (`distances`, internal units, one per point in list
+// order) as a float `quality` in file units and its colour (see DeviationColour, with
+// `range` in internal units). Throws InputError unless `path` ends in .ply, and as
+// WriteMesh.
+void WriteDeviationMap(const MStlBase& mesh, const MMTransformMatrix* pose, double scale, const std::string& path,
+                       const std::vector<double>& distances, double range);
+
 }  // namespace zortool
