@@ -9,7 +9,11 @@
 // only runs when asked for.
 //
 //   bench_morph [--sizes 10000,200000] [--threads 1,2] [--bodies smooth,featured]
-//               [--cases bend,twist,bump,partial-moving,partial-target]
+//               [--cases bend,twist,bump,partial-moving,partial-target] [--registered]
+//
+// --registered runs the whole registered morph (MWrapperOperatorMorph) instead, on the
+// moving body scaled by a few percent per axis and placed under a seeded pose, and
+// prints the time of its stages: registration, scaling, second ICP, morph.
 //
 // Columns: iterations; milliseconds per iteration in the dual pass, the main pass, the
 // step and the smoothing; total seconds (setup and the first measurement included);
@@ -32,7 +36,9 @@
 #include <tbb/task_arena.h>
 
 #include "tools/generators/bodies.h"
+#include "tools/generators/poses.h"
 #include "zor/model/stl.h"
+#include "zor/morph/detail/registered_morph.h"
 #include "zor/morph/wrapper_operator_morph.h"
 #include "zor/spatial/tree_property.h"
 
@@ -93,12 +99,13 @@ Deformation MakeDeformation(const std::string& name, const Box& box) {
 }
 
 struct Row {
+  double registration = 0, scaling = 0, icp = 0, morph = 0;  // seconds, registered runs only
   double iterations = 0, dual = 0, main = 0, step = 0, smoothing = 0, total = 0, maxDistance = 0;
   double meanSurface = 0, maxSurface = 0, within = 0, meanTruth = 0;
   long flipped = 0;
 };
 
-Row RunCase(zorgen::Shape shape, const std::string& name, long triangles, int threads) {
+Row RunCase(zorgen::Shape shape, const std::string& name, long triangles, int threads, bool registered) {
   const zorgen::MeshArrays source = zorgen::MakeShape(shape, triangles);
   zorgen::MeshArrays target = zorgen::MakeShape(shape, triangles + triangles / 4);
   const bool partialTarget = name == "partial-target", partialMoving = name == "partial-moving";
@@ -121,17 +128,30 @@ Row RunCase(zorgen::Shape shape, const std::string& name, long triangles, int th
   for (auto it = moving->BeginTriangle(); it != moving->EndTriangle(); ++it)
     normalsBefore.push_back(static_cast<const MStlTriangle*>(it)->GetNormal());
 
-  MWrapperOperatorBaseMorph morph(MWrapperOperatorBaseMorph::StlImpl(moving.get()),
-                                  MWrapperOperatorBaseMorph::StlImpl(fixed.get()));
   tbb::task_arena arena(threads);
-  arena.execute([&] { morph.Operate(nullptr); });
-
   Row row;
+  MWrapperOperatorBaseMorph alone(MWrapperOperatorBaseMorph::StlImpl(moving.get()),
+                                  MWrapperOperatorBaseMorph::StlImpl(fixed.get()));
+  ZorStlRegistration::MWrapperOperatorMorph whole(MWrapperOperatorBaseMorph::StlImpl(moving.get()),
+                                                  MWrapperOperatorBaseMorph::StlImpl(fixed.get()));
+  if (registered) {
+    // A few percent of scale per axis and a pose drawn from the size: the whole call
+    // has to find its way back.
+    moving->Rescale(1.03f, 0.98f, 1.02f, MMVector3i());
+    ZorStlRegistration::detail::ApplyTransform(
+        *moving, zorgen::DrawPose(static_cast<std::uint64_t>(triangles), 0.2 * BoxOf(source).diagonal));
+    arena.execute([&] { whole.Operate(nullptr); });
+    const auto& w = whole.GetStageTimes();
+    row.registration = w.registration, row.scaling = w.scaling, row.icp = w.icp, row.morph = w.morph;
+  } else {
+    arena.execute([&] { alone.Operate(nullptr); });
+  }
+  const MWrapperOperatorBaseMorph& morph = registered ? whole.GetMorph() : alone;
   const MWrapperOperatorBaseMorph::StageTimes& t = morph.GetStageTimes();
   row.iterations = static_cast<double>(t.iterations);
   const double per = t.iterations > 0 ? 1000.0 / static_cast<double>(t.iterations) : 0.0;
   row.dual = t.dualPass * per, row.main = t.mainPass * per, row.step = t.step * per, row.smoothing = t.smoothing * per;
-  row.total = t.total;
+  row.total = registered ? whole.GetStageTimes().total : t.total;
   row.maxDistance = morph.GetMaxDistance();
 
   std::vector<double> surface(points.size());
@@ -166,9 +186,18 @@ int main(int argc, char** argv) {
   std::vector<long> sizes = {10000, 200000}, threads = {1, 2};
   std::vector<std::string> cases = {"bend", "twist", "bump", "partial-moving"};
   std::vector<zorgen::Shape> bodies = {zorgen::Shape::Smooth, zorgen::Shape::Featured};
-  for (int i = 1; i + 1 < argc; i += 2) {
+  bool registered = false;
+  for (int i = 1; i < argc; i += 2) {
     const std::string flag = argv[i];
-    if (flag == "--sizes") {
+    if (flag == "--registered") {
+      registered = true;
+      --i;
+      continue;
+    }
+    if (i + 1 >= argc) {
+      std::fprintf(stderr, "bench_morph: %s needs a value\n", argv[i]);
+      return 2;
+    } else if (flag == "--sizes") {
       sizes = ParseList(argv[i + 1]);
     } else if (flag == "--threads") {
       threads = ParseList(argv[i + 1]);
@@ -187,25 +216,34 @@ int main(int argc, char** argv) {
     } else {
       std::fprintf(stderr,
                    "usage: bench_morph [--sizes N,..] [--threads T,..] [--bodies smooth,featured] "
-                   "[--cases bend,twist,bump,partial-moving,partial-target]\n");
+                   "[--cases bend,twist,bump,partial-moving,partial-target] [--registered]\n");
       return 2;
     }
   }
-  std::printf("base morph, defaults (tolerance 50 um); per-iteration times in ms; lengths in um\n");
-  std::printf(
-      "| body | case | triangles | threads | iter | dual | main | step | smooth | total s | GetMaxDistance | mean to "
-      "surface | max to surface | within %% | flipped | mean to truth |\n");
-  std::printf("|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|\n");
+  if (registered)
+    std::printf(
+        "registered morph (MWrapperOperatorMorph), defaults; the moving body scaled by 1.03, 0.98, 1.02 and under a "
+        "seeded pose; stage times in s; lengths in um\n| body | case | triangles | threads | registration | scaling | "
+        "icp | morph | iter | total s | GetMaxDistance | mean to surface | max to surface | within %% | flipped | mean "
+        "to truth |\n|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|\n");
+  else
+    std::printf(
+        "base morph, defaults (tolerance 50 um); per-iteration times in ms; lengths in um\n| body | case | triangles "
+        "| threads | iter | dual | main | step | smooth | total s | GetMaxDistance | mean to surface | max to surface "
+        "| "
+        "within %% | flipped | mean to truth |\n|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|\n");
   for (const zorgen::Shape shape : bodies)
     for (const std::string& name : cases)
       for (long size : sizes)
         for (long t : threads) {
-          const Row r = RunCase(shape, name, size, static_cast<int>(t));
-          std::printf(
-              "| %s | %s | %ld | %ld | %.0f | %.1f | %.1f | %.1f | %.1f | %.2f | %.1f | %.2f | %.1f | %.2f | %ld | "
-              "%.1f |\n",
-              zorgen::ShapeName(shape), name.c_str(), size, t, r.iterations, r.dual, r.main, r.step, r.smoothing,
-              r.total, r.maxDistance, r.meanSurface, r.maxSurface, r.within, r.flipped, r.meanTruth);
+          const Row r = RunCase(shape, name, size, static_cast<int>(t), registered);
+          std::printf("| %s | %s | %ld | %ld | ", zorgen::ShapeName(shape), name.c_str(), size, t);
+          if (registered)
+            std::printf("%.2f | %.3f | %.2f | %.2f | %.0f | ", r.registration, r.scaling, r.icp, r.morph, r.iterations);
+          else
+            std::printf("%.0f | %.1f | %.1f | %.1f | %.1f | ", r.iterations, r.dual, r.main, r.step, r.smoothing);
+          std::printf("%.2f | %.1f | %.2f | %.1f | %.2f | %ld | %.1f |\n", r.total, r.maxDistance, r.meanSurface,
+                      r.maxSurface, r.within, r.flipped, r.meanTruth);
           std::fflush(stdout);
         }
   rusage usage{};
