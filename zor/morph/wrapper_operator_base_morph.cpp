@@ -46,13 +46,17 @@ MWrapperOperatorBaseMorph::MWrapperOperatorBaseMorph(StlImpl movingMesh, StlImpl
 MWrapperOperatorBaseMorph::MWrapperOperatorBaseMorph(const MWrapperOperatorBaseMorph& other) { _CopyFrom(other); }
 
 // A move copies too: the source keeps its own scratch and stays usable.
-MWrapperOperatorBaseMorph::MWrapperOperatorBaseMorph(MWrapperOperatorBaseMorph&& other) { _CopyFrom(other); }
+MWrapperOperatorBaseMorph::MWrapperOperatorBaseMorph(  // NOLINT(performance-noexcept-move-constructor): allocates
+    MWrapperOperatorBaseMorph&& other) {
+  _CopyFrom(other);
+}
 
 MWrapperOperatorBaseMorph& MWrapperOperatorBaseMorph::operator=(const MWrapperOperatorBaseMorph& other) {
   if (this != &other) _CopyFrom(other);
   return *this;
 }
 
+// NOLINTNEXTLINE(performance-noexcept-move-constructor): allocates, as the move constructor
 MWrapperOperatorBaseMorph& MWrapperOperatorBaseMorph::operator=(MWrapperOperatorBaseMorph&& other) {
   if (this != &other) _CopyFrom(other);
   return *this;

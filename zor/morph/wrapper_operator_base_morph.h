@@ -73,8 +73,11 @@ public:
   // give the new object a smoothing scratch of its own with the same contents; a moved-
   // from object stays usable.
   MWrapperOperatorBaseMorph(const MWrapperOperatorBaseMorph& other);
-  MWrapperOperatorBaseMorph(MWrapperOperatorBaseMorph&& other);
   MWrapperOperatorBaseMorph& operator=(const MWrapperOperatorBaseMorph& other);
+  // A move copies the scratch (the source stays usable), which allocates: not noexcept.
+  // NOLINTNEXTLINE(performance-noexcept-move-constructor)
+  MWrapperOperatorBaseMorph(MWrapperOperatorBaseMorph&& other);
+  // NOLINTNEXTLINE(performance-noexcept-move-constructor)
   MWrapperOperatorBaseMorph& operator=(MWrapperOperatorBaseMorph&& other);
   ~MWrapperOperatorBaseMorph();
 
