@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <oneapi/tbb/global_control.h>
 
+#include "support/mesh_checks.h"
 #include "tools/generators/bodies.h"
 #include "tools/generators/small_meshes.h"
 #include "zor/model/stl.h"
@@ -26,15 +27,7 @@ std::vector<MMVector3i> Coordinates(const MStlBase& mesh) {
   return coordinates;
 }
 
-using Corners = std::tuple<const MStlPoint*, const MStlPoint*, const MStlPoint*>;
-std::vector<Corners> Topology(const MStlBase& mesh) {
-  std::vector<Corners> triangles;
-  for (auto it = mesh.BeginTriangle(); it != mesh.EndTriangle(); ++it) {
-    const MStlTriangle* t = it;
-    triangles.emplace_back(t->GetPoint(0), t->GetPoint(1), t->GetPoint(2));
-  }
-  return triangles;
-}
+using zortest::Corners;
 
 // A sphere of 20 mm and a target sphere with a relief of 0.8 mm, laid on other rows.
 struct SpherePair {
@@ -44,7 +37,7 @@ struct SpherePair {
 
 TEST(BaseMorph, ADeformedSphereEndsOnItsTargetWithItsTopology) {
   SpherePair pair;
-  const std::vector<Corners> topology = Topology(*pair.moving);
+  const std::vector<Corners> topology = zortest::Windings(*pair.moving);
   const std::size_t points = pair.moving->NumberOfPoints();
   MWrapperOperatorBaseMorph morph(Handle(pair.moving.get()), Handle(pair.target.get()));
   morph.Operate(nullptr);
@@ -54,7 +47,7 @@ TEST(BaseMorph, ADeformedSphereEndsOnItsTargetWithItsTopology) {
   EXPECT_GT(morph.GetStageTimes().iterations, 3u);
   EXPECT_GT(params.initialStep, 0.05);  // the step it reached stays for the next run
   EXPECT_EQ(pair.moving->NumberOfPoints(), points);
-  EXPECT_EQ(Topology(*pair.moving), topology);
+  EXPECT_EQ(zortest::Windings(*pair.moving), topology);
 
   double sum = 0.0, largest = 0.0;
   for (const MStlPoint* p = pair.moving->GetFirstPoint(); p != nullptr; p = p->GetNext()) {

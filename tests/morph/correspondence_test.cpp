@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/mesh_checks.h"
 #include "tools/generators/small_meshes.h"
 #include "zor/model/stl.h"
 #include "zor/morph/morphing_correspondence.h"
@@ -142,20 +143,10 @@ TEST(MorphingCorrespondence, ADualVectorMustBeClearlyLongerToReplaceTheMainOne) 
   }
 }
 
-class CountingDelegate : public ZorSDK::Common::IProgressDelegate {
-public:
-  void OnStart(const std::string& l, std::size_t t) override { label = l, total = t, ++starts; }
-  void OnProgress(const std::string&, std::size_t d, std::size_t) override { done = d; }
-  void OnEnd(const std::string&) override { ++ends; }
-  std::string label;
-  std::size_t total = 0, done = 0;
-  int starts = 0, ends = 0;
-};
-
 TEST(MorphingCorrespondence, ReportsOneStepPerVertexOfBothMeshes) {
   Pair pair(GridAt(0), GridWithIsland(1000));
   pair.target->AddPoint(9000, 9000, 9000, true);  // an isolated target vertex still counts
-  const auto delegate = std::make_shared<CountingDelegate>();
+  const auto delegate = std::make_shared<zortest::CountingDelegate>();
   MWrapperOperatorMorphingCorrespondence correspondence(pair.movingHandle, pair.targetHandle);
   correspondence.SetProgressDelegate(delegate);
   Adapter adapter(pair.mask);

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/mesh_checks.h"
 #include "tools/generators/bodies.h"
 #include "tools/generators/poses.h"
 #include "tools/generators/small_meshes.h"
@@ -23,16 +24,8 @@ namespace {
 using ZorStlRegistration::MWrapperOperatorMorph;
 using Handle = MWrapperOperatorMorph::StlImpl;
 namespace detail = ZorStlRegistration::detail;
-using Corners = std::tuple<const MStlPoint*, const MStlPoint*, const MStlPoint*>;
-
-std::vector<Corners> Windings(const MStlBase& mesh) {
-  std::vector<Corners> windings;
-  for (auto it = mesh.BeginTriangle(); it != mesh.EndTriangle(); ++it) {
-    const MStlTriangle* t = it;
-    windings.emplace_back(t->GetPoint(0), t->GetPoint(1), t->GetPoint(2));
-  }
-  return windings;
-}
+using zortest::Corners;
+using zortest::Windings;
 
 // Six times the signed volume: positive while the triangles face outward.
 double SignedVolume(const MStlBase& mesh) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <tbb/task_arena.h>
 
+#include "support/mesh_checks.h"
 #include "support/registration.h"
 #include "tools/generators/bodies.h"
 #include "tools/generators/small_meshes.h"
@@ -18,15 +19,7 @@ using zortest::RotationDegrees;
 using Registration = MUserOperatorStlRegistration;
 constexpr double kPi = 3.141592653589793;
 
-class CountingDelegate : public ZorSDK::Common::IProgressDelegate {
-public:
-  void OnStart(const std::string& l, std::size_t t) override { label = l, total = t, ++starts; }
-  void OnProgress(const std::string&, std::size_t d, std::size_t) override { done = d; }
-  void OnEnd(const std::string&) override { ++ends; }
-  std::string label;
-  std::size_t total = 0, done = 0;
-  int starts = 0, ends = 0;
-};
+using zortest::CountingDelegate;
 
 MMTransformMatrix SmallPose() {
   MMTransformMatrix pose;

@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <stdexcept>
-#include <string>
 
 #include "zor/model/stl_base.h"
 #include "zor/model/stl_iterators.h"
@@ -67,20 +65,9 @@ BoxScaling ScalingToBox(const MStlBase& moving, const MStlBase& target) {
 
 }  // namespace detail
 
-namespace {
-
-MWrapperOperatorMorph::StlImpl CheckedHandle(MWrapperOperatorMorph::StlImpl handle, const char* which) {
-  if (handle.GetStl() == nullptr)
-    throw std::invalid_argument(std::string("MWrapperOperatorMorph: the ") + which + " mesh is null");
-  return handle;
-}
-
-}  // namespace
-
+// The base morph refuses null meshes for both.
 MWrapperOperatorMorph::MWrapperOperatorMorph(StlImpl movingMesh, StlImpl targetMesh)
-    : moving(CheckedHandle(movingMesh, "moving")),
-      target(CheckedHandle(targetMesh, "target")),
-      morph(movingMesh, targetMesh) {}
+    : moving(movingMesh), target(targetMesh), morph(movingMesh, targetMesh) {}
 
 MWrapperOperatorMorph::~MWrapperOperatorMorph() = default;
 
