@@ -267,6 +267,7 @@ TEST_F(ZorRegister, BadInputExitsWithStatusTwoAndWritesNothing) {
   WriteText("empty.stl", "solid nothing\nendsolid nothing\n");
   WriteText("garbage.stl", "this is not a mesh\n");
   WriteText("far.off", "OFF\n3 1 0\n0 0 0\n3000000 0 0\n0 1 0\n3 0 1 2\n");
+  WriteText("stray.off", "OFF\n5 4 0\n0 0 0\n10 0 0\n0 10 0\n0 0 10\n50 50 50\n3 0 2 1\n3 0 1 3\n3 0 3 2\n3 1 2 3\n");
   WriteText("flat.off", "OFF\n4 2 0\n0 0 0\n10 0 0\n10 10 0\n0 10 0\n3 0 1 2\n3 0 2 3\n");
   {
     // A binary STL whose second corner is not a number.
@@ -301,6 +302,7 @@ TEST_F(ZorRegister, BadInputExitsWithStatusTwoAndWritesNothing) {
       {"morph flat.off box.obj -o out.stl", "'flat.off' is flat along z"},
       {"morph box.obj flat.off -o out.stl", "'flat.off' is flat along z"},
       {"morph missing.stl box.obj -o out.stl", "cannot read 'missing.stl'"},
+      {"morph stray.off box.obj -o out.stl", "'stray.off' holds 1 point(s) that no triangle uses"},
       {"morph box.obj box.obj --tolerance nan -o out.stl", "--tolerance: 'nan' is outside"},
       {"morph box.obj box.obj --initial-step inf -o out.stl", "--initial-step: 'inf' is outside"},
       {"morph box.obj box.obj --smoothing-passes -1 -o out.stl", "--smoothing-passes"},

@@ -386,6 +386,15 @@ int RunMorph(const std::string& movingPath, const std::string& targetPath, const
   Warn(common, moving.warnings);
   const LoadedMesh target = ReadMesh(targetPath, common.scale);
   Warn(common, target.warnings);
+  // Smoothing replaces a point by the mean of its neighbours; a point without triangles
+  // has none and would be thrown off the grid.
+  std::size_t isolated = 0;
+  for (auto it = moving.mesh->BeginPoint(); it != moving.mesh->EndPoint(); ++it)
+    isolated += it->GetNumberOfNeighbourTriangles() == 0 ? 1 : 0;
+  if (isolated > 0)
+    throw InputError("'" + movingPath + "' holds " + std::to_string(isolated) +
+                     " point(s) that no triangle uses; the morph moves every point with its neighbours, so remove them "
+                     "first");
   if (options.registerFirst)
     for (const auto& [path, mesh] : {std::pair{&movingPath, &moving}, std::pair{&targetPath, &target}})
       if (const int axis = FlatAxis(*mesh->mesh); axis >= 0)
