@@ -4,10 +4,12 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "support/mesh_checks.h"
+#include "tools/generators/bodies.h"
 #include "tools/generators/small_meshes.h"
 #include "zor/model/stl.h"
 #include "zor/morph/morphing_correspondence.h"
@@ -155,6 +157,47 @@ TEST(MorphingCorrespondence, ReportsOneStepPerVertexOfBothMeshes) {
   EXPECT_EQ(delegate->total, 121u + 125u);
   EXPECT_EQ(delegate->done, delegate->total);
   EXPECT_EQ(delegate->ends, 1);
+}
+
+// A correspondence that has run before starts its searches from what it found then, and
+// skips dual searches that cannot end in a record; neither may change a displacement.
+// A part of a sphere against the whole bumped sphere, so that the dual pass has work.
+TEST(MorphingCorrespondence, APassAfterAMoveGivesWhatAFreshObjectGives) {
+  for (bool useNormals : {true, false}) {
+    SCOPED_TRACE(useNormals);
+    const auto full = zorgen::MakeSphere(20000.0, 30, 60);
+    auto moving = std::make_unique<MStlBase>();
+    for (auto it = full->BeginTriangle(); it != full->EndTriangle(); ++it) {
+      const MStlTriangle* t = it;
+      if (t->GetVertex(0)[0] > -8000.0)
+        moving->AddTriangle(t->GetPoint(0)->GetInt(), t->GetPoint(1)->GetInt(), t->GetPoint(2)->GetInt(), nullptr);
+    }
+    Pair pair(std::move(moving), zorgen::MakeSphere(20500.0, 34, 64, 400.0));
+    Adapter adapter(pair.mask);
+    MWrapperOperatorMorphingCorrespondence reused(pair.movingHandle, pair.targetHandle);
+    reused.Operate(adapter, 60.0 * kPi / 180.0, 1e12, true, useNormals);
+    {
+      const MStlBaseOperatorHelperDirectPointChange change(pair.moving.get(), true);
+      for (MStlPoint* p = pair.moving->GetFirstPoint(); p != nullptr; p = p->GetNext()) {
+        const MMVector3f d = pair.mask->GetInfo(*p);
+        p->Set(MMVector3i(p->GetX() + static_cast<std::int32_t>(0.3f * d[0]),
+                          p->GetY() + static_cast<std::int32_t>(0.3f * d[1]),
+                          p->GetZ() + static_cast<std::int32_t>(0.3f * d[2])));
+      }
+    }
+    reused.Operate(adapter, 60.0 * kPi / 180.0, 20000.0, true, useNormals);
+    std::vector<MMVector3f> hinted;
+    for (MStlPoint* p = pair.moving->GetFirstPoint(); p != nullptr; p = p->GetNext())
+      hinted.push_back(pair.mask->GetInfo(*p));
+    MWrapperOperatorMorphingCorrespondence fresh(pair.movingHandle, pair.targetHandle);
+    fresh.Operate(adapter, 60.0 * kPi / 180.0, 20000.0, true, useNormals);
+    std::size_t i = 0, pulled = 0;
+    for (MStlPoint* p = pair.moving->GetFirstPoint(); p != nullptr; p = p->GetNext(), ++i) {
+      EXPECT_EQ(pair.mask->GetInfo(*p), hinted[i]) << i;
+      pulled += Length(MMVector3d(hinted[i])) > 5000.0 ? 1 : 0;
+    }
+    EXPECT_GT(pulled, 0u);  // the border was pulled toward the part it does not cover
+  }
 }
 
 TEST(MorphingCorrespondence, RefusesANullMesh) {

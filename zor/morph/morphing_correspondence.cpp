@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <limits>
 #include <stdexcept>
+#include <string>
 
 #include <oneapi/tbb/blocked_range.h>
 #include <oneapi/tbb/parallel_for.h>
@@ -75,7 +76,8 @@ MeshQueries::TriangleCorners CornersOf(const MStlTriangle& t) {
 
 // A search of a triangle tree that starts from a hint: a triangle found near this query
 // before (vertices move little between passes). When the hint lies within the radius,
-// the bound starts just above its distance instead of at the radius. Every object the
+// the bound starts above its distance, by a margin far above rounding, instead of at
+// the radius. Every object the
 // unhinted search would take lies strictly below that bound, the descent visits nodes
 // in the same order, and so it ends on the same object at the same distance, the first
 // of equals in that order; it only skips boxes that could not have beaten the hint.
