@@ -19,6 +19,7 @@
 
 #include <tbb/task_arena.h>
 
+#include "bench/bench_args.h"
 #include "tools/generators/bodies.h"
 #include "tools/generators/poses.h"
 #if defined(ZOR_BENCH_CAN_SAVE)
@@ -30,16 +31,7 @@ namespace {
 
 using Icp = ZorStlRegistration::MStlBaseOperatorRegistrationICP;
 
-std::vector<long> ParseList(const char* text) {
-  std::vector<long> out;
-  for (const char* p = text; *p != '\0';) {
-    char* end = nullptr;
-    out.push_back(std::strtol(p, &end, 10));
-    if (end == p) break;
-    p = *end == ',' ? end + 1 : end;
-  }
-  return out;
-}
+using zorbench::ParseList;
 
 double Median(std::vector<double> v) {
   std::sort(v.begin(), v.end());

@@ -35,6 +35,7 @@
 #include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
 
+#include "bench/bench_args.h"
 #include "tools/generators/bodies.h"
 #include "tools/generators/poses.h"
 #include "zor/model/stl.h"
@@ -47,16 +48,7 @@ namespace {
 using ZorStlRegistration::MWrapperOperatorBaseMorph;
 using Deformation = std::function<MMVector3d(const MMVector3d&)>;
 
-std::vector<long> ParseList(const char* text) {
-  std::vector<long> out;
-  for (const char* p = text; *p != '\0';) {
-    char* end = nullptr;
-    out.push_back(std::strtol(p, &end, 10));
-    if (end == p) break;
-    p = *end == ',' ? end + 1 : end;
-  }
-  return out;
-}
+using zorbench::ParseList;
 
 struct Box {
   MMVector3d centre, half;

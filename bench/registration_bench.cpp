@@ -18,6 +18,7 @@
 
 #include <tbb/task_arena.h>
 
+#include "bench/bench_args.h"
 #include "tools/generators/bodies.h"
 #include "tools/generators/poses.h"
 #include "zor/alignment/surface_sampling.h"
@@ -38,16 +39,7 @@ struct Options {
   bool reduce = true;
 } options;
 
-std::vector<long> ParseList(const char* text) {
-  std::vector<long> out;
-  for (const char* p = text; *p != '\0';) {
-    char* end = nullptr;
-    out.push_back(std::strtol(p, &end, 10));
-    p = *end == ',' ? end + 1 : end;
-    if (end == p && *p != '\0') break;
-  }
-  return out;
-}
+using zorbench::ParseList;
 
 // A pose with a rotation of up to `maxDegrees` about a random axis through the body's
 // middle and a translation of up to `maxShift`.

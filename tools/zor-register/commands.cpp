@@ -34,6 +34,13 @@ void Warn(const CommonOptions& common, const std::vector<std::string>& lines) {
   for (const std::string& line : lines) std::fprintf(stderr, "zor-register: warning: %s\n", line.c_str());
 }
 
+// Reads a mesh file and passes its grid advice on to the user.
+LoadedMesh ReadWithWarnings(const std::string& path, const CommonOptions& common) {
+  LoadedMesh m = ReadMesh(path, common.scale);
+  Warn(common, m.warnings);
+  return m;
+}
+
 // Caps the worker threads for the life of the object when `threads` is not 0.
 std::optional<tbb::global_control> LimitThreads(unsigned threads) {
   if (threads == 0) return std::nullopt;
@@ -220,10 +227,8 @@ int RunAlign(const std::string& movingPath, const std::string& fixedPath, const 
              const Registration::MParams& params, const DeviationOptions& deviation, const CommonOptions& common) {
   if (!output.empty()) CheckOutputPath(output);
   CheckDeviationPath(deviation);
-  const LoadedMesh moving = ReadMesh(movingPath, common.scale);
-  Warn(common, moving.warnings);
-  const LoadedMesh fixed = ReadMesh(fixedPath, common.scale);
-  Warn(common, fixed.warnings);
+  const LoadedMesh moving = ReadWithWarnings(movingPath, common);
+  const LoadedMesh fixed = ReadWithWarnings(fixedPath, common);
 
   Registration registration;
   registration.SetAllParams(params);
@@ -275,10 +280,8 @@ int RunIcp(const std::string& movingPath, const std::string& fixedPath, const st
   using Icp = ZorStlRegistration::MStlBaseOperatorRegistrationICP;
   if (!output.empty()) CheckOutputPath(output);
   CheckDeviationPath(deviation);
-  const LoadedMesh moving = ReadMesh(movingPath, common.scale);
-  Warn(common, moving.warnings);
-  const LoadedMesh fixed = ReadMesh(fixedPath, common.scale);
-  Warn(common, fixed.warnings);
+  const LoadedMesh moving = ReadWithWarnings(movingPath, common);
+  const LoadedMesh fixed = ReadWithWarnings(fixedPath, common);
 
   const double ie = MUnit::GetIE();
   Icp::MParams p = options.params;
@@ -382,10 +385,8 @@ int RunMorph(const std::string& movingPath, const std::string& targetPath, const
   using ZorStlRegistration::MWrapperOperatorMorph;
   if (!output.empty()) CheckOutputPath(output);
   CheckDeviationPath(deviation);
-  const LoadedMesh moving = ReadMesh(movingPath, common.scale);
-  Warn(common, moving.warnings);
-  const LoadedMesh target = ReadMesh(targetPath, common.scale);
-  Warn(common, target.warnings);
+  const LoadedMesh moving = ReadWithWarnings(movingPath, common);
+  const LoadedMesh target = ReadWithWarnings(targetPath, common);
   // Smoothing replaces a point by the mean of its neighbours; a point without triangles
   // has none and would be thrown off the grid.
   std::size_t isolated = 0;
@@ -560,8 +561,7 @@ int RunDemo(const DemoOptions& demo, const Registration::MParams& params, const 
 }
 
 int RunInfo(const std::string& path, const CommonOptions& common) {
-  const LoadedMesh m = ReadMesh(path, common.scale);
-  Warn(common, m.warnings);
+  const LoadedMesh m = ReadWithWarnings(path, common);
   const double toFile = 1.0 / (common.scale * MUnit::GetIE());
   const MStlBase& mesh = *m.mesh;
   const double low[3] = {mesh.GetXMin() * toFile, mesh.GetYMin() * toFile, mesh.GetZMin() * toFile};
@@ -593,8 +593,7 @@ int RunInfo(const std::string& path, const CommonOptions& common) {
 
 int RunConvert(const std::string& input, const std::string& output, const CommonOptions& common) {
   CheckOutputPath(output);
-  const LoadedMesh m = ReadMesh(input, common.scale);
-  Warn(common, m.warnings);
+  const LoadedMesh m = ReadWithWarnings(input, common);
   WriteMesh(*m.mesh, nullptr, common.scale, output, common.ascii);
   if (!common.quiet)
     std::printf("wrote %s: %zu points, %zu triangles\n", output.c_str(), m.mesh->NumberOfPoints(),
