@@ -4,18 +4,45 @@
 #include <array>
 #include <cmath>
 #include <limits>
+#include <numeric>
+#include <utility>
 #include <vector>
 
 #include <meshoptimizer.h>
 #include <oneapi/tbb/blocked_range.h>
+#include <oneapi/tbb/enumerable_thread_specific.h>
 #include <oneapi/tbb/parallel_for.h>
+#include <oneapi/tbb/parallel_invoke.h>
 
 #include "zor/model/stl_guards.h"
+#include "zor/spatial/point_triangle_distance.h"
 #include "zor/spatial/tree_property.h"
 
 namespace {
 
 constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
+// The engine's first target, as a share of the bound. Its averaged measure runs at
+// about half the worst vertex distance, so a target near half the bound would mostly
+// hold; 0.15 keeps the result well inside the bound, close to the surface, which the
+// shape analyses that run on reduced meshes need (between 0.25 and 0.4 their choice
+// among near-symmetric poses went wrong on some featured bodies), and it is cheaper
+// too: the engine stops after fewer rounds.
+constexpr double kFirstFactor = 0.15;
+// A block that held while removing less than this share of its triangles, with every
+// vertex well inside the bound, is limited by noise finer than the bound: its target is
+// raised (up to kLargestFactor of the bound, at most kRaises times) and the result that
+// removes most is kept.
+constexpr double kNoiseLimitedShare = 0.5;
+constexpr double kLargestFactor = 1.6;
+constexpr int kRaises = 2;
+// Violations a pass repairs where they are (by keeping the original triangles about
+// them) rather than by tightening the target of the whole block.
+constexpr std::size_t kMaxSpots = 64;
+// The ball kept about a violation, in longest edges of the triangle that failed there.
+constexpr double kSpotEdges = 0.6;
+// Rounds of the pass over the seams between blocks; when none holds, the seams keep
+// the points the blocks locked.
+constexpr int kSeamPasses = 3;
 
 using TriangleKey = std::array<std::uint32_t, 4>;  // surface, then corners from the smallest, winding kept
 
@@ -25,45 +52,34 @@ TriangleKey MakeKey(std::uint32_t surface, std::uint32_t a, std::uint32_t b, std
   return {surface, a, b, c};
 }
 
-// One surface as the engine sees it: its triangles over surface-local vertex numbers.
-struct SurfaceInput {
-  MStlSurface* surface = nullptr;
-  std::vector<std::uint32_t> globalOf;  // local vertex -> mesh-wide vertex
-  std::vector<float> positions;         // local vertices, relative to the mesh centre
-  std::vector<std::uint32_t> indices;   // three local vertices per triangle
-  float scale = 0.0f;                   // the engine's measure of the surface's extent
-  std::vector<std::uint32_t> result;    // the candidate of the current pass, mesh-wide vertices
-};
-
 // The mesh as flat arrays: every point that a triangle uses, numbered by first use in
-// surface order, and each surface's triangles.
+// surface order, and every triangle's corners in those numbers, surface by surface.
 struct FlatMesh {
   std::vector<MStlPoint*> points;
-  std::vector<MMVector3d> normals;  // sum of the original area vectors around each point
-  std::vector<SurfaceInput> surfaces;
-  std::vector<MStlTriangleCell*> cells;  // all triangles, surface by surface
-  std::vector<std::uint32_t> cellSurface;
-  std::vector<TriangleKey> original;  // sorted keys of the input triangles
+  std::vector<MMVector3d> position;  // of each point, relative to the mesh centre
+  std::vector<MMVector3d> normals;   // sum of the original area vectors around each point
+  std::vector<MStlSurface*> surfaces;
+  std::vector<std::uint32_t> surfaceStart;  // first triangle of each surface, then the count
+  std::vector<MStlTriangleCell*> cells;
+  std::vector<std::uint32_t> corners;  // three points per triangle
 };
 
 FlatMesh Flatten(MStlBase& mesh) {
   FlatMesh flat;
   std::vector<std::uint32_t> globalOfMask(mesh.GetMasks().GetPointMaskSize(), kNone);
-  std::vector<std::uint32_t> localOfGlobal;
   const MMVector3d centre(0.5 * (double(mesh.GetXMin()) + mesh.GetXMax()),
                           0.5 * (double(mesh.GetYMin()) + mesh.GetYMax()),
                           0.5 * (double(mesh.GetZMin()) + mesh.GetZMax()));
   const MStlFeature* list = mesh.GetSurfaceList();
   flat.cells.reserve(mesh.GetNumberOfTriangles());
+  flat.corners.reserve(3 * mesh.GetNumberOfTriangles());
   for (std::size_t s = 0; s < list->GetSurfaceCount(); ++s) {
     MStlSurface* surface = list->GetSurface(s);
     if (surface->GetFirstTriangle() == nullptr) continue;
-    SurfaceInput in;
-    in.surface = surface;
-    in.indices.reserve(3 * surface->GetNumberOfTriangles());
+    flat.surfaces.push_back(surface);
+    flat.surfaceStart.push_back(static_cast<std::uint32_t>(flat.cells.size()));
     for (MStlTriangleCell* cell = surface->GetFirstTriangle(); cell != nullptr; cell = cell->next) {
       flat.cells.push_back(cell);
-      flat.cellSurface.push_back(static_cast<std::uint32_t>(flat.surfaces.size()));
       const MMVector3d areaVector = cell->data.GetAreaVector();
       for (std::size_t k = 0; k < 3; ++k) {
         MStlPoint* p = cell->data.GetPoint(k);
@@ -71,52 +87,149 @@ FlatMesh Flatten(MStlBase& mesh) {
         if (global == kNone) {
           global = static_cast<std::uint32_t>(flat.points.size());
           flat.points.push_back(p);
+          flat.position.push_back(p->GetDouble() - centre);
           flat.normals.emplace_back();
-          localOfGlobal.push_back(kNone);
         }
         flat.normals[global] += areaVector;
-        std::uint32_t& local = localOfGlobal[global];
-        if (local == kNone) {
-          local = static_cast<std::uint32_t>(in.globalOf.size());
-          in.globalOf.push_back(global);
-          const MMVector3d q = p->GetDouble() - centre;
-          in.positions.insert(in.positions.end(), {float(q[0]), float(q[1]), float(q[2])});
-        }
-        in.indices.push_back(local);
+        flat.corners.push_back(global);
       }
-      const std::uint32_t* g = &in.indices[in.indices.size() - 3];
-      flat.original.push_back(MakeKey(static_cast<std::uint32_t>(flat.surfaces.size()), in.globalOf[g[0]],
-                                      in.globalOf[g[1]], in.globalOf[g[2]]));
     }
-    for (std::uint32_t g : in.globalOf) localOfGlobal[g] = kNone;
-    in.scale = meshopt_simplifyScale(in.positions.data(), in.globalOf.size(), 3 * sizeof(float));
-    flat.surfaces.push_back(std::move(in));
   }
-  std::sort(flat.original.begin(), flat.original.end());
+  flat.surfaceStart.push_back(static_cast<std::uint32_t>(flat.cells.size()));
   return flat;
 }
 
-// The candidate of one pass: each surface simplified with the engine target `target`
-// (internal units), border vertices locked. Surfaces run in parallel, each into its own
-// result.
-std::size_t Simplify(FlatMesh& flat, double target) {
-  oneapi::tbb::parallel_for(std::size_t(0), flat.surfaces.size(), [&](std::size_t s) {
-    SurfaceInput& in = flat.surfaces[s];
-    in.result.assign(in.indices.size(), 0);
-    std::size_t count = in.indices.size();
-    if (in.scale > 0.0f) {
-      count = meshopt_simplify(in.result.data(), in.indices.data(), in.indices.size(), in.positions.data(),
-                               in.globalOf.size(), 3 * sizeof(float), 0, float(target / in.scale),
-                               meshopt_SimplifyLockBorder, nullptr);
-    } else {
-      std::copy(in.indices.begin(), in.indices.end(), in.result.begin());
+// A spatial block of one surface, simplified on its own with its outline locked, so
+// that blocks run in parallel and a block that misses the bound is redone alone.
+struct Block {
+  std::uint32_t surface = 0;
+  std::vector<std::uint32_t> triangles;  // mesh-wide triangle numbers, ascending
+  std::vector<std::uint32_t> globalOf;   // local vertex -> mesh-wide point
+  std::vector<float> positions;          // local vertices
+  std::vector<std::uint32_t> indices;    // three local vertices per triangle
+  float scale = 0.0f;                    // the engine's measure of the block's extent
+  std::vector<std::uint8_t> keep;        // per triangle: kept as it is (a repaired spot)
+  std::vector<std::uint32_t> result;     // three mesh-wide points per result triangle
+  std::vector<std::uint32_t> nearest;    // per local vertex: nearest result triangle; kNone on the result
+  double worst = 0.0;
+  double factor = kFirstFactor;  // the target of the result, as a share of the bound
+  std::size_t offered = 0;       // most triangles that any pass would have removed
+  int passes = 0;
+  bool held = true;
+};
+
+// A triangle's centroid (three times it) as the split sorts it.
+struct Centroid {
+  float c[3];
+  std::uint32_t triangle;
+};
+
+// Splits [first, last) of `items` at the median along the widest axis until each part
+// has at most `limit`; parts are appended in order. Halves split in parallel.
+void SplitBlocks(std::vector<Centroid>& items, std::size_t first, std::size_t last, std::size_t limit,
+                 std::vector<std::pair<std::size_t, std::size_t>>& parts) {
+  if (last - first <= limit) {
+    parts.emplace_back(first, last);
+    return;
+  }
+  float lo[3] = {items[first].c[0], items[first].c[1], items[first].c[2]};
+  float hi[3] = {lo[0], lo[1], lo[2]};
+  for (std::size_t i = first; i < last; ++i)
+    for (int d = 0; d < 3; ++d) {
+      lo[d] = std::min(lo[d], items[i].c[d]);
+      hi[d] = std::max(hi[d], items[i].c[d]);
     }
-    in.result.resize(count);
-    for (std::uint32_t& v : in.result) v = in.globalOf[v];
+  int axis = 0;
+  for (int d = 1; d < 3; ++d)
+    if (hi[d] - lo[d] > hi[axis] - lo[axis]) axis = d;
+  const std::size_t middle = first + (last - first) / 2;
+  // Ties go by triangle number, so the split does not depend on the order it starts from.
+  std::nth_element(items.begin() + first, items.begin() + middle, items.begin() + last,
+                   [axis](const Centroid& a, const Centroid& b) {
+                     return a.c[axis] < b.c[axis] || (a.c[axis] == b.c[axis] && a.triangle < b.triangle);
+                   });
+  std::vector<std::pair<std::size_t, std::size_t>> upper;
+  oneapi::tbb::parallel_invoke([&] { SplitBlocks(items, first, middle, limit, parts); },
+                               [&] { SplitBlocks(items, middle, last, limit, upper); });
+  parts.insert(parts.end(), upper.begin(), upper.end());
+}
+
+std::vector<Block> MakeBlocks(const FlatMesh& flat, std::size_t limit) {
+  std::vector<Block> blocks;
+  for (std::uint32_t s = 0; s + 1 < flat.surfaceStart.size(); ++s) {
+    const std::uint32_t first = flat.surfaceStart[s], last = flat.surfaceStart[s + 1];
+    std::vector<Centroid> items(last - first);
+    std::vector<std::pair<std::size_t, std::size_t>> parts;
+    oneapi::tbb::parallel_for(first, last, [&](std::uint32_t t) {
+      const MMVector3d c = flat.position[flat.corners[3 * t]] + flat.position[flat.corners[3 * t + 1]] +
+                           flat.position[flat.corners[3 * t + 2]];
+      items[t - first] = Centroid{{float(c[0]), float(c[1]), float(c[2])}, t};
+    });
+    SplitBlocks(items, 0, items.size(), limit, parts);
+    for (const auto& part : parts) {
+      Block block;
+      block.surface = s;
+      block.triangles.reserve(part.second - part.first);
+      for (std::size_t i = part.first; i < part.second; ++i) block.triangles.push_back(items[i].triangle);
+      std::sort(block.triangles.begin(), block.triangles.end());
+      blocks.push_back(std::move(block));
+    }
+  }
+  // Local numbering by first use, in parallel: each thread keeps one mesh-wide lookup
+  // and clears what it used.
+  oneapi::tbb::enumerable_thread_specific<std::vector<std::uint32_t>> lookups(
+      [&] { return std::vector<std::uint32_t>(flat.points.size(), kNone); });
+  oneapi::tbb::parallel_for(std::size_t(0), blocks.size(), [&](std::size_t b) {
+    Block& block = blocks[b];
+    std::vector<std::uint32_t>& localOf = lookups.local();
+    block.indices.reserve(3 * block.triangles.size());
+    for (std::uint32_t t : block.triangles) {
+      const std::uint32_t* c = &flat.corners[3 * t];
+      for (int k = 0; k < 3; ++k) {
+        std::uint32_t& local = localOf[c[k]];
+        if (local == kNone) {
+          local = static_cast<std::uint32_t>(block.globalOf.size());
+          block.globalOf.push_back(c[k]);
+          const MMVector3d& q = flat.position[c[k]];
+          block.positions.insert(block.positions.end(), {float(q[0]), float(q[1]), float(q[2])});
+        }
+        block.indices.push_back(local);
+      }
+    }
+    for (std::uint32_t g : block.globalOf) localOf[g] = kNone;
+    block.scale = meshopt_simplifyScale(block.positions.data(), block.globalOf.size(), 3 * sizeof(float));
   });
-  std::size_t triangles = 0;
-  for (const SurfaceInput& in : flat.surfaces) triangles += in.result.size() / 3;
-  return triangles;
+  return blocks;
+}
+
+// Simplifies `indices` (local vertices) with the engine target `target` (internal
+// units) and border vertices locked, except the triangles flagged in `keep`, which stay
+// as they are; their corners are a border to the engine, so the rest fits them.
+// Returns the result in mesh-wide points.
+std::vector<std::uint32_t> Simplify(const std::vector<std::uint32_t>& indices, const std::vector<std::uint8_t>& keep,
+                                    const std::vector<std::uint32_t>& globalOf, const std::vector<float>& positions,
+                                    float scale, double target) {
+  std::vector<std::uint32_t> active, kept;
+  const bool anyKept = std::find(keep.begin(), keep.end(), std::uint8_t{1}) != keep.end();
+  if (anyKept) {
+    for (std::size_t t = 0; t < keep.size(); ++t) {
+      std::vector<std::uint32_t>& into = keep[t] != 0 ? kept : active;
+      into.insert(into.end(), indices.begin() + 3 * t, indices.begin() + 3 * t + 3);
+    }
+  }
+  const std::vector<std::uint32_t>& input = anyKept ? active : indices;
+  std::vector<std::uint32_t> result(input.size());
+  std::size_t count = input.size();
+  if (scale > 0.0f && !input.empty()) {
+    count = meshopt_simplify(result.data(), input.data(), input.size(), positions.data(), globalOf.size(),
+                             3 * sizeof(float), 0, float(target / scale), meshopt_SimplifyLockBorder, nullptr);
+  } else {
+    std::copy(input.begin(), input.end(), result.begin());
+  }
+  result.resize(count);
+  result.insert(result.end(), kept.begin(), kept.end());
+  for (std::uint32_t& v : result) v = globalOf[v];
+  return result;
 }
 
 // Twice the area over the longest edge; 0 for a degenerate triangle.
@@ -125,118 +238,368 @@ double SmallestAltitude(const MMVector3d& a, const MMVector3d& b, const MMVector
   return longest > 0.0 ? Length(Cross(b - a, c - a)) / longest : 0.0;
 }
 
+double LongestEdge(const MMVector3d& a, const MMVector3d& b, const MMVector3d& c) {
+  return std::sqrt(std::max({Length2(b - a), Length2(c - b), Length2(a - c)}));
+}
+
+// A place where a candidate failed: a ball around it within which the original
+// triangles are kept on the next pass.
+struct Spot {
+  MMVector3d centre;
+  double radius = 0.0;
+};
+
 struct Check {
   std::size_t violations = 0;
   double worstDistance = 0.0;  // greatest vertex distance found (unbounded for violators)
+  std::vector<Spot> spots;     // up to kMaxSpots + 1 of the violations, in a fixed order
 };
 
-// Measures the candidate: the distance of every original vertex that it dropped, and the
-// orientation of each new triangle against the original surface that it stands for
-// (the area-weighted normals at its corners and at the dropped vertices nearest to it).
-// A single corner's normal would not do: on noisy scans the original triangles at a
-// vertex may themselves fold. A new triangle folds when it faces away from that surface
-// and is wider than the distance bound; a narrower one (a sliver between points of a
-// noisy patch) lies within the bound of the surface whichever way it faces.
-Check Verify(const FlatMesh& flat, double distance) {
+// Measures a candidate (three mesh-wide points per triangle) against the original
+// points in `measure`: the distance of every one that it dropped, and the orientation
+// of each new triangle (`untouched` false) against the original surface that it stands
+// for (the area-weighted normals at its corners and at the dropped points nearest to
+// it). A single corner's normal would not do: on noisy scans the original triangles at
+// a point may themselves fold. A new triangle folds when it faces away from that
+// surface and is wider than the distance bound; a narrower one (a sliver between points
+// of a noisy patch) lies within the bound of the surface whichever way it faces.
+// `nearest` receives, per entry of `measure`, the nearest candidate triangle, or kNone
+// for a point that the candidate keeps.
+Check Verify(const FlatMesh& flat, const std::vector<std::uint32_t>& candidateCorners,
+             const std::vector<std::uint8_t>& untouched, const std::vector<std::uint32_t>& measure, double distance,
+             std::vector<std::uint32_t>& nearest) {
+  Check check;
+  nearest.assign(measure.size(), kNone);
+  std::vector<std::uint32_t> used(candidateCorners);
+  std::sort(used.begin(), used.end());
+  used.erase(std::unique(used.begin(), used.end()), used.end());
+  const auto onCandidate = [&](std::uint32_t g) { return std::binary_search(used.begin(), used.end(), g); };
+  if (candidateCorners.empty()) {
+    for (std::uint32_t g : measure)
+      if (!onCandidate(g)) ++check.violations;
+    check.worstDistance = check.violations > 0 ? std::numeric_limits<double>::max() : 0.0;
+    return check;
+  }
   // The candidate as a mesh of its own (same integer coordinates), for its triangle tree.
   MStlBase candidate;
-  std::vector<MStlPoint*> candidatePoint(flat.points.size(), nullptr);
-  std::vector<std::array<std::uint32_t, 3>> corners;
-  std::vector<bool> untouched;  // the engine left the triangle as it was
   std::vector<std::uint32_t> triangleOfMask;
   {
+    std::vector<MStlPoint*> point(used.size(), nullptr);
     MStlTempPointSortingDisabler batch(&candidate, true);
-    for (std::uint32_t s = 0; s < flat.surfaces.size(); ++s) {
-      const SurfaceInput& in = flat.surfaces[s];
-      for (std::size_t t = 0; t < in.result.size(); t += 3) {
-        MStlPoint* c[3];
-        for (int k = 0; k < 3; ++k) {
-          MStlPoint*& p = candidatePoint[in.result[t + k]];
-          if (p == nullptr) p = candidate.AddPoint(flat.points[in.result[t + k]]->GetInt(), true);
-          c[k] = p;
-        }
-        const std::size_t mask = candidate.AddTriangle(c[0], c[1], c[2], nullptr)->data.GetMaskIndex();
-        if (triangleOfMask.size() <= mask) triangleOfMask.resize(mask + 1, kNone);
-        triangleOfMask[mask] = static_cast<std::uint32_t>(corners.size());
-        corners.push_back({in.result[t], in.result[t + 1], in.result[t + 2]});
-        untouched.push_back(std::binary_search(flat.original.begin(), flat.original.end(),
-                                               MakeKey(s, in.result[t], in.result[t + 1], in.result[t + 2])));
-      }
+    for (std::size_t i = 0; i < used.size(); ++i) point[i] = candidate.AddPoint(flat.points[used[i]]->GetInt(), true);
+    const auto pointOf = [&](std::uint32_t g) {
+      return point[std::lower_bound(used.begin(), used.end(), g) - used.begin()];
+    };
+    for (std::size_t t = 0; t < candidateCorners.size(); t += 3) {
+      const std::size_t mask = candidate
+                                   .AddTriangle(pointOf(candidateCorners[t]), pointOf(candidateCorners[t + 1]),
+                                                pointOf(candidateCorners[t + 2]), nullptr)
+                                   ->data.GetMaskIndex();
+      if (triangleOfMask.size() <= mask) triangleOfMask.resize(mask + 1, kNone);
+      triangleOfMask[mask] = static_cast<std::uint32_t>(t / 3);
     }
-  }
-  Check check;
-  if (corners.empty()) {
-    check.violations = flat.points.size();
-    check.worstDistance = std::numeric_limits<double>::max();
-    return check;
   }
   const MeshQueries::TriangleTreeHolder* holder = MeshQueries::GetTriangleTree(MeshQueries::MeshHandle(&candidate));
 
-  // Vertices that the candidate keeps lie on it; the others are measured within the
-  // bound, and only those outside it are measured again without one.
+  // Points that the candidate keeps lie on it. For the others a triangle within the
+  // bound is enough: the triangle found for the point before (points come in mesh
+  // order, so neighbours mostly share one) is tried first, then the tree within the
+  // bound, and only a point outside it is measured without one. Chunks are fixed, so
+  // which triangle a point gets does not depend on the threads.
   const double radius = std::max(std::nextafter(distance, HUGE_VAL), 1e-150);
-  std::vector<double> deviation(flat.points.size(), 0.0);
-  std::vector<std::uint32_t> nearest(flat.points.size(), kNone);
-  const auto measureRange = [&](const oneapi::tbb::blocked_range<std::size_t>& r) {
-    for (std::size_t i = r.begin(); i != r.end(); ++i) {
-      if (candidatePoint[i] != nullptr) continue;
-      const MMVector3d q = flat.points[i]->GetDouble();
-      auto found = MeshQueries::FindNearestTriangle(*holder, q, radius);
-      if (found.first.GetTriangle() == nullptr) found = MeshQueries::FindNearestTriangle(*holder, q, HUGE_VAL);
+  const double radius2 = radius * radius;
+  const auto corner = [&](std::uint32_t t, int k) { return flat.position[candidateCorners[3 * t + k]].Data(); };
+  std::vector<double> deviation(measure.size(), 0.0);
+  constexpr std::size_t kChunk = 1024;
+  oneapi::tbb::parallel_for(std::size_t(0), (measure.size() + kChunk - 1) / kChunk, [&](std::size_t chunk) {
+    std::uint32_t hint = kNone;
+    for (std::size_t i = chunk * kChunk; i < std::min(measure.size(), (chunk + 1) * kChunk); ++i) {
+      if (onCandidate(measure[i])) continue;
+      const double* q = flat.position[measure[i]].Data();
+      if (hint != kNone) {
+        const double d2 =
+            MeshQueries::PointTriangleDistance2(q, corner(hint, 0), corner(hint, 1), corner(hint, 2), nullptr);
+        if (d2 <= radius2) {
+          deviation[i] = std::sqrt(d2);
+          nearest[i] = hint;
+          continue;
+        }
+      }
+      const MMVector3d p = flat.points[measure[i]]->GetDouble();
+      auto found = MeshQueries::FindNearestTriangle(*holder, p, radius);
+      if (found.first.GetTriangle() == nullptr) found = MeshQueries::FindNearestTriangle(*holder, p, HUGE_VAL);
       deviation[i] = found.second;
-      nearest[i] = triangleOfMask[found.first.GetMaskIndex()];
+      nearest[i] = hint = triangleOfMask[found.first.GetMaskIndex()];
     }
+  });
+
+  const std::size_t triangles = candidateCorners.size() / 3;
+  const auto cornerAt = [&](std::size_t t, int k) { return flat.position[candidateCorners[3 * t + k]]; };
+  const auto addSpot = [&](const MMVector3d& centre, double reach) {
+    if (check.spots.size() <= kMaxSpots) check.spots.push_back(Spot{centre, reach});
   };
-  oneapi::tbb::parallel_for(oneapi::tbb::blocked_range<std::size_t>(0, flat.points.size(), 1024), measureRange);
-  std::vector<MMVector3d> region(corners.size());
-  for (std::size_t i = 0; i < flat.points.size(); ++i) {
-    if (deviation[i] > distance) ++check.violations;
-    check.worstDistance = std::max(check.worstDistance, deviation[i]);
-    if (nearest[i] != kNone) region[nearest[i]] += flat.normals[i];
-  }
-  for (std::size_t t = 0; t < corners.size(); ++t) {
-    if (untouched[t]) continue;
-    const std::array<std::uint32_t, 3>& c = corners[t];
-    const MMVector3d a = flat.points[c[0]]->GetDouble();
-    const MMVector3d n = Cross(flat.points[c[1]]->GetDouble() - a, flat.points[c[2]]->GetDouble() - a);
-    const MMVector3d around = region[t] + flat.normals[c[0]] + flat.normals[c[1]] + flat.normals[c[2]];
-    if (!(Dot(n, around) > 0.0) &&
-        SmallestAltitude(a, flat.points[c[1]]->GetDouble(), flat.points[c[2]]->GetDouble()) > distance)
+  std::vector<MMVector3d> region(triangles);
+  for (std::size_t i = 0; i < measure.size(); ++i) {
+    if (deviation[i] > distance) {
       ++check.violations;
+      const double edge = nearest[i] != kNone
+                              ? LongestEdge(cornerAt(nearest[i], 0), cornerAt(nearest[i], 1), cornerAt(nearest[i], 2))
+                              : 0.0;
+      addSpot(flat.position[measure[i]], std::max(kSpotEdges * edge, 2.0 * deviation[i]));
+    }
+    check.worstDistance = std::max(check.worstDistance, deviation[i]);
+    if (nearest[i] != kNone) region[nearest[i]] += flat.normals[measure[i]];
+  }
+  for (std::size_t t = 0; t < triangles; ++t) {
+    if (untouched[t] != 0) continue;
+    const MMVector3d a = cornerAt(t, 0), b = cornerAt(t, 1), c = cornerAt(t, 2);
+    const MMVector3d n = Cross(b - a, c - a);
+    const MMVector3d around = region[t] + flat.normals[candidateCorners[3 * t]] +
+                              flat.normals[candidateCorners[3 * t + 1]] + flat.normals[candidateCorners[3 * t + 2]];
+    if (!(Dot(n, around) > 0.0) && SmallestAltitude(a, b, c) > distance) {
+      ++check.violations;
+      addSpot((a + b + c) * (1.0 / 3.0), kSpotEdges * LongestEdge(a, b, c));
+    }
   }
   return check;
 }
 
-// Writes the candidate into the mesh: new triangles first (so that the points they use
-// keep a triangle throughout), then the old triangles that the candidate does not hold,
-// with the points they leave without triangles.
-void Apply(MStlBase& mesh, const FlatMesh& flat) {
+// Flags every triangle (three local vertices each) whose centroid lies in one of `spots`.
+void KeepAround(const std::vector<std::uint32_t>& indices, const std::vector<std::uint32_t>& globalOf,
+                const FlatMesh& flat, const std::vector<Spot>& spots, std::vector<std::uint8_t>& keep) {
+  const std::size_t triangles = indices.size() / 3;
+  keep.resize(triangles, 0);
+  for (std::size_t t = 0; t < triangles; ++t) {
+    if (keep[t] != 0) continue;
+    const MMVector3d centroid = (flat.position[globalOf[indices[3 * t]]] + flat.position[globalOf[indices[3 * t + 1]]] +
+                                 flat.position[globalOf[indices[3 * t + 2]]]) *
+                                (1.0 / 3.0);
+    for (const Spot& spot : spots)
+      if (Length2(centroid - spot.centre) <= spot.radius * spot.radius) {
+        keep[t] = 1;
+        break;
+      }
+  }
+}
+
+// Flags the candidate triangles that are source triangles as they were (same surface,
+// corners and winding). Only the candidate, which is small, is sorted.
+template <typename KeyOf>
+std::vector<std::uint8_t> Untouched(const std::vector<std::uint32_t>& corners, std::uint32_t surface,
+                                    std::size_t sourceCount, KeyOf keyOf) {
+  std::vector<std::pair<TriangleKey, std::uint32_t>> keys(corners.size() / 3);
+  for (std::size_t t = 0; t < keys.size(); ++t)
+    keys[t] = {MakeKey(surface, corners[3 * t], corners[3 * t + 1], corners[3 * t + 2]), std::uint32_t(t)};
+  std::sort(keys.begin(), keys.end());
+  std::vector<std::uint8_t> untouched(keys.size(), 0);
+  for (std::size_t i = 0; i < sourceCount; ++i) {
+    const TriangleKey key = keyOf(i);
+    auto at = std::lower_bound(keys.begin(), keys.end(), std::make_pair(key, std::uint32_t(0)));
+    for (; at != keys.end() && at->first == key; ++at) untouched[at->second] = 1;
+  }
+  return untouched;
+}
+
+// Reduces one block: simplify and check, repairing a few violations where they are and
+// tightening the target otherwise; a block limited by noise finer than the bound gets a
+// wider target. A block that never holds keeps its triangles.
+void ReduceBlock(const FlatMesh& flat, Block& block, double distance, std::int32_t maxPasses) {
+  const std::size_t triangles = block.triangles.size();
+  const auto keepOriginal = [&] {
+    block.result.clear();
+    for (std::uint32_t t : block.triangles)
+      block.result.insert(block.result.end(), &flat.corners[3 * t], &flat.corners[3 * t] + 3);
+    block.nearest.assign(block.globalOf.size(), kNone);
+  };
+  double factor = kFirstFactor;
+  int raises = 0;
+  bool haveHeld = false;
+  std::vector<std::uint32_t> bestResult, bestNearest;
+  double bestWorst = 0.0, bestFactor = factor;
+  std::vector<std::uint32_t> nearest;
+  for (block.passes = 1; block.passes <= maxPasses; ++block.passes) {
+    std::vector<std::uint32_t> result =
+        Simplify(block.indices, block.keep, block.globalOf, block.positions, block.scale, distance * factor);
+    block.offered = std::max(block.offered, (block.indices.size() - result.size()) / 3);
+    Check check;
+    if (result.size() == block.indices.size()) {
+      nearest.assign(block.globalOf.size(), kNone);  // nothing removed: the block as it was
+      result.clear();
+      for (std::uint32_t t : block.triangles)
+        result.insert(result.end(), &flat.corners[3 * t], &flat.corners[3 * t] + 3);
+    } else {
+      const auto keyOf = [&](std::size_t i) {
+        const std::uint32_t* c = &flat.corners[3 * block.triangles[i]];
+        return MakeKey(block.surface, c[0], c[1], c[2]);
+      };
+      check = Verify(flat, result, Untouched(result, block.surface, block.triangles.size(), keyOf), block.globalOf,
+                     distance, nearest);
+    }
+    if (check.violations == 0) {
+      if (!haveHeld || result.size() < bestResult.size()) {
+        bestResult = std::move(result);
+        bestNearest = nearest;
+        bestWorst = check.worstDistance;
+        bestFactor = factor;
+        haveHeld = true;
+      }
+      const bool noiseLimited = double(bestResult.size() / 3) > (1.0 - kNoiseLimitedShare) * double(triangles) &&
+                                check.worstDistance < 0.5 * distance;
+      if (!noiseLimited || raises == kRaises || factor >= kLargestFactor) break;
+      ++raises;
+      factor = std::min(kLargestFactor, 2.0 * factor);
+      continue;
+    }
+    if (haveHeld) break;  // a wider target missed: keep the result that held
+    // A few violations are repaired where they are: the original triangles about them
+    // are kept and the rest is simplified again at the same target. Many, or a bound
+    // missed by far, tighten the target in proportion to the overshoot (halve it when
+    // only orientation failed).
+    if (check.spots.size() <= kMaxSpots && check.worstDistance < 2.0 * distance) {
+      KeepAround(block.indices, block.globalOf, flat, check.spots, block.keep);
+      continue;
+    }
+    factor *= check.worstDistance > distance ? 0.9 * distance / check.worstDistance : 0.5;
+  }
+  block.passes = std::min<int>(block.passes, maxPasses);
+  if (haveHeld) {
+    block.result = std::move(bestResult);
+    block.nearest = std::move(bestNearest);
+    block.worst = bestWorst;
+    block.factor = bestFactor;
+    block.held = true;
+  } else {
+    keepOriginal();
+    block.worst = 0.0;
+    block.held = false;
+  }
+}
+
+// One pass over the seams of a surface cut into blocks: the result triangles that touch
+// a point shared by two blocks are simplified together (their outer outline locked),
+// and checked against the original points whose nearest triangle they were, or that
+// they dropped. Returns the surface's result, which is `merged` when no pass holds.
+struct SeamOutcome {
+  std::vector<std::uint32_t> result;
+  double worst = 0.0;
+  int passes = 0;
+};
+
+SeamOutcome ReduceSeams(const FlatMesh& flat, const std::vector<const Block*>& blocks, double distance, double factor) {
+  SeamOutcome out;
+  std::vector<std::uint32_t> merged;
+  std::vector<std::uint32_t> firstTriangle;  // per block: its first triangle in `merged`
+  for (const Block* b : blocks) {
+    firstTriangle.push_back(static_cast<std::uint32_t>(merged.size() / 3));
+    merged.insert(merged.end(), b->result.begin(), b->result.end());
+  }
+  out.result = merged;
+  if (blocks.size() < 2) return out;
+
+  // Per point: held by a block, held by more than one (shared), to be measured again.
+  constexpr std::uint8_t kHeld = 1, kShared = 2, kMeasure = 4;
+  std::vector<std::uint8_t> state(flat.points.size(), 0);
+  for (const Block* b : blocks)
+    for (std::uint32_t g : b->globalOf) state[g] |= (state[g] & kHeld) != 0 ? kShared : kHeld;
+  const auto isShared = [&](std::uint32_t g) { return (state[g] & kShared) != 0; };
+  // The seam strip: merged triangles with a shared corner.
+  std::vector<std::uint8_t> inStrip(merged.size() / 3, 0);
+  std::vector<std::uint32_t> stripTriangles;
+  for (std::size_t t = 0; t < inStrip.size(); ++t)
+    if (isShared(merged[3 * t]) || isShared(merged[3 * t + 1]) || isShared(merged[3 * t + 2])) {
+      inStrip[t] = 1;
+      stripTriangles.push_back(static_cast<std::uint32_t>(t));
+    }
+  if (stripTriangles.empty()) return out;
+  std::vector<std::uint32_t> globalOf, indices;
+  std::vector<float> positions;
+  {
+    std::vector<std::uint32_t> stripPoints;
+    for (std::uint32_t t : stripTriangles) stripPoints.insert(stripPoints.end(), &merged[3 * t], &merged[3 * t] + 3);
+    globalOf = stripPoints;
+    std::sort(globalOf.begin(), globalOf.end());
+    globalOf.erase(std::unique(globalOf.begin(), globalOf.end()), globalOf.end());
+    for (std::uint32_t g : stripPoints)
+      indices.push_back(
+          static_cast<std::uint32_t>(std::lower_bound(globalOf.begin(), globalOf.end(), g) - globalOf.begin()));
+    for (std::uint32_t g : globalOf)
+      positions.insert(positions.end(),
+                       {float(flat.position[g][0]), float(flat.position[g][1]), float(flat.position[g][2])});
+  }
+  const float scale = meshopt_simplifyScale(positions.data(), globalOf.size(), 3 * sizeof(float));
+
+  // The original points to measure again: those whose nearest triangle lies in the
+  // strip, and the strip's own points (which the strip may drop); in point order.
+  for (std::uint32_t g : globalOf) state[g] |= kMeasure;
+  for (std::size_t b = 0; b < blocks.size(); ++b) {
+    const Block& block = *blocks[b];
+    for (std::size_t v = 0; v < block.globalOf.size(); ++v)
+      if (block.nearest[v] != kNone && inStrip[firstTriangle[b] + block.nearest[v]] != 0)
+        state[block.globalOf[v]] |= kMeasure;
+  }
+  std::vector<std::uint32_t> measure;
+  for (std::uint32_t g = 0; g < state.size(); ++g)
+    if ((state[g] & kMeasure) != 0) measure.push_back(g);
+
+  const std::uint32_t surface = blocks.front()->surface;
+  const auto stripKey = [&](std::size_t i) {
+    const std::uint32_t* c = &merged[3 * stripTriangles[i]];
+    return MakeKey(surface, c[0], c[1], c[2]);
+  };
+
+  std::vector<std::uint8_t> keep;
+  std::vector<std::uint32_t> nearest;
+  for (out.passes = 1; out.passes <= kSeamPasses; ++out.passes) {
+    const std::vector<std::uint32_t> strip = Simplify(indices, keep, globalOf, positions, scale, distance * factor);
+    if (strip.size() == indices.size()) break;  // nothing to gain
+    std::vector<std::uint32_t> candidate;
+    for (std::size_t t = 0; t < inStrip.size(); ++t)
+      if (inStrip[t] == 0) candidate.insert(candidate.end(), &merged[3 * t], &merged[3 * t] + 3);
+    candidate.insert(candidate.end(), strip.begin(), strip.end());
+    // Triangles outside the strip and those the strip kept were checked with their blocks.
+    std::vector<std::uint8_t> untouched(candidate.size() / 3, 1);
+    const std::vector<std::uint8_t> stripUntouched = Untouched(strip, surface, stripTriangles.size(), stripKey);
+    std::copy(stripUntouched.begin(), stripUntouched.end(), untouched.end() - stripUntouched.size());
+    const Check check = Verify(flat, candidate, untouched, measure, distance, nearest);
+    if (check.violations == 0) {
+      out.result = std::move(candidate);
+      out.worst = check.worstDistance;
+      break;
+    }
+    if (check.spots.size() > kMaxSpots) break;
+    KeepAround(indices, globalOf, flat, check.spots, keep);
+  }
+  out.passes = std::min(out.passes, kSeamPasses);
+  return out;
+}
+
+// Writes the result (three mesh-wide points per triangle, per surface) into the mesh:
+// new triangles first (so that the points they use keep a triangle throughout), then
+// the old triangles that the result does not hold, with the points they leave without
+// triangles.
+void Apply(MStlBase& mesh, const FlatMesh& flat, const std::vector<std::vector<std::uint32_t>>& surfaceResults) {
   std::vector<TriangleKey> kept;
-  for (std::uint32_t s = 0; s < flat.surfaces.size(); ++s) {
-    const std::vector<std::uint32_t>& r = flat.surfaces[s].result;
+  for (std::uint32_t s = 0; s < surfaceResults.size(); ++s) {
+    const std::vector<std::uint32_t>& r = surfaceResults[s];
     for (std::size_t t = 0; t < r.size(); t += 3) kept.push_back(MakeKey(s, r[t], r[t + 1], r[t + 2]));
   }
   std::sort(kept.begin(), kept.end());
-  std::vector<std::uint32_t> globalOfMask(mesh.GetMasks().GetPointMaskSize(), kNone);
-  for (std::uint32_t g = 0; g < flat.points.size(); ++g) globalOfMask[flat.points[g]->GetMaskIndex()] = g;
   std::vector<bool> existing(kept.size(), false);
   std::vector<MStlTriangleCell*> drop;
-  for (std::size_t i = 0; i < flat.cells.size(); ++i) {
-    const MStlTriangle& t = flat.cells[i]->data;
-    const TriangleKey key =
-        MakeKey(flat.cellSurface[i], globalOfMask[t.GetPoint(0)->GetMaskIndex()],
-                globalOfMask[t.GetPoint(1)->GetMaskIndex()], globalOfMask[t.GetPoint(2)->GetMaskIndex()]);
-    const auto at = std::lower_bound(kept.begin(), kept.end(), key);
-    if (at != kept.end() && *at == key && !existing[at - kept.begin()])
-      existing[at - kept.begin()] = true;
-    else
-      drop.push_back(flat.cells[i]);
-  }
+  for (std::uint32_t s = 0; s + 1 < flat.surfaceStart.size(); ++s)
+    for (std::uint32_t i = flat.surfaceStart[s]; i < flat.surfaceStart[s + 1]; ++i) {
+      const TriangleKey key = MakeKey(s, flat.corners[3 * i], flat.corners[3 * i + 1], flat.corners[3 * i + 2]);
+      const auto at = std::lower_bound(kept.begin(), kept.end(), key);
+      if (at != kept.end() && *at == key && !existing[at - kept.begin()])
+        existing[at - kept.begin()] = true;
+      else
+        drop.push_back(flat.cells[i]);
+    }
   MStlTempPointSortingDisabler batch(&mesh, true);
   for (std::size_t i = 0; i < kept.size(); ++i) {
     if (existing[i]) continue;
     const TriangleKey& k = kept[i];
-    mesh.AddTriangle(flat.points[k[1]], flat.points[k[2]], flat.points[k[3]], flat.surfaces[k[0]].surface);
+    mesh.AddTriangle(flat.points[k[1]], flat.points[k[2]], flat.points[k[3]], flat.surfaces[k[0]]);
   }
   mesh.RemoveTriangles(drop, MStlBase::RemoveFreePoints);
   mesh.UpdateExtremes(false);
@@ -256,24 +619,43 @@ bool MStlBaseOperatorReduceEx<MStlBaseContainer>::Operate() {
     return false;
   if (trianglesBefore == 0) return true;
 
-  FlatMesh flat = Flatten(*mesh);
-  const double minGain = std::max(0.0, params.minGainPercent) * 0.01 * double(trianglesBefore);
-  // The engine's target starts at 0.4 of the distance: its averaged measure runs at about
-  // half the worst vertex distance on scanned surfaces, so the first pass usually holds.
-  double factor = 0.4;
-  for (passesRun = 1; passesRun <= params.maxPasses; ++passesRun) {
-    const std::size_t triangles = Simplify(flat, params.distance * factor);
-    if (double(trianglesBefore - triangles) < minGain || triangles == trianglesBefore) return true;
-    const Check check = Verify(flat, params.distance);
-    if (check.violations == 0) {
-      Apply(*mesh, flat);
-      trianglesAfter = mesh->GetNumberOfTriangles();
-      maxDeviation = check.worstDistance;
-      return true;
-    }
-    // Tighten in proportion to the overshoot; halve when only orientation failed.
-    factor *= check.worstDistance > params.distance ? 0.9 * params.distance / check.worstDistance : 0.5;
+  const FlatMesh flat = Flatten(*mesh);
+  std::vector<Block> blocks = MakeBlocks(flat, std::max<std::size_t>(params.blockTriangles, 1));
+  oneapi::tbb::parallel_for(std::size_t(0), blocks.size(),
+                            [&](std::size_t b) { ReduceBlock(flat, blocks[b], params.distance, params.maxPasses); });
+
+  bool allHeld = true;
+  std::size_t blockTriangles = 0, offered = 0;
+  for (const Block& b : blocks) {
+    allHeld = allHeld && b.held;
+    blockTriangles += b.result.size() / 3;
+    offered += b.offered;
+    passesRun = std::max<std::int32_t>(passesRun, b.passes);
   }
-  passesRun = params.maxPasses;
-  return false;
+  // Too little to gain even unchecked: there was nothing worth removing. Too
+  // little left after the checks: the bound cost the gain, and blocks that never held
+  // say so in the result.
+  const double minGain = std::max(0.0, params.minGainPercent) * 0.01 * double(trianglesBefore);
+  if (double(offered) < minGain) return true;
+  if (double(trianglesBefore - blockTriangles) < minGain || blockTriangles == trianglesBefore) return allHeld;
+
+  // Surfaces cut into blocks get a pass over their seams, at the tightest target any of
+  // their blocks ended with; surfaces run in parallel.
+  std::vector<std::vector<const Block*>> ofSurface(flat.surfaces.size());
+  for (const Block& b : blocks) ofSurface[b.surface].push_back(&b);
+  std::vector<SeamOutcome> seams(flat.surfaces.size());
+  oneapi::tbb::parallel_for(std::size_t(0), flat.surfaces.size(), [&](std::size_t s) {
+    double factor = kLargestFactor;
+    for (const Block* b : ofSurface[s]) factor = std::min(factor, b->factor);
+    seams[s] = ReduceSeams(flat, ofSurface[s], params.distance, factor);
+  });
+  std::vector<std::vector<std::uint32_t>> surfaceResults(flat.surfaces.size());
+  for (std::size_t s = 0; s < seams.size(); ++s) {
+    surfaceResults[s] = std::move(seams[s].result);
+    maxDeviation = std::max(maxDeviation, seams[s].worst);
+  }
+  for (const Block& b : blocks) maxDeviation = std::max(maxDeviation, b.worst);
+  Apply(*mesh, flat, surfaceResults);
+  trianglesAfter = mesh->GetNumberOfTriangles();
+  return allHeld;
 }

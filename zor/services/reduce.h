@@ -3,12 +3,17 @@
 //
 // Engine: meshoptimizer's quadric edge-collapse simplifier (Garland and Heckbert's
 // error quadrics, collapsing onto existing vertices), run surface by surface with the
-// border vertices of each surface locked. The engine bounds an averaged plane distance,
-// not the distance of each original vertex, so every result is checked: the distance
-// from every original vertex to the candidate is measured exactly (nearest triangle,
-// Eberly's point-triangle distance), and every candidate triangle must face the same
-// way as the original surface at its corners. A candidate that fails is rerun with a
-// tighter engine target, in proportion to the worst deviation found.
+// border vertices of each surface locked. Large surfaces are cut into spatial blocks
+// (median splits of the triangle centroids), simplified in parallel with their
+// outlines locked, then the strip of triangles along the seams between blocks is
+// simplified once more. The engine bounds an averaged plane distance, not the distance
+// of each original vertex, so every result is checked: every original vertex must lie
+// within the bound of some candidate triangle (Eberly's point-triangle distance), and
+// every new triangle must face the same way as the original surface it stands for. A
+// block that fails at a few places keeps its original triangles there and runs again;
+// one that fails widely runs again with a tighter target. A block that removes little
+// while staying well inside the bound (noise finer than the bound) runs again with a
+// wider target, and keeps the result that removes most.
 //
 // What the result keeps: points keep their exact integer coordinates (collapses land
 // on existing points, so nothing is rounded); open borders and the seams between
@@ -28,12 +33,17 @@ public:
   struct ZOR_SERVICES_API MParams {
     // Internal units: every original vertex lies within this distance of the result.
     double distance = 0.0;
-    // Reduce-and-check rounds. When none gives a result within `distance` (or without a
-    // flipped triangle), the mesh is left as it was and Operate returns false.
+    // Reduce-and-check rounds per block. A block where none gives a result within
+    // `distance` (or without a flipped triangle) keeps its triangles, and Operate
+    // returns false.
     std::int32_t maxPasses = 5;
     // Percent of the triangles: a result that removes fewer is not worth rewriting the
     // mesh, which is then left as it was (and Operate returns true).
     double minGainPercent = 10.0;
+    // Surfaces of more triangles are cut into spatial blocks of at most this many, which
+    // are reduced in parallel with their outlines locked, then joined by one pass over
+    // the seams. Smaller blocks use more threads and leave more for the seam pass.
+    std::size_t blockTriangles = 32768;
   };
 };
 
@@ -50,13 +60,16 @@ public:
 
   // True when the mesh holds a checked result, or was left as it was because there was
   // nothing worth removing. False, with the mesh unchanged, for a null mesh, a distance
-  // that is negative or not finite, fewer than one pass, or when no pass met the bound.
+  // that is negative or not finite, or fewer than one pass; false also when some block
+  // met the bound in no pass: that block keeps its triangles, the rest is reduced.
   bool Operate();
 
   std::size_t GetTrianglesBefore() const { return trianglesBefore; }
   std::size_t GetTrianglesAfter() const { return trianglesAfter; }
+  // The most passes any block ran.
   std::int32_t GetPassesRun() const { return passesRun; }
-  // Greatest distance of an original vertex from the applied result (internal units).
+  // No original vertex lies farther than this from the applied result (internal units):
+  // the greatest distance the checks measured.
   double GetMaxDeviation() const { return maxDeviation; }
 
 private:

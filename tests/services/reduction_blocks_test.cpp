@@ -1,0 +1,152 @@
+// Reduction of meshes cut into blocks: the bound holds across the seams between
+// blocks, on noisy surfaces and at creases that blocks meet on; surfaces keep their
+// seams; and the result does not depend on the number of threads.
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <oneapi/tbb/task_arena.h>
+
+#include "tools/generators/bodies.h"
+#include "tools/generators/mesh_arrays.h"
+#include "tools/generators/small_meshes.h"
+#include "zor/model/stl.h"
+#include "zor/services/reduce.h"
+#include "zor/spatial/tree_property.h"
+
+namespace {
+
+std::vector<MMVector3d> AllPoints(const MStlBase& mesh) {
+  std::vector<MMVector3d> out;
+  for (auto it = mesh.BeginPoint(); it != mesh.EndPoint(); ++it) out.push_back(it->GetDouble());
+  return out;
+}
+
+double WorstDistance(const std::vector<MMVector3d>& points, const MStlBase& mesh) {
+  const auto* holder = MeshQueries::GetTriangleTree(MeshQueries::MeshHandle(&mesh));
+  double worst = 0.0;
+  for (const MMVector3d& p : points)
+    worst = std::max(worst, MeshQueries::FindNearestTriangle(*holder, p, HUGE_VAL).second);
+  return worst;
+}
+
+// Reduces with blocks of `block` triangles; returns Operate's result.
+bool Reduce(MStlBase& mesh, double distance, std::size_t block, std::size_t* after = nullptr) {
+  MStlBaseOperatorReduceExBase::MParams params;
+  params.distance = distance;
+  params.blockTriangles = block;
+  MStlBaseOperatorReduceEx<MStlBaseContainer> op(MStlBaseContainer(&mesh), params);
+  const bool ok = op.Operate();
+  EXPECT_LE(op.GetMaxDeviation(), distance);
+  if (after != nullptr) *after = op.GetTrianglesAfter();
+  return ok;
+}
+
+// Area of the triangles that face against `outward` at their centroid and are wider
+// than `distance` (a narrower one lies within the bound whichever way it faces).
+template <typename Outward>
+double FoldedArea(const MStlBase& mesh, double distance, Outward outward) {
+  double area = 0.0;
+  for (auto it = mesh.BeginTriangle(); it != mesh.EndTriangle(); ++it) {
+    const MMVector3d a = it->GetVertex(0), b = it->GetVertex(1), c = it->GetVertex(2);
+    const double longest = std::sqrt(std::max({Length2(b - a), Length2(c - b), Length2(a - c)}));
+    if (Dot(it->GetAreaVector(), outward((a + b + c) * (1.0 / 3.0))) < 0.0 &&
+        2.0 * it->SurfaceArea() / longest > distance)
+      area += it->SurfaceArea();
+  }
+  return area;
+}
+
+// Every triangle as its corner coordinates, in mesh order: equal lists, equal meshes.
+std::vector<std::array<double, 9>> Triangles(const MStlBase& mesh) {
+  std::vector<std::array<double, 9>> out;
+  for (auto it = mesh.BeginTriangle(); it != mesh.EndTriangle(); ++it) {
+    std::array<double, 9> t;
+    for (int k = 0; k < 3; ++k)
+      for (int d = 0; d < 3; ++d) t[3 * k + d] = it->GetVertex(k)[d];
+    out.push_back(t);
+  }
+  return out;
+}
+
+TEST(ReductionInBlocks, NoiseBelowTheBoundIsRemovedAndTheBoundHolds) {
+  // A smooth body (about 100 mm) with Gaussian noise of 30 um along the surface normal:
+  // a reduction to 300 um must smooth the noise away, not give up on it.
+  auto mesh = zorgen::MakeMesh(zorgen::MakeShape(zorgen::Shape::Smooth, 40000, 30.0));
+  const std::vector<MMVector3d> before = AllPoints(*mesh);
+  const std::size_t triangles = mesh->GetNumberOfTriangles();
+  std::size_t after = 0;
+  EXPECT_TRUE(Reduce(*mesh, 300.0, 4096, &after));
+  EXPECT_LT(after, triangles * 2 / 5);
+  EXPECT_EQ(after, mesh->GetNumberOfTriangles());
+  EXPECT_LE(WorstDistance(before, *mesh), 300.0);
+}
+
+TEST(ReductionInBlocks, SurfacesKeepTheirSeamAndTheirSideAcrossBlocks) {
+  // A 60 x 60 grid of 1 mm squares on a gentle dome, in two surfaces split at x = 30,
+  // cut into blocks of 500 triangles: the seam between the surfaces keeps all its
+  // points, every triangle stays on its surface's side, and the bound holds over the
+  // seams between blocks.
+  constexpr int n = 60;
+  MStlBase mesh;
+  MStlSurface* left = mesh.AddSurface();
+  MStlSurface* right = mesh.AddSurface();
+  const auto at = [&](int i, int j) {
+    const double x = i - 30.0, y = j - 30.0;
+    return mesh.AddPoint(1000 * i, 1000 * j, static_cast<std::int32_t>(std::lround(-4.0 * (x * x + y * y))), false);
+  };
+  for (int j = 0; j < n; ++j)
+    for (int i = 0; i < n; ++i) {
+      MStlSurface* surface = i < 30 ? left : right;
+      mesh.AddTriangle(at(i, j), at(i + 1, j), at(i + 1, j + 1), surface);
+      mesh.AddTriangle(at(i, j), at(i + 1, j + 1), at(i, j + 1), surface);
+    }
+  const std::vector<MMVector3d> before = AllPoints(mesh);
+  std::size_t after = 0;
+  EXPECT_TRUE(Reduce(mesh, 50.0, 500, &after));
+  EXPECT_LT(after, std::size_t(2 * n * n) / 2);
+  EXPECT_LE(WorstDistance(before, mesh), 50.0);
+  for (int j = 0; j <= n; ++j) EXPECT_NE(mesh.GetPoint(30000, 1000 * j, at(30, j)->GetInt()[2]), nullptr) << j;
+  for (MStlSurface* surface : {left, right})
+    for (MStlTriangleCell* cell = surface->GetFirstTriangle(); cell != nullptr; cell = cell->next)
+      for (std::size_t k = 0; k < 3; ++k)
+        EXPECT_TRUE(surface == left ? cell->data.GetVertex(k)[0] <= 30000 : cell->data.GetVertex(k)[0] >= 30000);
+  EXPECT_EQ(FoldedArea(mesh, 50.0, [](const MMVector3d&) { return MMVector3d(0, 0, 1); }), 0.0);
+}
+
+TEST(ReductionInBlocks, BlocksThatMeetAtACreaseKeepItAndFaceOutward) {
+  // A closed box of 40 x 30 x 20 mm, 24 x 24 squares a face, in blocks of 600: block
+  // outlines run into the box's edges, where a collapse across the crease would cut
+  // the corner off by far more than the bound.
+  auto box = zorgen::MakeBox(40000, 30000, 20000, 24);
+  const std::vector<MMVector3d> before = AllPoints(*box);
+  const std::size_t triangles = box->GetNumberOfTriangles();
+  std::size_t after = 0;
+  EXPECT_TRUE(Reduce(*box, 100.0, 600, &after));
+  EXPECT_LT(after, triangles / 10);
+  EXPECT_LE(WorstDistance(before, *box), 100.0);
+  EXPECT_NE(box->GetPoint(0, 0, 0), nullptr);
+  EXPECT_NE(box->GetPoint(40000, 30000, 20000), nullptr);
+  EXPECT_NE(box->GetPoint(40000, 0, 20000), nullptr);
+  const MMVector3d centre(20000, 15000, 10000);
+  EXPECT_EQ(FoldedArea(*box, 100.0, [&](const MMVector3d& p) { return p - centre; }), 0.0);
+}
+
+TEST(ReductionInBlocks, IsBitIdenticalAtAnyThreadCountAndFromRunToRun) {
+  const zorgen::MeshArrays body = zorgen::MakeShape(zorgen::Shape::Featured, 30000, 40.0);
+  const auto reduced = [&] {
+    auto mesh = zorgen::MakeMesh(body);
+    Reduce(*mesh, 300.0, 2048);
+    return Triangles(*mesh);
+  };
+  const auto first = reduced();
+  EXPECT_EQ(reduced(), first);
+  std::vector<std::array<double, 9>> single;
+  oneapi::tbb::task_arena(1).execute([&] { single = reduced(); });
+  EXPECT_EQ(single, first);
+}
+
+}  // namespace
