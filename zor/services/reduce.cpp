@@ -55,6 +55,9 @@ TriangleKey MakeKey(std::uint32_t surface, std::uint32_t a, std::uint32_t b, std
 // The mesh as flat arrays: every point that a triangle uses, numbered by first use in
 // surface order, and every triangle's corners in those numbers, surface by surface.
 struct FlatMesh {
+  // The corners of triangle `t`.
+  const std::uint32_t* CornersOf(std::size_t t) const { return &corners[3 * t]; }
+
   std::vector<MStlPoint*> points;
   std::vector<MMVector3d> position;  // of each point, relative to the mesh centre
   std::vector<MMVector3d> normals;   // sum of the original area vectors around each point
@@ -161,8 +164,8 @@ std::vector<Block> MakeBlocks(const FlatMesh& flat, std::size_t limit) {
     std::vector<Centroid> items(last - first);
     std::vector<std::pair<std::size_t, std::size_t>> parts;
     oneapi::tbb::parallel_for(first, last, [&](std::uint32_t t) {
-      const MMVector3d c = flat.position[flat.corners[3 * t]] + flat.position[flat.corners[3 * t + 1]] +
-                           flat.position[flat.corners[3 * t + 2]];
+      const std::uint32_t* k = flat.CornersOf(t);
+      const MMVector3d c = flat.position[k[0]] + flat.position[k[1]] + flat.position[k[2]];
       items[t - first] = Centroid{{float(c[0]), float(c[1]), float(c[2])}, t};
     });
     SplitBlocks(items, 0, items.size(), limit, parts);
@@ -184,7 +187,7 @@ std::vector<Block> MakeBlocks(const FlatMesh& flat, std::size_t limit) {
     std::vector<std::uint32_t>& localOf = lookups.local();
     block.indices.reserve(3 * block.triangles.size());
     for (std::uint32_t t : block.triangles) {
-      const std::uint32_t* c = &flat.corners[3 * t];
+      const std::uint32_t* c = flat.CornersOf(t);
       for (int k = 0; k < 3; ++k) {
         std::uint32_t& local = localOf[c[k]];
         if (local == kNone) {
@@ -408,7 +411,7 @@ void ReduceBlock(const FlatMesh& flat, Block& block, double distance, std::int32
   const auto keepOriginal = [&] {
     block.result.clear();
     for (std::uint32_t t : block.triangles)
-      block.result.insert(block.result.end(), &flat.corners[3 * t], &flat.corners[3 * t] + 3);
+      block.result.insert(block.result.end(), flat.CornersOf(t), flat.CornersOf(t) + 3);
     block.nearest.assign(block.globalOf.size(), kNone);
   };
   double factor = kFirstFactor;
@@ -425,11 +428,10 @@ void ReduceBlock(const FlatMesh& flat, Block& block, double distance, std::int32
     if (result.size() == block.indices.size()) {
       nearest.assign(block.globalOf.size(), kNone);  // nothing removed: the block as it was
       result.clear();
-      for (std::uint32_t t : block.triangles)
-        result.insert(result.end(), &flat.corners[3 * t], &flat.corners[3 * t] + 3);
+      for (std::uint32_t t : block.triangles) result.insert(result.end(), flat.CornersOf(t), flat.CornersOf(t) + 3);
     } else {
       const auto keyOf = [&](std::size_t i) {
-        const std::uint32_t* c = &flat.corners[3 * block.triangles[i]];
+        const std::uint32_t* c = flat.CornersOf(block.triangles[i]);
         return MakeKey(block.surface, c[0], c[1], c[2]);
       };
       check = Verify(flat, result, Untouched(result, block.surface, block.triangles.size(), keyOf), block.globalOf,
@@ -443,7 +445,7 @@ void ReduceBlock(const FlatMesh& flat, Block& block, double distance, std::int32
         bestFactor = factor;
         haveHeld = true;
       }
-      const bool noiseLimited = double(bestResult.size() / 3) > (1.0 - kNoiseLimitedShare) * double(triangles) &&
+      const bool noiseLimited = double(bestResult.size()) / 3.0 > (1.0 - kNoiseLimitedShare) * double(triangles) &&
                                 check.worstDistance < 0.5 * distance;
       if (!noiseLimited || raises == kRaises || factor >= kLargestFactor) break;
       ++raises;
@@ -515,7 +517,7 @@ SeamOutcome ReduceSeams(const FlatMesh& flat, const std::vector<const Block*>& b
   std::vector<float> positions;
   {
     std::vector<std::uint32_t> stripPoints;
-    for (std::uint32_t t : stripTriangles) stripPoints.insert(stripPoints.end(), &merged[3 * t], &merged[3 * t] + 3);
+    for (std::size_t t : stripTriangles) stripPoints.insert(stripPoints.end(), &merged[3 * t], &merged[3 * t] + 3);
     globalOf = stripPoints;
     std::sort(globalOf.begin(), globalOf.end());
     globalOf.erase(std::unique(globalOf.begin(), globalOf.end()), globalOf.end());
@@ -543,7 +545,7 @@ SeamOutcome ReduceSeams(const FlatMesh& flat, const std::vector<const Block*>& b
 
   const std::uint32_t surface = blocks.front()->surface;
   const auto stripKey = [&](std::size_t i) {
-    const std::uint32_t* c = &merged[3 * stripTriangles[i]];
+    const std::uint32_t* c = &merged[3 * std::size_t(stripTriangles[i])];
     return MakeKey(surface, c[0], c[1], c[2]);
   };
 
@@ -588,7 +590,8 @@ void Apply(MStlBase& mesh, const FlatMesh& flat, const std::vector<std::vector<s
   std::vector<MStlTriangleCell*> drop;
   for (std::uint32_t s = 0; s + 1 < flat.surfaceStart.size(); ++s)
     for (std::uint32_t i = flat.surfaceStart[s]; i < flat.surfaceStart[s + 1]; ++i) {
-      const TriangleKey key = MakeKey(s, flat.corners[3 * i], flat.corners[3 * i + 1], flat.corners[3 * i + 2]);
+      const std::uint32_t* c = flat.CornersOf(i);
+      const TriangleKey key = MakeKey(s, c[0], c[1], c[2]);
       const auto at = std::lower_bound(kept.begin(), kept.end(), key);
       if (at != kept.end() && *at == key && !existing[at - kept.begin()])
         existing[at - kept.begin()] = true;
