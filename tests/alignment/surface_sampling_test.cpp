@@ -1,12 +1,16 @@
 // Sampling a mesh on a sorted grid, and the patch that gives a normal at a point.
 #include "zor/alignment/surface_sampling.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstdlib>
+#include <memory>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "tools/generators/bodies.h"
+#include "tools/generators/mesh_arrays.h"
 #include "tools/generators/small_meshes.h"
 #include "zor/alignment/surface_patch.h"
 #include "zor/model/stl.h"
@@ -161,3 +165,42 @@ TEST(SurfacePatch, EvaluateFallsBackToTheTriangleNormal) {
 }
 
 }  // namespace
+
+namespace {
+
+// The samples as the grid of the plain bisection gives them: every count by the
+// sorting walk of GridSample, over the x range (from the least x to the greatest x or 0).
+std::vector<MMVector3d> ReferenceSamples(const MStlBase& mesh, std::uint64_t wanted) {
+  std::vector<MMVector3d> all;
+  for (auto it = mesh.BeginPoint(); it != mesh.EndPoint(); ++it) all.push_back(it->GetDouble());
+  double xMin = all.front()[0], xMax = 0.0;
+  for (const MMVector3d& p : all) xMin = std::min(xMin, p[0]), xMax = std::max(xMax, p[0]);
+  double lo = 0.0, hi = xMax - xMin, cell = 0.0;
+  std::vector<MMVector3d> none, out;
+  while (hi > lo) {
+    if (std::fabs(2.0 * cell - lo - hi) < 0.0001) break;
+    cell = (hi + lo) * 0.5;
+    const std::uint64_t count = GridSample(GridSampleContext{&all, cell, true}, none);
+    if (std::fabs(double(count) - double(wanted)) < 5.0) break;
+    (count < wanted ? hi : lo) = cell;
+  }
+  GridSample(GridSampleContext{&all, cell, false}, out);
+  return out;
+}
+
+}  // namespace
+
+// The bisection counts cells without sorting points; on noisy, partial and flat meshes,
+// where cells split on exact bounds, it must land on the very grid the sorting count does.
+TEST(SampleSurface, FastCountsPickTheSameGridAsTheSortingWalk) {
+  std::vector<std::unique_ptr<MStlBase>> meshes;
+  meshes.push_back(zorgen::MakeMesh(zorgen::MakeShape(zorgen::Shape::Featured, 20000, 150.0)));
+  meshes.push_back(zorgen::MakeMesh(zorgen::MakeScanLikeMesh(20000)));
+  meshes.push_back(zorgen::MakeGrid(120, 250));
+  for (const auto& mesh : meshes)
+    for (std::uint64_t wanted : {50u, 500u, 3000u}) {
+      std::vector<MMVector3d> points;
+      SampleSurface(mesh.get(), wanted, 0.0, false, points, nullptr);
+      EXPECT_EQ(points, ReferenceSamples(*mesh, wanted)) << wanted;
+    }
+}

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include <oneapi/tbb/enumerable_thread_specific.h>
+#include <oneapi/tbb/parallel_for.h>
 #include <oneapi/tbb/parallel_sort.h>
 
 #include "zor/alignment/surface_patch.h"
@@ -47,15 +49,84 @@ std::uint64_t GridSampleDistinct(const std::vector<MMVector3d>& source, bool cou
   return count;
 }
 
-// The cell size whose grid gives about `wanted` cells, by bisection on [0, range].
+// The cell of `v` on a walk from `first` in steps of `size`, as WalkCells finds it: the
+// least k with v < size + (k size + first). False when the walk's arithmetic is out of
+// its depth (a step lost against `first`, or a cell number beyond exact doubles).
+bool CellOf(double v, double first, double size, std::uint64_t& k) {
+  const double estimate = std::floor((v - first) / size);
+  if (!(estimate >= 0.0 && estimate < 1.0e15)) return false;
+  std::uint64_t c = static_cast<std::uint64_t>(estimate);
+  const auto upper = [&](std::uint64_t j) { return size + (double(j) * size + first); };
+  for (int guard = 0; c > 0 && v < upper(c - 1); ++guard, --c)
+    if (guard == 4) return false;
+  for (int guard = 0; !(v < upper(c)); ++guard, ++c)
+    if (guard == 4) return false;
+  k = c;
+  return true;
+}
+
+// The count of GridSample(countOnly) at `cellSize` on points already sorted by x, found
+// without sorting points: each slab (the same walk over x) numbers its points' rows,
+// sorts (row, z) pairs once, and counts the cells along each row. Slabs run in
+// parallel; the count is a sum of integers, the same on any threads. False when some
+// cell number is out of reach (see CellOf): the caller then counts the sorting way.
+bool CountCells(const std::vector<MMVector3d>& byX, double cellSize, std::uint64_t& count) {
+  std::vector<std::pair<std::size_t, std::size_t>> slabs;
+  WalkCells(byX, 0, cellSize, [&](std::size_t begin, std::size_t end) { slabs.emplace_back(begin, end); });
+  std::vector<std::uint64_t> counts(slabs.size(), 0);
+  std::vector<std::uint8_t> failed(slabs.size(), 0);
+  oneapi::tbb::enumerable_thread_specific<std::vector<std::pair<std::uint64_t, double>>> scratch;
+  oneapi::tbb::parallel_for(std::size_t(0), slabs.size(), [&](std::size_t s) {
+    const std::size_t begin = slabs[s].first, end = slabs[s].second;
+    double firstY = byX[begin][1];
+    for (std::size_t i = begin; i < end; ++i) firstY = std::min(firstY, byX[i][1]);
+    std::vector<std::pair<std::uint64_t, double>>& rows = scratch.local();
+    rows.clear();
+    for (std::size_t i = begin; i < end; ++i) {
+      std::uint64_t row = 0;
+      if (!CellOf(byX[i][1], firstY, cellSize, row)) {
+        failed[s] = 1;
+        return;
+      }
+      rows.emplace_back(row, byX[i][2]);
+    }
+    std::sort(rows.begin(), rows.end());
+    std::uint64_t cells = 0;
+    for (std::size_t i = 0; i < rows.size();) {
+      const std::uint64_t row = rows[i].first;
+      const double firstZ = rows[i].second;  // the row's lowest z
+      std::uint64_t last = 0;
+      for (const std::size_t rowBegin = i; i < rows.size() && rows[i].first == row; ++i) {
+        std::uint64_t cell = 0;
+        if (!CellOf(rows[i].second, firstZ, cellSize, cell)) {
+          failed[s] = 1;
+          return;
+        }
+        if (i == rowBegin || cell != last) ++cells;
+        last = cell;
+      }
+    }
+    counts[s] = cells;
+  });
+  if (std::find(failed.begin(), failed.end(), std::uint8_t{1}) != failed.end()) return false;
+  count = 0;
+  for (std::uint64_t c : counts) count += c;
+  return true;
+}
+
+// The cell size whose grid gives about `wanted` cells, by bisection on [0, range]. The
+// points are sorted by x once for all the counts.
 double FindCellSize(const std::vector<MMVector3d>& source, std::uint64_t wanted, double range) {
   double lo = 0.0, hi = range, cell = 0.0;
   if (!(range > 0.0)) return 0.0;
+  std::vector<MMVector3d> byX(source);
+  oneapi::tbb::parallel_sort(byX.begin(), byX.end(), CmpByX());
   std::vector<MMVector3d> none;
   while (hi > lo) {
     if (std::fabs(2.0 * cell - lo - hi) < 0.0001) break;
     cell = (hi + lo) * 0.5;
-    const std::uint64_t count = GridSample(GridSampleContext{&source, cell, true}, none);
+    std::uint64_t count = 0;
+    if (!CountCells(byX, cell, count)) count = GridSample(GridSampleContext{&source, cell, true}, none);
     if (std::fabs(double(count) - double(wanted)) < 5.0) break;
     if (count < wanted)
       hi = cell;
