@@ -8,8 +8,24 @@
 #include "zor/model/coordinates.h"
 #include "zor/model/stl_guards.h"
 
+namespace {
+
+std::size_t GridHash(const MMVector3i& p) {
+  std::uint64_t h = static_cast<std::uint32_t>(p[0]) * 0x9E3779B97F4A7C15ull;
+  h ^= static_cast<std::uint32_t>(p[1]) * 0xC2B2AE3D27D4EB4Full;
+  h = (h << 31) | (h >> 33);
+  h ^= static_cast<std::uint32_t>(p[2]) * 0x165667B19E3779F9ull;
+  h ^= h >> 29;
+  h *= 0xBF58476D1CE4E5B9ull;
+  h ^= h >> 32;
+  return static_cast<std::size_t>(h);
+}
+
+}  // namespace
+
 std::unique_ptr<MStlBase> BuildStl(const double* xyz, std::size_t pointCount, const std::uint32_t* indices,
                                    std::size_t triangleCount, MStlBuildReport* report) {
+  if (pointCount >= 0xFFFFFFFFu) throw std::length_error("BuildStl: more points than 32-bit indices can reach");
   std::vector<MMVector3i> grid(pointCount);
   for (std::size_t i = 0; i < pointCount; ++i)
     for (int k = 0; k < 3; ++k)
@@ -28,11 +44,32 @@ std::unique_ptr<MStlBase> BuildStl(const double* xyz, std::size_t pointCount, co
   mesh->Reserve(pointCount, triangleCount);
   MStlTempPointSortingDisabler bulk(mesh.get(), true);
   MStlBuildReport counts;
+  // Points join on a flat table of input numbers (no pointer to follow per probe): each
+  // point maps to the first input point with its coordinates, which alone becomes a
+  // mesh point, so mesh points come in the order of first appearance.
   std::vector<MStlPoint*> points(pointCount);
-  for (std::size_t i = 0; i < pointCount; ++i) {
-    const std::size_t before = mesh->NumberOfPoints();
-    points[i] = mesh->AddPoint(grid[i], false);
-    if (mesh->NumberOfPoints() == before) ++counts.pointsMerged;
+  {
+    std::size_t slots = 16;
+    while (slots < 2 * pointCount) slots *= 2;
+    const std::size_t mask = slots - 1;
+    constexpr std::uint32_t kEmpty = 0xFFFFFFFFu;
+    std::vector<std::uint32_t> table(slots, kEmpty);
+    for (std::size_t i = 0; i < pointCount; ++i) {
+      const MMVector3i& p = grid[i];
+      for (std::size_t h = GridHash(p) & mask;; h = (h + 1) & mask) {
+        const std::uint32_t j = table[h];
+        if (j == kEmpty) {
+          table[h] = static_cast<std::uint32_t>(i);
+          points[i] = mesh->AddPoint(p, true);
+          break;
+        }
+        if (grid[j] == p) {
+          points[i] = points[j];
+          ++counts.pointsMerged;
+          break;
+        }
+      }
+    }
   }
   for (std::size_t t = 0; t < triangleCount; ++t) {
     MStlPoint* a = points[indices[3 * t]];
