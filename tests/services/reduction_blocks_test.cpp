@@ -73,16 +73,18 @@ std::vector<std::array<double, 9>> Triangles(const MStlBase& mesh) {
 }
 
 TEST(ReductionInBlocks, NoiseBelowTheBoundIsRemovedAndTheBoundHolds) {
-  // A smooth body (about 100 mm) with Gaussian noise of 30 um along the surface normal:
-  // a reduction to 300 um must smooth the noise away, not give up on it.
-  auto mesh = zorgen::MakeMesh(zorgen::MakeShape(zorgen::Shape::Smooth, 40000, 30.0));
+  // A smooth body (about 100 mm, edges about 1 mm) with Gaussian noise of 130 um along
+  // the surface normal: a reduction to 1 mm must smooth the noise away, not give up on
+  // it. The few points that the noise puts beyond the bound of a smooth surface keep
+  // their triangles.
+  auto mesh = zorgen::MakeMesh(zorgen::MakeShape(zorgen::Shape::Smooth, 60000, 130.0));
   const std::vector<MMVector3d> before = AllPoints(*mesh);
   const std::size_t triangles = mesh->GetNumberOfTriangles();
   std::size_t after = 0;
-  EXPECT_TRUE(Reduce(*mesh, 300.0, 4096, &after));
-  EXPECT_LT(after, triangles * 2 / 5);
+  EXPECT_TRUE(Reduce(*mesh, 1000.0, 4096, &after));
+  EXPECT_LT(after, triangles / 10);
   EXPECT_EQ(after, mesh->GetNumberOfTriangles());
-  EXPECT_LE(WorstDistance(before, *mesh), 300.0);
+  EXPECT_LE(WorstDistance(before, *mesh), 1000.0);
 }
 
 TEST(ReductionInBlocks, SurfacesKeepTheirSeamAndTheirSideAcrossBlocks) {

@@ -10,10 +10,10 @@
 // of each original vertex, so every result is checked: every original vertex must lie
 // within the bound of some candidate triangle (Eberly's point-triangle distance), and
 // every new triangle must face the same way as the original surface it stands for. A
-// block that fails at a few places keeps its original triangles there and runs again;
-// one that fails widely runs again with a tighter target. A block that removes little
-// while staying well inside the bound (noise finer than the bound) runs again with a
-// wider target, and keeps the result that removes most.
+// block where points miss the bound keeps the original triangles around them, one with
+// a few folds keeps the original triangles about them, and runs again; one that fails
+// widely runs again with a tighter target. On a noisy surface the target starts above
+// the noise (measured per block), so that noise finer than the bound is removed.
 //
 // What the result keeps: points keep their exact integer coordinates (collapses land
 // on existing points, so nothing is rounded); open borders and the seams between
