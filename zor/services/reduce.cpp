@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <numeric>
 #include <utility>
@@ -40,6 +41,14 @@ constexpr double kLargestFactor = 0.8;
 // the spread that curvature leaves grows with the square of the edge, and at 4 bounds
 // it already widened the target on clean featured bodies of 100k triangles.
 constexpr double kNoiseEdges = 1.5;
+// A block noisier than this share of the bound is left as it is. The measure runs at
+// 0.6 of the noise's standard deviation, so this is noise of a third of the bound,
+// which puts one point in a hundred beyond the bound of any smooth surface; each keeps
+// its triangles, new ones miss the bound on the next pass, and the passes gain little
+// (measured on a 400k-triangle body: noise of 115 um lost 62% of the triangles in
+// 0.7 s, noise of 200 um 29% in 0.75 s; the registration after ran faster on the
+// whole mesh).
+constexpr double kHopelessNoise = 0.2;
 // Points beyond the bound are repaired by keeping the original triangles around each
 // (so the point stays), as long as they are at most this share of the block's points.
 constexpr double kMaxFarShare = 0.1;
@@ -484,9 +493,14 @@ void ReduceBlock(const FlatMesh& flat, Block& block, double distance, std::int32
       block.result.insert(block.result.end(), flat.CornersOf(t), flat.CornersOf(t) + 3);
     block.nearest.assign(block.globalOf.size(), kNone);
   };
+  const double noise = Noise(flat, block, distance);
+  if (noise > kHopelessNoise * distance) {
+    keepOriginal();  // nothing the bound lets go of
+    block.passes = 1;
+    return;
+  }
   double factor =
-      distance > 0.0 ? std::min(kLargestFactor, kNoiseTargets * Noise(flat, block, distance) / distance) : 0.0;
-  factor = std::max(kFirstFactor, factor);
+      std::max(kFirstFactor, distance > 0.0 ? std::min(kLargestFactor, kNoiseTargets * noise / distance) : 0.0);
   bool haveHeld = false;
   std::vector<std::uint32_t> nearest;
   for (block.passes = 1; block.passes <= maxPasses; ++block.passes) {
