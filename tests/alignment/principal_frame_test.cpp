@@ -2,12 +2,14 @@
 
 #include <cmath>
 #include <memory>
+#include <utility>
 
 #include <gtest/gtest.h>
 
 #include "tools/generators/bodies.h"
 #include "tools/generators/small_meshes.h"
 #include "zor/model/stl.h"
+#include "zor/model/stl_guards.h"
 
 namespace {
 
@@ -123,3 +125,26 @@ TEST(DirectionSphere, RingsAndRotations) {
 }
 
 }  // namespace
+
+// The extent of a mesh as a pose would place it, found without moving the mesh: the
+// same values as moving it there (points rounded to the grid) and measuring, and no
+// interval when the pose would carry a point off the grid.
+TEST(PlacedProjectionInterval, MatchesTheMovedMeshAndRefusesPosesOffTheGrid) {
+  auto mesh = zorgen::MakeSphere(20000.0, 20, 40, 1500.0);
+  MMTransformMatrix pose;
+  pose.MakeRotation(MMVector3d(1000, 2000, -500), MMVector3d(1, 2, 3), 0.7);
+  pose.AddTranslation(MMVector3d(12345.6, -789.2, 4321.9));
+  const MMVector3d axis = MMVector3d(0.3, -0.5, 0.81) * (1.0 / Length(MMVector3d(0.3, -0.5, 0.81)));
+  std::pair<double, double> placed{0.0, 0.0};
+  ASSERT_TRUE(ZorStlRegistration::PlacedProjectionInterval(*mesh, pose, axis, placed));
+  std::pair<double, double> moved;
+  {
+    const MStlTempTransformation temporarily(*mesh, pose, false);
+    moved = ZorStlRegistration::ProjectionInterval(*mesh, axis);
+  }
+  EXPECT_EQ(placed, moved);
+  MMTransformMatrix far;
+  far.MakeTranslation(MMVector3d(2.2e9, 0, 0));
+  EXPECT_FALSE(ZorStlRegistration::PlacedProjectionInterval(*mesh, far, axis, placed));
+  EXPECT_EQ(placed, moved);
+}

@@ -6,6 +6,7 @@
 
 #include <tbb/parallel_invoke.h>
 
+#include "zor/model/coordinates.h"
 #include "zor/model/math_utility.h"
 #include "zor/services/geom_properties.h"
 
@@ -96,6 +97,23 @@ std::pair<double, double> ProjectionInterval(const MStlBase& mesh, const MMVecto
     highest = std::max(highest, v);
   }
   return {lowest, highest};
+}
+
+bool PlacedProjectionInterval(const MStlBase& mesh, const MMTransformMatrix& pose, const MMVector3d& axis,
+                              std::pair<double, double>& interval) {
+  double lowest = std::numeric_limits<double>::max(), highest = -std::numeric_limits<double>::max();
+  for (auto it = mesh.BeginPoint(); it != mesh.EndPoint(); ++it) {
+    MMVector3d moved;
+    pose.Transform(moved, it->GetDouble(), false);
+    MMVector3i grid;
+    for (int k = 0; k < 3; ++k)
+      if (!RoundCoordinate(moved[k], grid[k])) return false;
+    const double v = Dot(MMVector3d(grid[0], grid[1], grid[2]), axis);
+    lowest = std::min(lowest, v);
+    highest = std::max(highest, v);
+  }
+  interval = {lowest, highest};
+  return true;
 }
 
 std::vector<MMVector3d> MakeDirectionSphere(std::uint64_t n) {

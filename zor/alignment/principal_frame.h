@@ -61,6 +61,12 @@ ZOR_API std::vector<MMTransformMatrix> AxisRotationFrames(const MMVector3d& axis
 // double, -largest double) for a mesh without points.
 ZOR_API std::pair<double, double> ProjectionInterval(const MStlBase& mesh, const MMVector3d& axis);
 
+// ProjectionInterval of the mesh as `pose` would place it, each moved point rounded to
+// the grid exactly as a transformation of the mesh rounds it, without moving the mesh.
+// False, with `interval` unchanged, when a moved point would leave the 32-bit grid.
+ZOR_API bool PlacedProjectionInterval(const MStlBase& mesh, const MMTransformMatrix& pose, const MMVector3d& axis,
+                                      std::pair<double, double>& interval);
+
 // 2 + 4 n^2 unit directions: the two poles, then rings from the equator towards the
 // poles, ring i of 4 (n - i) directions, mirrored across the equator except the
 // equator itself.

@@ -70,43 +70,69 @@ bool CellOf(double v, double first, double size, std::uint64_t& k) {
 // sorts (row, z) pairs once, and counts the cells along each row. Slabs run in
 // parallel; the count is a sum of integers, the same on any threads. False when some
 // cell number is out of reach (see CellOf): the caller then counts the sorting way.
+// Scratch of one thread for CountCells.
+struct CellScratch {
+  std::vector<std::uint64_t> rowOf;                           // per point of the slab
+  std::vector<double> rowLowest;                              // per row: its lowest z
+  std::vector<std::pair<std::uint64_t, std::uint64_t>> seen;  // hash set of (row, cell); row ~0 is empty
+};
+
+constexpr std::uint64_t kNoRow = ~std::uint64_t(0);
+
+// The occupied cells of one slab: rows numbered, each row's lowest z found on a dense
+// table of rows, then every (row, cell) pair counted once on a hash set. False when a
+// cell number is out of reach or the rows are too sparse for the table.
+bool CountSlab(const std::vector<MMVector3d>& byX, std::size_t begin, std::size_t end, double cellSize,
+               CellScratch& scratch, std::uint64_t& cells) {
+  const std::size_t n = end - begin;
+  double firstY = byX[begin][1];
+  for (std::size_t i = begin; i < end; ++i) firstY = std::min(firstY, byX[i][1]);
+  scratch.rowOf.resize(n);
+  std::uint64_t rows = 0;
+  for (std::size_t i = 0; i < n; ++i) {
+    if (!CellOf(byX[begin + i][1], firstY, cellSize, scratch.rowOf[i])) return false;
+    rows = std::max(rows, scratch.rowOf[i] + 1);
+  }
+  if (rows > 4 * n + 64) return false;
+  scratch.rowLowest.assign(rows, HUGE_VAL);
+  for (std::size_t i = 0; i < n; ++i)
+    scratch.rowLowest[scratch.rowOf[i]] = std::min(scratch.rowLowest[scratch.rowOf[i]], byX[begin + i][2]);
+  std::size_t slots = 16;
+  while (slots < 2 * n) slots *= 2;
+  scratch.seen.assign(slots, {kNoRow, 0});
+  cells = 0;
+  for (std::size_t i = 0; i < n; ++i) {
+    const std::uint64_t row = scratch.rowOf[i];
+    std::uint64_t cell = 0;
+    if (!CellOf(byX[begin + i][2], scratch.rowLowest[row], cellSize, cell)) return false;
+    std::uint64_t h = (row * 0x9E3779B97F4A7C15ull) ^ (cell * 0xC2B2AE3D27D4EB4Full);
+    h ^= h >> 29;
+    for (std::size_t k = h & (slots - 1);; k = (k + 1) & (slots - 1)) {
+      std::pair<std::uint64_t, std::uint64_t>& slot = scratch.seen[k];
+      if (slot.first == kNoRow) {
+        slot = {row, cell};
+        ++cells;
+        break;
+      }
+      if (slot.first == row && slot.second == cell) break;
+    }
+  }
+  return true;
+}
+
+// The count of GridSample(countOnly) at `cellSize` on points already sorted by x, found
+// without sorting points: slabs by the same walk over x, rows and cells numbered as the
+// walks number them. Slabs run in parallel; the count is a sum of integers, the same on
+// any threads. False when some slab cannot be counted this way: the caller then counts
+// the sorting way.
 bool CountCells(const std::vector<MMVector3d>& byX, double cellSize, std::uint64_t& count) {
   std::vector<std::pair<std::size_t, std::size_t>> slabs;
   WalkCells(byX, 0, cellSize, [&](std::size_t begin, std::size_t end) { slabs.emplace_back(begin, end); });
   std::vector<std::uint64_t> counts(slabs.size(), 0);
   std::vector<std::uint8_t> failed(slabs.size(), 0);
-  oneapi::tbb::enumerable_thread_specific<std::vector<std::pair<std::uint64_t, double>>> scratch;
+  oneapi::tbb::enumerable_thread_specific<CellScratch> scratch;
   oneapi::tbb::parallel_for(std::size_t(0), slabs.size(), [&](std::size_t s) {
-    const std::size_t begin = slabs[s].first, end = slabs[s].second;
-    double firstY = byX[begin][1];
-    for (std::size_t i = begin; i < end; ++i) firstY = std::min(firstY, byX[i][1]);
-    std::vector<std::pair<std::uint64_t, double>>& rows = scratch.local();
-    rows.clear();
-    for (std::size_t i = begin; i < end; ++i) {
-      std::uint64_t row = 0;
-      if (!CellOf(byX[i][1], firstY, cellSize, row)) {
-        failed[s] = 1;
-        return;
-      }
-      rows.emplace_back(row, byX[i][2]);
-    }
-    std::sort(rows.begin(), rows.end());
-    std::uint64_t cells = 0;
-    for (std::size_t i = 0; i < rows.size();) {
-      const std::uint64_t row = rows[i].first;
-      const double firstZ = rows[i].second;  // the row's lowest z
-      std::uint64_t last = 0;
-      for (const std::size_t rowBegin = i; i < rows.size() && rows[i].first == row; ++i) {
-        std::uint64_t cell = 0;
-        if (!CellOf(rows[i].second, firstZ, cellSize, cell)) {
-          failed[s] = 1;
-          return;
-        }
-        if (i == rowBegin || cell != last) ++cells;
-        last = cell;
-      }
-    }
-    counts[s] = cells;
+    if (!CountSlab(byX, slabs[s].first, slabs[s].second, cellSize, scratch.local(), counts[s])) failed[s] = 1;
   });
   if (std::find(failed.begin(), failed.end(), std::uint8_t{1}) != failed.end()) return false;
   count = 0;

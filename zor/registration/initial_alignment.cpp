@@ -112,12 +112,9 @@ void MUserOperatorStlRegistration::SlideAlongAxis(MStlBase* moving, const MStlBa
                                                   const MMVector3d& axis, MMTransformMatrix& pose,
                                                   double& score) const {
   using ZorStlRegistration::ProjectionInterval;
+  // The moving body's extent along the axis as it would stand in this pose, on the grid.
   std::pair<double, double> movingSpan;
-  try {
-    // The moving body's extent along the axis as it stands in this pose.
-    const MStlTempTransformation placed(*moving, pose, false);
-    movingSpan = ProjectionInterval(*moving, axis);
-  } catch (const std::out_of_range&) {
+  if (!ZorStlRegistration::PlacedProjectionInterval(*moving, pose, axis, movingSpan)) {
     // The pose carries the body off the coordinate grid: no place for this candidate.
     score = std::numeric_limits<double>::max();
     return;
