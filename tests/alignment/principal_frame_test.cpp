@@ -3,6 +3,7 @@
 #include <cmath>
 #include <memory>
 #include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -143,8 +144,15 @@ TEST(PlacedProjectionInterval, MatchesTheMovedMeshAndRefusesPosesOffTheGrid) {
     moved = ZorStlRegistration::ProjectionInterval(*mesh, axis);
   }
   EXPECT_EQ(placed, moved);
+  std::vector<MMVector3d> points;
+  for (auto it = mesh->BeginPoint(); it != mesh->EndPoint(); ++it) points.push_back(it->GetDouble());
+  std::pair<double, double> fromArray{0.0, 0.0};
+  ASSERT_TRUE(ZorStlRegistration::PlacedProjectionInterval(points, pose, axis, fromArray));
+  EXPECT_EQ(fromArray, moved);
   MMTransformMatrix far;
   far.MakeTranslation(MMVector3d(2.2e9, 0, 0));
   EXPECT_FALSE(ZorStlRegistration::PlacedProjectionInterval(*mesh, far, axis, placed));
+  EXPECT_FALSE(ZorStlRegistration::PlacedProjectionInterval(points, far, axis, fromArray));
   EXPECT_EQ(placed, moved);
+  EXPECT_EQ(fromArray, moved);
 }

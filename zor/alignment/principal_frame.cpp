@@ -4,7 +4,9 @@
 #include <cmath>
 #include <limits>
 
+#include <tbb/blocked_range.h>
 #include <tbb/parallel_invoke.h>
+#include <tbb/parallel_reduce.h>
 
 #include "zor/model/coordinates.h"
 #include "zor/model/math_utility.h"
@@ -113,6 +115,38 @@ bool PlacedProjectionInterval(const MStlBase& mesh, const MMTransformMatrix& pos
     highest = std::max(highest, v);
   }
   interval = {lowest, highest};
+  return true;
+}
+
+bool PlacedProjectionInterval(const std::vector<MMVector3d>& points, const MMTransformMatrix& pose,
+                              const MMVector3d& axis, std::pair<double, double>& interval) {
+  struct Span {
+    double lowest = std::numeric_limits<double>::max(), highest = -std::numeric_limits<double>::max();
+    bool onGrid = true;
+  };
+  const Span span = tbb::parallel_reduce(
+      tbb::blocked_range<std::size_t>(0, points.size(), 4096), Span(),
+      [&](const tbb::blocked_range<std::size_t>& r, Span s) {
+        for (std::size_t i = r.begin(); i != r.end() && s.onGrid; ++i) {
+          MMVector3d moved;
+          pose.Transform(moved, points[i], false);
+          MMVector3i grid;
+          for (int k = 0; k < 3; ++k) s.onGrid = s.onGrid && RoundCoordinate(moved[k], grid[k]);
+          if (!s.onGrid) break;
+          const double v = Dot(MMVector3d(grid[0], grid[1], grid[2]), axis);
+          s.lowest = std::min(s.lowest, v);
+          s.highest = std::max(s.highest, v);
+        }
+        return s;
+      },
+      [](Span a, const Span& b) {
+        a.lowest = std::min(a.lowest, b.lowest);
+        a.highest = std::max(a.highest, b.highest);
+        a.onGrid = a.onGrid && b.onGrid;
+        return a;
+      });
+  if (!span.onGrid) return false;
+  interval = {span.lowest, span.highest};
   return true;
 }
 

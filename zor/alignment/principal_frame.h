@@ -66,6 +66,10 @@ ZOR_API std::pair<double, double> ProjectionInterval(const MStlBase& mesh, const
 // False, with `interval` unchanged, when a moved point would leave the 32-bit grid.
 ZOR_API bool PlacedProjectionInterval(const MStlBase& mesh, const MMTransformMatrix& pose, const MMVector3d& axis,
                                       std::pair<double, double>& interval);
+// The same over an array of the mesh's points, in parallel (the least and the greatest
+// value do not depend on the order they are found in).
+ZOR_API bool PlacedProjectionInterval(const std::vector<MMVector3d>& points, const MMTransformMatrix& pose,
+                                      const MMVector3d& axis, std::pair<double, double>& interval);
 
 // 2 + 4 n^2 unit directions: the two poles, then rings from the equator towards the
 // poles, ring i of 4 (n - i) directions, mirrored across the equator except the

@@ -111,8 +111,10 @@ MStlBase::MStlBase(const MStlBase& other, std::shared_ptr<ZorSDK::Common::IProgr
                                                        false);
   name = other.name;
   Reserve(other.pointCount, other.triangleCount);
-  // Points in list order; duplicates of coordinates stay duplicates.
+  // Points in list order; duplicates of coordinates stay duplicates. The coordinate
+  // index is built on the first look-up rather than point by point here.
   std::vector<MStlPoint*> pointMap(other.storage->pointIds.End(), nullptr);
+  _InvalidatePointIndex();
   _BeginBatch();
   for (const MStlPoint* p = other.firstPoint; p != nullptr; p = p->GetNext()) {
     pointMap[p->GetMaskIndex()] = _NewPoint(p->GetX(), p->GetY(), p->GetZ());

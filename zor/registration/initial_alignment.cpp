@@ -6,6 +6,8 @@
 #include <cmath>
 #include <limits>
 #include <stdexcept>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "zor/alignment/principal_frame.h"
@@ -85,6 +87,17 @@ void MUserOperatorStlRegistration::SearchPrincipalPoses(bool useAxisRotation, st
   MMTransformMatrix base = movingFrames[0];
   if (!base.Invert()) return;
   const bool slide = !useAxisRotation || axisIndex == 2;
+  if (slide) {
+    // Every candidate slides along one axis over the same two meshes.
+    slideShared = std::make_unique<SlideShared>();
+    slideShared->moving = moving;
+    slideShared->fixed = fixed;
+    slideShared->axis = fixedFrame.axes[2].axis;
+    slideShared->movingPoints.reserve(moving->NumberOfPoints());
+    for (auto it = moving->BeginPoint(); it != moving->EndPoint(); ++it)
+      slideShared->movingPoints.push_back(it->GetDouble());
+    std::tie(slideShared->fixedMin, slideShared->fixedMax) = ProjectionInterval(*fixed, slideShared->axis);
+  }
   double best = std::numeric_limits<double>::max();
   MMTransformMatrix bestPose;
   for (const MMTransformMatrix& candidate : fixedFrames) {
@@ -100,6 +113,7 @@ void MUserOperatorStlRegistration::SearchPrincipalPoses(bool useAxisRotation, st
       bestPose = pose;
     }
   }
+  slideShared.reset();
   if (error > best) {
     transformation = bestPose;
     error = best;
@@ -111,16 +125,23 @@ void MUserOperatorStlRegistration::SlideAlongAxis(MStlBase* moving, const MStlBa
                                                   const std::vector<MMVector3d>* normals, std::uint64_t count,
                                                   const MMVector3d& axis, MMTransformMatrix& pose,
                                                   double& score) const {
+  using ZorStlRegistration::PlacedProjectionInterval;
   using ZorStlRegistration::ProjectionInterval;
   // The moving body's extent along the axis as it would stand in this pose, on the grid.
+  const SlideShared* shared = slideShared.get();
+  if (shared != nullptr && (shared->moving != moving || shared->fixed != fixed || !(shared->axis == axis)))
+    shared = nullptr;
   std::pair<double, double> movingSpan;
-  if (!ZorStlRegistration::PlacedProjectionInterval(*moving, pose, axis, movingSpan)) {
+  const bool onGrid = shared != nullptr ? PlacedProjectionInterval(shared->movingPoints, pose, axis, movingSpan)
+                                        : PlacedProjectionInterval(*moving, pose, axis, movingSpan);
+  if (!onGrid) {
     // The pose carries the body off the coordinate grid: no place for this candidate.
     score = std::numeric_limits<double>::max();
     return;
   }
   const auto [mMin, mMax] = movingSpan;
-  const auto [fMin, fMax] = ProjectionInterval(*fixed, axis);
+  const auto [fMin, fMax] =
+      shared != nullptr ? std::make_pair(shared->fixedMin, shared->fixedMax) : ProjectionInterval(*fixed, axis);
 
   // The two extreme places of the moving body's upper end: its lower end on the fixed
   // body's lower end, or its upper end on the fixed body's upper end.

@@ -199,4 +199,15 @@ private:
   std::int32_t unitsPerLength = 0;  // MUnit::GetIE() of the last run; 0 before any run
   StageTimes stageTimes;
   MInitialAlignment alignmentUsed = AlignNone;
+  // What every slide of one search shares: the moving mesh's points in an array (the
+  // extent of each placed candidate is measured over it in parallel) and the fixed
+  // mesh's extent along the slide axis. Valid for the search that filled it.
+  struct SlideShared {
+    const MStlBase* moving = nullptr;
+    const MStlBase* fixed = nullptr;
+    MMVector<double, 3> axis;
+    std::vector<MMVector<double, 3>> movingPoints;
+    double fixedMin = 0.0, fixedMax = 0.0;
+  };
+  std::unique_ptr<SlideShared> slideShared;
 };
