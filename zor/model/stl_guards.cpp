@@ -36,7 +36,9 @@ MStlTempTransformation::~MStlTempTransformation() {
 }
 
 MStlTempPointSortingDisabler::MStlTempPointSortingDisabler(MStlBase* m, bool active) : mesh(active ? m : nullptr) {
-  if (mesh != nullptr) mesh->_BeginBatch();
+  if (mesh == nullptr) return;
+  mesh->_BeginBatch();
+  mesh->_InvalidatePointIndex();
 }
 
 MStlTempPointSortingDisabler::~MStlTempPointSortingDisabler() {

@@ -28,8 +28,9 @@ private:
 };
 
 // For bulk insertion: while it lives, points and triangles are added without sending a
-// change event for each; one event goes out at its end. `active` false makes the guard
-// do nothing.
+// change event for each; one event goes out at its end. The coordinate index that
+// merges points is dropped at its start and built again on the next look-up, so that
+// points added as new cost no index work. `active` false makes the guard do nothing.
 class ZOR_MODEL_API MStlTempPointSortingDisabler {
 public:
   MStlTempPointSortingDisabler(MStlBase* mesh, bool active);
