@@ -21,6 +21,7 @@
 #include <assimp/scene.h>
 
 #include "tools/zor-register/deviation.h"
+#include "tools/zor-register/native_readers.h"
 #include "zor/model/stl_iterators.h"
 #include "zor/model/unit.h"
 
@@ -60,16 +61,14 @@ std::string LowerExtension(const std::string& path) {
 
 }  // namespace
 
-LoadedMesh ReadMesh(const std::string& path, double scale) {
-  std::error_code ec;
-  if (std::filesystem::is_directory(path, ec)) throw InputError("cannot read " + Quoted(path) + ": it is a directory");
-  {
-    std::ifstream probe(path, std::ios::binary);
-    if (!probe) throw InputError("cannot read " + Quoted(path) + ": " + std::strerror(errno));
-  }
+namespace {
+
+// Any format the importer knows: every mesh of every node, placed by the node's
+// transforms down from the root, in file units.
+void ReadWithImporter(const std::string& path, std::vector<double>& xyz, std::vector<std::uint32_t>& indices) {
   Assimp::Importer importer;
-  // Polygons are triangulated; vertices are joined below on the grid, where
-  // equal means equal, whatever normals the file gives each corner.
+  // Polygons are triangulated; vertices are joined later on the grid, where equal means
+  // equal, whatever normals the file gives each corner.
   const aiScene* scene = importer.ReadFile(path, aiProcess_Triangulate);
   if (scene == nullptr) {
     const std::string why = importer.GetErrorString();
@@ -79,12 +78,6 @@ LoadedMesh ReadMesh(const std::string& path, double scale) {
       throw InputError(Quoted(path) + " has no triangles");
     throw InputError("cannot read " + Quoted(path) + ": " + why);
   }
-
-  const double toGrid = scale * MUnit::GetIE();
-  std::vector<double> xyz;
-  std::vector<std::uint32_t> indices;
-  double reach = 0.0;
-  // Each mesh of each node, placed by the node's transforms down from the root.
   const auto addNode = [&](const auto& self, const aiNode* node, aiMatrix4x4 placement) -> void {
     placement = placement * node->mTransformation;
     for (unsigned i = 0; i < node->mNumMeshes; ++i) {
@@ -92,14 +85,7 @@ LoadedMesh ReadMesh(const std::string& path, double scale) {
       const std::size_t base = xyz.size() / 3;
       for (unsigned v = 0; v < mesh->mNumVertices; ++v) {
         const aiVector3D p = placement * mesh->mVertices[v];
-        for (int k = 0; k < 3; ++k) {
-          const double c = static_cast<double>(p[k]) * toGrid;
-          if (!std::isfinite(c))
-            throw InputError(Quoted(path) + ": vertex " + std::to_string(base + v + 1) +
-                             " has a coordinate that is not finite (" + Number(p[k]) + ")");
-          reach = std::max(reach, std::fabs(c));
-          xyz.push_back(c);
-        }
+        xyz.insert(xyz.end(), {static_cast<double>(p.x), static_cast<double>(p.y), static_cast<double>(p.z)});
       }
       for (unsigned f = 0; f < mesh->mNumFaces; ++f) {
         const aiFace& face = mesh->mFaces[f];
@@ -110,7 +96,50 @@ LoadedMesh ReadMesh(const std::string& path, double scale) {
     for (unsigned c = 0; c < node->mNumChildren; ++c) self(self, node->mChildren[c], placement);
   };
   if (scene->mRootNode != nullptr) addNode(addNode, scene->mRootNode, aiMatrix4x4());
-  importer.FreeScene();  // the copy above is all that is needed from here on
+}
+
+}  // namespace
+
+LoadedMesh ReadMesh(const std::string& path, double scale) {
+  std::error_code ec;
+  if (std::filesystem::is_directory(path, ec)) throw InputError("cannot read " + Quoted(path) + ": it is a directory");
+  std::vector<char> bytes;
+  {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw InputError("cannot read " + Quoted(path) + ": " + std::strerror(errno));
+    in.seekg(0, std::ios::end);
+    const std::streamoff length = in.tellg();
+    in.seekg(0, std::ios::beg);
+    if (length > 0) {
+      bytes.resize(static_cast<std::size_t>(length));
+      if (!in.read(bytes.data(), length)) throw InputError("cannot read " + Quoted(path) + ": " + std::strerror(errno));
+    }
+  }
+  const double toGrid = scale * MUnit::GetIE();
+  std::vector<double> xyz;
+  std::vector<std::uint32_t> indices;
+  std::size_t fileVertices = 0, joinedBefore = 0;
+  RawMesh raw;
+  if (ReadNativeMesh(path, bytes, raw)) {
+    xyz = std::move(raw.xyz);
+    indices = std::move(raw.indices);
+    fileVertices = raw.fileVertices;
+    joinedBefore = raw.joined;
+  } else {
+    bytes = std::vector<char>();
+    ReadWithImporter(path, xyz, indices);
+    fileVertices = xyz.size() / 3;
+  }
+  // To the grid, every coordinate checked.
+  double reach = 0.0;
+  for (std::size_t i = 0; i < xyz.size(); ++i) {
+    const double c = xyz[i] * toGrid;
+    if (!std::isfinite(c))
+      throw InputError(Quoted(path) + ": vertex " + std::to_string(i / 3 + 1) +
+                       " has a coordinate that is not finite (" + Number(xyz[i]) + ")");
+    reach = std::max(reach, std::fabs(c));
+    xyz[i] = c;
+  }
   if (indices.empty()) throw InputError(Quoted(path) + " has no triangles");
   if (reach > kGridLimit)
     throw InputError(Quoted(path) + ": coordinates reach " + Number(reach / toGrid) +
@@ -118,9 +147,10 @@ LoadedMesh ReadMesh(const std::string& path, double scale) {
                      "); try --scale " + Number(SuggestedScale(scale, reach, kComfortableReach, false)));
 
   LoadedMesh loaded;
-  loaded.fileVertices = xyz.size() / 3;
+  loaded.fileVertices = fileVertices;
   loaded.fileTriangles = indices.size() / 3;
-  loaded.mesh = BuildStl(xyz.data(), loaded.fileVertices, indices.data(), loaded.fileTriangles, &loaded.joined);
+  loaded.mesh = BuildStl(xyz.data(), xyz.size() / 3, indices.data(), loaded.fileTriangles, &loaded.joined);
+  loaded.joined.pointsMerged += joinedBefore;
   if (loaded.mesh->GetNumberOfTriangles() == 0)
     throw InputError(Quoted(path) + " has no triangles with area: all " + std::to_string(loaded.fileTriangles) +
                      " collapse on the grid at scale " + Number(scale) + "; try --scale " +
