@@ -273,10 +273,11 @@ struct Spot {
 
 struct Check {
   std::size_t violations = 0;
-  double worstDistance = 0.0;      // greatest vertex distance found (unbounded for violators)
-  std::vector<Spot> spots;         // up to kMaxSpots + 1 of the violations, in a fixed order
-  std::vector<std::uint32_t> far;  // entries of the measured points beyond the bound
-  std::vector<Spot> foldSpots;     // up to kMaxSpots + 1 of the new triangles that fold
+  double worstDistance = 0.0;              // greatest vertex distance found (unbounded for violators)
+  std::vector<Spot> spots;                 // up to kMaxSpots + 1 of the violations, in a fixed order
+  std::vector<std::uint32_t> far;          // entries of the measured points beyond the bound
+  std::vector<Spot> foldSpots;             // up to kMaxSpots + 1 of the new triangles that fold
+  std::vector<std::uint32_t> foldCorners;  // their corners (mesh-wide points)
 };
 
 // Measures a candidate (three mesh-wide points per triangle) against the original
@@ -385,7 +386,10 @@ Check Verify(const FlatMesh& flat, const std::vector<std::uint32_t>& candidateCo
       ++check.violations;
       const Spot spot{(a + b + c) * (1.0 / 3.0), kSpotEdges * LongestEdge(a, b, c)};
       addSpot(spot.centre, spot.radius);
-      if (check.foldSpots.size() <= kMaxSpots) check.foldSpots.push_back(spot);
+      if (check.foldSpots.size() <= kMaxSpots) {
+        check.foldSpots.push_back(spot);
+        check.foldCorners.insert(check.foldCorners.end(), &candidateCorners[3 * t], &candidateCorners[3 * t] + 3);
+      }
     }
   }
   return check;
@@ -534,9 +538,19 @@ void ReduceBlock(const FlatMesh& flat, Block& block, double distance, std::int32
     // failed).
     if (double(check.far.size()) <= kMaxFarShare * double(block.globalOf.size()) &&
         check.foldSpots.size() <= kMaxSpots) {
+      const auto kept = [&] { return std::count(block.keep.begin(), block.keep.end(), std::uint8_t{1}); };
+      const auto keptBefore = kept();
       KeepRings(block, check.far);
+      // A fold keeps the original triangles in a ball about it and around its corners:
+      // the ball alone can miss every original triangle when the fold cuts a corner.
+      std::vector<std::uint32_t> corners;
+      for (std::uint32_t g : check.foldCorners) {
+        const auto at = std::find(block.globalOf.begin(), block.globalOf.end(), g);
+        if (at != block.globalOf.end()) corners.push_back(static_cast<std::uint32_t>(at - block.globalOf.begin()));
+      }
+      KeepRings(block, corners);
       KeepAround(block.indices, block.globalOf, flat, check.foldSpots, block.keep);
-      continue;
+      if (kept() > keptBefore) continue;  // else nothing new to keep: tighten below
     }
     factor *= check.worstDistance > distance ? 0.9 * distance / check.worstDistance : 0.5;
   }
