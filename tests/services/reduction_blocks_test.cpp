@@ -137,6 +137,18 @@ TEST(ReductionInBlocks, BlocksThatMeetAtACreaseKeepItAndFaceOutward) {
   EXPECT_EQ(FoldedArea(*box, 100.0, [&](const MMVector3d& p) { return p - centre; }), 0.0);
 }
 
+TEST(ReductionInBlocks, FoldsAcrossRoundedEdgesAreRepairedInEveryBlock) {
+  // The rounded box of the benchmarks: where the engine cuts across a rounded edge, the
+  // folded triangle's centre lies inside the body, away from every original triangle,
+  // and only keeping the triangles around its corners repairs it. Every block must hold.
+  auto box = zorgen::MakeMesh(zorgen::MakeShape(zorgen::Shape::Box, 100000));
+  const std::vector<MMVector3d> before = AllPoints(*box);
+  std::size_t after = 0;
+  EXPECT_TRUE(Reduce(*box, 300.0, 32768, &after));
+  EXPECT_LT(after, std::size_t(10000));
+  EXPECT_LE(WorstDistance(before, *box), 300.0);
+}
+
 TEST(ReductionInBlocks, IsBitIdenticalAtAnyThreadCountAndFromRunToRun) {
   const zorgen::MeshArrays body = zorgen::MakeShape(zorgen::Shape::Featured, 30000, 40.0);
   const auto reduced = [&] {
