@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/mesh_checks.h"
 #include "tools/generators/bodies.h"
 #include "tools/generators/small_meshes.h"
 #include "zor/model/stl.h"
@@ -15,6 +16,9 @@
 #include "zor/spatial/tree_property.h"
 
 namespace {
+
+using zortest::AllPoints;
+using zortest::WorstDistance;
 
 MStlTriangle* TriangleAt(MStlPoint* p) { return &p->GetNeighbourTriangle(0)->data; }
 
@@ -141,20 +145,6 @@ TEST(GeomProperties, RefusesWhatHasNoProperties) {
 }
 
 // Greatest distance from `points` to the surface of `mesh`.
-double WorstDistance(const std::vector<MMVector3d>& points, const MStlBase& mesh) {
-  const auto* holder = MeshQueries::GetTriangleTree(MeshQueries::MeshHandle(&mesh));
-  double worst = 0.0;
-  for (const MMVector3d& p : points)
-    worst = std::max(worst, MeshQueries::FindNearestTriangle(*holder, p, HUGE_VAL).second);
-  return worst;
-}
-
-std::vector<MMVector3d> AllPoints(const MStlBase& mesh) {
-  std::vector<MMVector3d> out;
-  for (auto it = mesh.BeginPoint(); it != mesh.EndPoint(); ++it) out.push_back(it->GetDouble());
-  return out;
-}
-
 bool Reduce(MStlBase& mesh, double distance) {
   MStlBaseOperatorReduceExBase::MParams params;
   params.distance = distance;

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <oneapi/tbb/task_arena.h>
 
+#include "support/mesh_checks.h"
 #include "tools/generators/bodies.h"
 #include "tools/generators/mesh_arrays.h"
 #include "tools/generators/small_meshes.h"
@@ -19,19 +20,8 @@
 
 namespace {
 
-std::vector<MMVector3d> AllPoints(const MStlBase& mesh) {
-  std::vector<MMVector3d> out;
-  for (auto it = mesh.BeginPoint(); it != mesh.EndPoint(); ++it) out.push_back(it->GetDouble());
-  return out;
-}
-
-double WorstDistance(const std::vector<MMVector3d>& points, const MStlBase& mesh) {
-  const auto* holder = MeshQueries::GetTriangleTree(MeshQueries::MeshHandle(&mesh));
-  double worst = 0.0;
-  for (const MMVector3d& p : points)
-    worst = std::max(worst, MeshQueries::FindNearestTriangle(*holder, p, HUGE_VAL).second);
-  return worst;
-}
+using zortest::AllPoints;
+using zortest::WorstDistance;
 
 // Reduces with blocks of `block` triangles; returns Operate's result.
 bool Reduce(MStlBase& mesh, double distance, std::size_t block, std::size_t* after = nullptr) {
