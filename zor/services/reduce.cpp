@@ -192,16 +192,16 @@ std::vector<Block> MakeBlocks(const FlatMesh& flat, std::size_t limit) {
       block.surface = s;
       block.triangles.reserve(part.second - part.first);
       for (std::size_t i = part.first; i < part.second; ++i) block.triangles.push_back(items[i].triangle);
-      std::sort(block.triangles.begin(), block.triangles.end());
       blocks.push_back(std::move(block));
     }
   }
-  // Local numbering by first use, in parallel: each thread keeps one mesh-wide lookup
-  // and clears what it used.
+  // Each block's triangles in mesh order, then its local numbering by first use, in
+  // parallel: each thread keeps one mesh-wide lookup and clears what it used.
   oneapi::tbb::enumerable_thread_specific<std::vector<std::uint32_t>> lookups(
       [&] { return std::vector<std::uint32_t>(flat.points.size(), kNone); });
   oneapi::tbb::parallel_for(std::size_t(0), blocks.size(), [&](std::size_t b) {
     Block& block = blocks[b];
+    std::sort(block.triangles.begin(), block.triangles.end());
     std::vector<std::uint32_t>& localOf = lookups.local();
     block.indices.reserve(3 * block.triangles.size());
     for (std::uint32_t t : block.triangles) {
