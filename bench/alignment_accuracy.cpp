@@ -33,6 +33,7 @@
 #include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
 
+#include "bench/bench_args.h"
 #include "tools/generators/bodies.h"
 #include "tools/generators/poses.h"
 #include "zor/alignment/normal_orientation_index.h"
@@ -69,21 +70,6 @@ const char* StrategyName(Op::MInitialAlignment a) {
   return "?";
 }
 
-std::vector<std::string> Split(const char* text) {
-  std::vector<std::string> out;
-  std::string item;
-  for (const char* p = text;; ++p) {
-    if (*p == ',' || *p == '\0') {
-      if (!item.empty()) out.push_back(item);
-      item.clear();
-      if (*p == '\0') break;
-    } else {
-      item += *p;
-    }
-  }
-  return out;
-}
-
 bool ParseOptions(int argc, char** argv, Options& o) {
   for (int i = 1; i < argc; ++i) {
     const std::string flag = argv[i];
@@ -95,7 +81,7 @@ bool ParseOptions(int argc, char** argv, Options& o) {
     const char* value = argv[++i];
     if (flag == "--sizes") {
       o.sizes.clear();
-      for (const std::string& s : Split(value)) o.sizes.push_back(std::stol(s));
+      for (const std::string& s : zorbench::ParseNames(value)) o.sizes.push_back(std::stol(s));
     } else if (flag == "--poses") {
       o.poses = std::atoi(value);
     } else if (flag == "--threads") {
@@ -106,7 +92,7 @@ bool ParseOptions(int argc, char** argv, Options& o) {
       o.errorTolerance = std::atof(value);
     } else if (flag == "--shapes") {
       o.shapes.clear();
-      for (const std::string& s : Split(value)) {
+      for (const std::string& s : zorbench::ParseNames(value)) {
         bool known = false;
         for (Shape shape :
              {Shape::Featured, Shape::Box, Shape::Rod, Shape::Disc, Shape::Ball, Shape::Bumpy, Shape::Smooth})

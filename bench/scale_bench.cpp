@@ -30,6 +30,7 @@
 namespace {
 
 using zorbench::ParseList;
+using zorbench::ParseNames;
 
 constexpr const char* kStrategyNames[] = {"none", "auto", "axes", "rod", "disc", "ball"};
 using zorgen::MeshArrays;
@@ -98,21 +99,6 @@ void RunCase(const std::string& body, long size, double noise, int threads) {
       kStrategyNames[static_cast<int>(registration.GetAlignmentUsed())], degrees, millimetres, peak / 1048576.0,
       peak / inputTriangles);
   std::fflush(stdout);
-}
-
-std::vector<std::string> ParseNames(const char* text) {
-  std::vector<std::string> out;
-  std::string current;
-  for (const char* p = text;; ++p) {
-    if (*p == ',' || *p == '\0') {
-      if (!current.empty()) out.push_back(current);
-      current.clear();
-      if (*p == '\0') break;
-    } else {
-      current += *p;
-    }
-  }
-  return out;
 }
 
 }  // namespace
