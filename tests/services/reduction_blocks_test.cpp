@@ -4,7 +4,9 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <memory>
 #include <random>
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -153,6 +155,76 @@ TEST(ReductionInBlocks, IsBitIdenticalAtAnyThreadCountAndFromRunToRun) {
   std::vector<std::array<double, 9>> single;
   oneapi::tbb::task_arena(1).execute([&] { single = reduced(); });
   EXPECT_EQ(single, first);
+}
+
+// Every point in list order, then every triangle surface by surface with its mark.
+std::vector<std::array<double, 10>> Layout(const MStlBase& mesh) {
+  std::vector<std::array<double, 10>> out;
+  for (const MStlPoint* p = mesh.GetFirstPoint(); p != nullptr; p = p->GetNext())
+    out.push_back({p->GetDouble()[0], p->GetDouble()[1], p->GetDouble()[2]});
+  const MStlFeature* list = mesh.GetSurfaceList();
+  for (std::size_t s = 0; s < list->GetSurfaceCount(); ++s) {
+    out.push_back({-1.0, double(s)});
+    for (MStlTriangleCell* cell = list->GetSurface(s)->GetFirstTriangle(); cell != nullptr; cell = cell->next) {
+      std::array<double, 10> t{};
+      for (int k = 0; k < 3; ++k)
+        for (int d = 0; d < 3; ++d) t[3 * k + d] = cell->data.GetVertex(k)[d];
+      t[9] = cell->data.IsMarked() ? 1.0 : 0.0;
+      out.push_back(t);
+    }
+  }
+  return out;
+}
+
+TEST(ReductionInBlocks, OnACopyGivesWhatOperateLeavesInACopy) {
+  // Three surfaces (one empty) on a wavy sheet, a free point, marked triangles, a
+  // feature and a name: the copy must match Operate on a clone down to the order of
+  // points and triangles, and the source must stay as it was.
+  MStlBase mesh;
+  mesh.SetName(L"sheet");
+  MStlSurface* surfaces[3] = {mesh.AddSurface(), mesh.AddSurface(), mesh.AddSurface()};
+  mesh.AddPoint(-5000, -5000, 9000, true);
+  const auto at = [&](int i, int j) {
+    const double z = 800.0 * std::sin(0.15 * i) * std::cos(0.1 * j);
+    return mesh.AddPoint(1000 * i, 1000 * j, static_cast<std::int32_t>(std::lround(z)), false);
+  };
+  for (int j = 0; j < 50; ++j)
+    for (int i = 0; i < 50; ++i) {
+      MStlSurface* surface = surfaces[i < 20 ? 0 : 2];
+      mesh.AddTriangle(at(i, j), at(i + 1, j), at(i + 1, j + 1), surface)->data.SetMarked((i + j) % 7 == 0);
+      mesh.AddTriangle(at(i, j), at(i + 1, j + 1), at(i, j + 1), surface);
+    }
+  mesh.AddFeature()->AddSurface(surfaces[2]);
+  const auto source = Layout(mesh);
+
+  MStlBaseOperatorReduceExBase::MParams params;
+  params.distance = 60.0;
+  params.blockTriangles = 700;
+  MStlBase clone(mesh);
+  const bool applied = MStlBaseOperatorReduceEx<MStlBaseContainer>(MStlBaseContainer(&clone), params).Operate();
+  std::unique_ptr<MStlBase> copy;
+  MStlBaseOperatorReduceEx<MStlBaseContainer> onCopy(MStlBaseContainer(&mesh), params);
+  EXPECT_EQ(onCopy.OperateOnCopy(copy), applied);
+  ASSERT_NE(copy, nullptr);
+  EXPECT_LT(copy->GetNumberOfTriangles(), mesh.GetNumberOfTriangles() / 2);
+  EXPECT_EQ(onCopy.GetTrianglesAfter(), copy->GetNumberOfTriangles());
+  EXPECT_EQ(Layout(*copy), Layout(clone));
+  EXPECT_EQ(Layout(mesh), source);
+  EXPECT_EQ(std::wstring(copy->GetName()), L"sheet");
+  ASSERT_EQ(copy->GetNumberOfFeatures(), 1u);
+  EXPECT_EQ(copy->GetFeature(0)->GetSurface(0), copy->GetSurfaceList()->GetSurface(2));
+  EXPECT_EQ(copy->GetXMin(), clone.GetXMin());
+  EXPECT_EQ(copy->GetYMin(), clone.GetYMin());
+  EXPECT_EQ(copy->GetZMin(), clone.GetZMin());
+  EXPECT_EQ(copy->GetZMax(), clone.GetZMax());
+
+  // Nothing worth removing, and nothing to reduce: no copy, and the same answer.
+  params.distance = 0.001;
+  EXPECT_TRUE(MStlBaseOperatorReduceEx<MStlBaseContainer>(MStlBaseContainer(&mesh), params).OperateOnCopy(copy));
+  EXPECT_EQ(copy, nullptr);
+  MStlBase empty;
+  EXPECT_TRUE(MStlBaseOperatorReduceEx<MStlBaseContainer>(MStlBaseContainer(&empty), params).OperateOnCopy(copy));
+  EXPECT_EQ(copy, nullptr);
 }
 
 }  // namespace

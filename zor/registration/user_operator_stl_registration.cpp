@@ -33,13 +33,17 @@ constexpr double kReduceMinGainPercent = 10.0;
 // Reduces a clone in place so that every vertex stays within `bound` (internal units);
 // a reduction that cannot meet its bound leaves the clone as it was, which is as good
 // an input.
-void ReduceClone(MStlBase& clone, double bound) {
+// The reduced copy of `mesh`, or null when reduction leaves it as it is; `mesh` is
+// only read.
+std::unique_ptr<MStlBase> ReducedCopy(MStlBase& mesh, double bound) {
   MStlBaseOperatorReduceExBase::MParams reduction;
   reduction.distance = bound;
   reduction.maxPasses = kReducePasses;
   reduction.minGainPercent = kReduceMinGainPercent;
-  MStlBaseOperatorReduceEx<MStlBaseContainer> reduce(MStlBaseContainer(&clone), reduction);
-  reduce.Operate();
+  MStlBaseOperatorReduceEx<MStlBaseContainer> reduce(MStlBaseContainer(&mesh), reduction);
+  std::unique_ptr<MStlBase> copy;
+  reduce.OperateOnCopy(copy);
+  return copy;
 }
 
 }  // namespace
@@ -175,20 +179,14 @@ bool MUserOperatorStlRegistration::_Operate() {
   Clock::time_point stage = Clock::now();
   std::unique_ptr<MStlBase> reducedFixed, reducedMoving;
   if (params.reduceMeshes) {
-    // The two clones are independent and each reduction gives the same result on any
-    // number of threads, so they run side by side.
+    // The two reductions only read their meshes (which may be one mesh) and each gives
+    // the same result on any number of threads, so they run side by side. A mesh that
+    // reduction would leave as it is is used as it is.
     const double bound = params.reduceTolerance * units;
-    tbb::parallel_invoke(
-        [&] {
-          reducedFixed = std::make_unique<MStlBase>(*workingFixed, nullptr);
-          ReduceClone(*reducedFixed, bound);
-        },
-        [&] {
-          reducedMoving = std::make_unique<MStlBase>(*workingMoving, nullptr);
-          ReduceClone(*reducedMoving, bound);
-        });
-    workingFixed = reducedFixed.get();
-    workingMoving = reducedMoving.get();
+    tbb::parallel_invoke([&] { reducedFixed = ReducedCopy(*workingFixed, bound); },
+                         [&] { reducedMoving = ReducedCopy(*workingMoving, bound); });
+    if (reducedFixed != nullptr) workingFixed = reducedFixed.get();
+    if (reducedMoving != nullptr) workingMoving = reducedMoving.get();
   }
   ++reporter;
   times.reduction = SecondsSince(stage);

@@ -24,6 +24,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 #include "zor/model/stl_base.h"
 #include "zor/services/export.h"
@@ -63,6 +64,12 @@ public:
   // that is negative or not finite, or fewer than one pass; false also when some block
   // met the bound in no pass: that block keeps its triangles, the rest is reduced.
   bool Operate();
+  // The same reduction without touching the mesh, which it only reads: `copy` receives
+  // the mesh that Operate would leave in a copy of it (same points, triangles, order,
+  // surfaces, features and name), or null when Operate would leave the mesh as it was.
+  // Returns what Operate would. Costs less than copying the mesh and reducing the copy,
+  // since nothing the result drops is copied.
+  bool OperateOnCopy(std::unique_ptr<MStlBase>& copy);
 
   std::size_t GetTrianglesBefore() const { return trianglesBefore; }
   std::size_t GetTrianglesAfter() const { return trianglesAfter; }
@@ -73,6 +80,8 @@ public:
   double GetMaxDeviation() const { return maxDeviation; }
 
 private:
+  bool _Run(bool onCopy, std::unique_ptr<MStlBase>& copy);
+
   MStlBaseContainer container;
   MParams params;
   std::size_t trianglesBefore = 0;
