@@ -33,8 +33,9 @@ constexpr double kReduceMinGainPercent = 10.0;
 // Reduces a clone in place so that every vertex stays within `bound` (internal units);
 // a reduction that cannot meet its bound leaves the clone as it was, which is as good
 // an input.
-// The reduced copy of `mesh`, or null when reduction leaves it as it is; `mesh` is
-// only read.
+// The reduced copy of `mesh`, or a plain copy when reduction would leave it as it is:
+// the run must own what it places and indexes, since callers may share an input mesh
+// between runs. `mesh` is only read.
 std::unique_ptr<MStlBase> ReducedCopy(MStlBase& mesh, double bound) {
   MStlBaseOperatorReduceExBase::MParams reduction;
   reduction.distance = bound;
@@ -43,6 +44,7 @@ std::unique_ptr<MStlBase> ReducedCopy(MStlBase& mesh, double bound) {
   MStlBaseOperatorReduceEx<MStlBaseContainer> reduce(MStlBaseContainer(&mesh), reduction);
   std::unique_ptr<MStlBase> copy;
   reduce.OperateOnCopy(copy);
+  if (copy == nullptr) copy = std::make_unique<MStlBase>(mesh, nullptr);
   return copy;
 }
 
@@ -180,13 +182,12 @@ bool MUserOperatorStlRegistration::_Operate() {
   std::unique_ptr<MStlBase> reducedFixed, reducedMoving;
   if (params.reduceMeshes) {
     // The two reductions only read their meshes (which may be one mesh) and each gives
-    // the same result on any number of threads, so they run side by side. A mesh that
-    // reduction would leave as it is is used as it is.
+    // the same result on any number of threads, so they run side by side.
     const double bound = params.reduceTolerance * units;
     tbb::parallel_invoke([&] { reducedFixed = ReducedCopy(*workingFixed, bound); },
                          [&] { reducedMoving = ReducedCopy(*workingMoving, bound); });
-    if (reducedFixed != nullptr) workingFixed = reducedFixed.get();
-    if (reducedMoving != nullptr) workingMoving = reducedMoving.get();
+    workingFixed = reducedFixed.get();
+    workingMoving = reducedMoving.get();
   }
   ++reporter;
   times.reduction = SecondsSince(stage);
