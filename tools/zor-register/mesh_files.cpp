@@ -1,5 +1,7 @@
 #include "tools/zor-register/mesh_files.h"
 
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -98,35 +100,65 @@ void ReadWithImporter(const std::string& path, std::vector<double>& xyz, std::ve
   if (scene->mRootNode != nullptr) addNode(addNode, scene->mRootNode, aiMatrix4x4());
 }
 
+// A whole file's bytes, mapped rather than copied: a million-triangle file is read
+// once by the reader, straight from the page cache.
+class FileBytes {
+public:
+  explicit FileBytes(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) throw InputError("cannot read " + Quoted(path) + ": " + std::strerror(errno));
+    struct stat info {};
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+      const int error = errno;
+      ::close(fd);
+      throw InputError("cannot read " + Quoted(path) + ": " +
+                       (S_ISDIR(info.st_mode) ? std::string("it is a directory")
+                        : error != 0          ? std::string(std::strerror(error))
+                                              : std::string("it is not a regular file")));
+    }
+    size = static_cast<std::size_t>(info.st_size);
+    if (size > 0) {
+      void* at = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd, 0);
+      if (at == MAP_FAILED) {
+        const int error = errno;
+        ::close(fd);
+        throw InputError("cannot read " + Quoted(path) + ": " + std::strerror(error));
+      }
+      data = static_cast<const char*>(at);
+    }
+    ::close(fd);
+  }
+  FileBytes(const FileBytes&) = delete;
+  FileBytes& operator=(const FileBytes&) = delete;
+  ~FileBytes() {
+    if (data != nullptr) ::munmap(const_cast<char*>(data), size);
+  }
+  std::string_view View() const { return {data, size}; }
+
+private:
+  const char* data = nullptr;
+  std::size_t size = 0;
+};
+
 }  // namespace
 
 LoadedMesh ReadMesh(const std::string& path, double scale) {
-  std::error_code ec;
-  if (std::filesystem::is_directory(path, ec)) throw InputError("cannot read " + Quoted(path) + ": it is a directory");
-  std::vector<char> bytes;
-  {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw InputError("cannot read " + Quoted(path) + ": " + std::strerror(errno));
-    in.seekg(0, std::ios::end);
-    const std::streamoff length = in.tellg();
-    in.seekg(0, std::ios::beg);
-    if (length > 0) {
-      bytes.resize(static_cast<std::size_t>(length));
-      if (!in.read(bytes.data(), length)) throw InputError("cannot read " + Quoted(path) + ": " + std::strerror(errno));
-    }
-  }
   const double toGrid = scale * MUnit::GetIE();
   std::vector<double> xyz;
   std::vector<std::uint32_t> indices;
   std::size_t fileVertices = 0, joinedBefore = 0;
   RawMesh raw;
-  if (ReadNativeMesh(path, bytes, raw)) {
+  bool native = false;
+  {
+    const FileBytes bytes(path);
+    native = ReadNativeMesh(path, bytes.View(), raw);
+  }
+  if (native) {
     xyz = std::move(raw.xyz);
     indices = std::move(raw.indices);
     fileVertices = raw.fileVertices;
     joinedBefore = raw.joined;
   } else {
-    bytes = std::vector<char>();
     ReadWithImporter(path, xyz, indices);
     fileVertices = xyz.size() / 3;
   }

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace zortool {
@@ -24,6 +25,6 @@ struct RawMesh {
 // the triangle count it declares) or a binary PLY; false for any other file. Throws
 // InputError, naming `path`, the place and the reason, for a file of those kinds that
 // is malformed.
-bool ReadNativeMesh(const std::string& path, const std::vector<char>& bytes, RawMesh& raw);
+bool ReadNativeMesh(const std::string& path, std::string_view bytes, RawMesh& raw);
 
 }  // namespace zortool
