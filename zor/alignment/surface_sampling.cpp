@@ -75,6 +75,7 @@ struct CellScratch {
   std::vector<std::uint64_t> rowOf;                           // per point of the slab
   std::vector<double> rowLowest;                              // per row: its lowest z
   std::vector<std::pair<std::uint64_t, std::uint64_t>> seen;  // hash set of (row, cell); row ~0 is empty
+  std::vector<std::pair<std::uint64_t, std::uint64_t>> grown;
 };
 
 constexpr std::uint64_t kNoRow = ~std::uint64_t(0);
@@ -97,24 +98,35 @@ bool CountSlab(const std::vector<MMVector3d>& byX, std::size_t begin, std::size_
   scratch.rowLowest.assign(rows, HUGE_VAL);
   for (std::size_t i = 0; i < n; ++i)
     scratch.rowLowest[scratch.rowOf[i]] = std::min(scratch.rowLowest[scratch.rowOf[i]], byX[begin + i][2]);
-  std::size_t slots = 16;
-  while (slots < 2 * n) slots *= 2;
-  scratch.seen.assign(slots, {kNoRow, 0});
+  // The set starts small and doubles when half full: a slab holds few cells next to its
+  // points at the sizes the bisection tries, and a table the size of the slab would
+  // cost more to clear than the count.
+  scratch.seen.assign(64, {kNoRow, 0});
   cells = 0;
+  const auto insert = [](std::vector<std::pair<std::uint64_t, std::uint64_t>>& into, std::uint64_t row,
+                         std::uint64_t cell) {
+    std::uint64_t h = (row * 0x9E3779B97F4A7C15ull) ^ (cell * 0xC2B2AE3D27D4EB4Full);
+    h ^= h >> 29;
+    const std::size_t mask = into.size() - 1;
+    for (std::size_t k = h & mask;; k = (k + 1) & mask) {
+      std::pair<std::uint64_t, std::uint64_t>& slot = into[k];
+      if (slot.first == kNoRow) {
+        slot = {row, cell};
+        return true;
+      }
+      if (slot.first == row && slot.second == cell) return false;
+    }
+  };
   for (std::size_t i = 0; i < n; ++i) {
     const std::uint64_t row = scratch.rowOf[i];
     std::uint64_t cell = 0;
     if (!CellOf(byX[begin + i][2], scratch.rowLowest[row], cellSize, cell)) return false;
-    std::uint64_t h = (row * 0x9E3779B97F4A7C15ull) ^ (cell * 0xC2B2AE3D27D4EB4Full);
-    h ^= h >> 29;
-    for (std::size_t k = h & (slots - 1);; k = (k + 1) & (slots - 1)) {
-      std::pair<std::uint64_t, std::uint64_t>& slot = scratch.seen[k];
-      if (slot.first == kNoRow) {
-        slot = {row, cell};
-        ++cells;
-        break;
-      }
-      if (slot.first == row && slot.second == cell) break;
+    if (!insert(scratch.seen, row, cell)) continue;
+    if (2 * ++cells > scratch.seen.size()) {
+      scratch.grown.assign(2 * scratch.seen.size(), {kNoRow, 0});
+      for (const auto& slot : scratch.seen)
+        if (slot.first != kNoRow) insert(scratch.grown, slot.first, slot.second);
+      scratch.seen.swap(scratch.grown);
     }
   }
   return true;
