@@ -66,6 +66,7 @@ const char* StrategyName(Op::MInitialAlignment a) {
     case Op::AlignRod: return "rod";
     case Op::AlignDisc: return "disc";
     case Op::AlignBall: return "ball";
+    case Op::AlignFeatures: return "features";
   }
   return "?";
 }

@@ -2,9 +2,11 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <oneapi/tbb/task_arena.h>
 
 #include "support/registration.h"
 #include "tools/generators/bodies.h"
+#include "tools/generators/mesh_arrays.h"
 #include "tools/generators/small_meshes.h"
 #include "zor/alignment/principal_frame.h"
 #include "zor/model/mesh_builder.h"
@@ -185,7 +187,7 @@ TEST(InitialAlignment, DegenerateSearchesLeaveTheBaseline) {
                 p.initialAlignment = Registration::AlignBall, p.sphereSpinSteps = 0;
               }).first.IsIdentity());
   EXPECT_TRUE(run(fixed.get(), moving.get(), [](P& p) {
-                p.initialAlignment = static_cast<Registration::MInitialAlignment>(6);
+                p.initialAlignment = static_cast<Registration::MInitialAlignment>(7);
               }).first.IsIdentity());
   // A slide step of zero scores each candidate where it stands.
   EXPECT_FALSE(run(fixed.get(), moving.get(), [](P& p) { p.slideStep = 0.0; }).first.IsIdentity());
@@ -206,6 +208,40 @@ TEST(InitialAlignment, CandidatesOffTheGridArePassedOver) {
   params.reduceMeshes = false;
   Registration r;
   EXPECT_TRUE(Register(r, params, fixed.get(), moving.get()).IsIdentity());
+}
+
+}  // namespace
+
+namespace {
+
+TEST(InitialAlignment, FeaturesLayAPartOnTheWholeAndRepeatOnAnyThreads) {
+  // The lower two thirds of the sample body (boss, dimple, groove) under a large pose,
+  // onto the whole body: no axes are shared, the descriptors are. The result repeats
+  // bit for bit on one thread.
+  const auto fixed = zorgen::MakeSampleBody(40);
+  const MMTransformMatrix pose = LargePose();
+  const double lo = fixed->GetZMin(), hi = fixed->GetZMax();
+  const auto moving = SliceAlongZ(*fixed, lo, lo + 0.65 * (hi - lo));
+  moving->Transform(pose);
+  Registration::MParams params;
+  params.initialAlignment = Registration::AlignFeatures;
+  params.overlapFraction = 1.0;
+  params.errorTolerance = 0.001;
+  Registration r;
+  const MMTransformMatrix found = Register(r, params, fixed.get(), moving.get());
+  EXPECT_EQ(r.GetAlignmentUsed(), Registration::AlignFeatures);
+  const MMTransformMatrix residue = found * pose;
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j) EXPECT_NEAR(residue.GetElement(i, j), i == j ? 1.0 : 0.0, 0.002);
+  EXPECT_LT(Length(residue.GetTranslation()), 100.0);
+
+  MMTransformMatrix single;
+  oneapi::tbb::task_arena(1).execute([&] {
+    Registration again;
+    single = Register(again, params, fixed.get(), moving.get());
+  });
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 4; ++j) EXPECT_EQ(single.GetElement(i, j), found.GetElement(i, j));
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 
 #include "tools/generators/bodies.h"
 #include "tools/generators/poses.h"
+#include "tools/generators/small_meshes.h"
 #include "tools/zor-register/mesh_files.h"
 #include "zor/model/unit.h"
 
@@ -141,8 +142,13 @@ TEST_F(ZorRegister, AlignRecoversAKnownPoseAndReportsIt) {
     EXPECT_EQ(run.err, "");  // no progress bar when stderr is not a terminal
     const nlohmann::json report = ParseJson(run);
     ExpectRecovered(pose, scale, report);
-    EXPECT_EQ(report["strategy"], "auto");
+    EXPECT_EQ(report["strategy"], "auto+features");
     EXPECT_EQ(report["strategy_used"], "axes");
+    // A sound result: the whole copy lies on the body, closely, and no doubt is raised.
+    EXPECT_GT(report["overlap"].get<double>(), 0.99);
+    EXPECT_LT(report["overlap_rms"].get<double>() * scale, 0.01);
+    EXPECT_EQ(report["doubtful"], false);
+    EXPECT_EQ(report["polished"], true);
     EXPECT_GT(report["inliers"].get<int>(),
               450);  // about 500 samples, all on the body
     EXPECT_LT(report["error"].get<double>() * scale,
@@ -163,6 +169,23 @@ TEST_F(ZorRegister, AlignRecoversAKnownPoseAndReportsIt) {
   EXPECT_EQ(text.status, 0);
   EXPECT_NE(text.out.find("transform moving onto fixed"), std::string::npos);
   EXPECT_NE(text.out.find("error "), std::string::npos);
+  EXPECT_NE(text.out.find("overlap "), std::string::npos);
+}
+
+TEST_F(ZorRegister, ADoubtfulResultIsReportedAndWarnedOfButNotAnError) {
+  // A ball registered onto a box it is no part of: whatever pose is found, little of the
+  // ball lies on the box, and the command must say so rather than report success.
+  zortool::WriteMesh(*zorgen::MakeSphere(15000, 30, 60), nullptr, 1.0, Path("ball.stl"), false);
+  zortool::WriteMesh(*zorgen::MakeBox(40000, 30000, 20000, 12), nullptr, 1.0, Path("box.stl"), false);
+  const Outcome run = Tool("align ball.stl box.stl --json");
+  EXPECT_EQ(run.status, 0);
+  EXPECT_NE(run.err.find("warning: the result is doubtful: only "), std::string::npos) << run.err;
+  const nlohmann::json report = ParseJson(run);
+  EXPECT_EQ(report["doubtful"], true);
+  EXPECT_LT(report["overlap"].get<double>(), 0.3);
+  EXPECT_NE(report["doubt"].get<std::string>().find("lies on the fixed mesh"), std::string::npos);
+  // Both ways were tried; quiet keeps stderr empty.
+  EXPECT_EQ(Tool("align ball.stl box.stl --quiet --strategy features").err, "");
 }
 
 // The multi-start ICP from the files alone, on a body with a deep relief (the search

@@ -27,7 +27,7 @@ namespace {
 using Registration = MUserOperatorStlRegistration;
 using Json = nlohmann::ordered_json;
 
-constexpr const char* kStrategyNames[] = {"none", "auto", "axes", "rod", "disc", "ball"};
+constexpr const char* kStrategyNames[] = {"none", "auto", "axes", "rod", "disc", "ball", "features"};
 
 void Warn(const CommonOptions& common, const std::vector<std::string>& lines) {
   if (common.quiet) return;
@@ -211,11 +211,17 @@ Registration::MParams DemoDefaults() {
 }
 
 const char* StrategyName(Registration::MInitialAlignment a) {
-  return a >= Registration::AlignNone && a <= Registration::AlignBall ? kStrategyNames[a] : "unknown";
+  return a >= Registration::AlignNone && a <= Registration::AlignFeatures ? kStrategyNames[a] : "unknown";
 }
 
-bool ParseStrategy(const std::string& name, Registration::MInitialAlignment& out) {
-  for (int i = 0; i < 6; ++i)
+bool ParseStrategy(const std::string& name, Registration::MInitialAlignment& out, bool* withFeatures) {
+  if (withFeatures != nullptr) *withFeatures = false;
+  if (withFeatures != nullptr && name == kDefaultStrategy) {
+    out = Registration::AlignAutomatic;
+    *withFeatures = true;
+    return true;
+  }
+  for (int i = 0; i <= Registration::AlignFeatures; ++i)
     if (name == kStrategyNames[i]) {
       out = static_cast<Registration::MInitialAlignment>(i);
       return true;
@@ -224,52 +230,79 @@ bool ParseStrategy(const std::string& name, Registration::MInitialAlignment& out
 }
 
 int RunAlign(const std::string& movingPath, const std::string& fixedPath, const std::string& output,
-             const Registration::MParams& params, const DeviationOptions& deviation, const CommonOptions& common) {
+             const PairOptions& options, const DeviationOptions& deviation, const CommonOptions& common) {
   if (!output.empty()) CheckOutputPath(output);
   CheckDeviationPath(deviation);
   const LoadedMesh moving = ReadWithWarnings(movingPath, common);
   const LoadedMesh fixed = ReadWithWarnings(fixedPath, common);
 
-  Registration registration;
-  registration.SetAllParams(params);
-  registration.SetMovingStl(moving.mesh.get(), nullptr);
-  registration.SetFixedStl(fixed.mesh.get(), nullptr);
-  Operate(registration, common);
-
-  MMTransformMatrix transform;
-  registration.GetTransformation(transform);
+  PairResult result;
+  {
+    std::shared_ptr<ProgressBar> bar;
+    if (!common.quiet && isatty(STDERR_FILENO)) bar = std::make_shared<ProgressBar>();
+    const auto limit = LimitThreads(common.threads);
+    try {
+      result = AlignPair(*moving.mesh, *fixed.mesh, options, bar);
+    } catch (const std::out_of_range& e) {
+      throw InputError(std::string("the registration carried the moving mesh off the 32-bit grid (") + e.what() +
+                       "); try a smaller --scale");
+    }
+  }
+  const Registration::MParams& params = options.params;
+  const MMTransformMatrix& transform = result.transform;
   const double toFile = 1.0 / (common.scale * MUnit::GetIE());
-  const double error = registration.GetError() / common.scale;
+  const double error = result.error * toFile;
+  const std::string strategy = options.withFeatures && params.initialAlignment == Registration::AlignAutomatic
+                                   ? kDefaultStrategy
+                                   : StrategyName(params.initialAlignment);
   if (!output.empty()) WriteMesh(*moving.mesh, &transform, common.scale, output, common.ascii);
   const std::optional<DeviationSummary> map =
       MakeDeviationMap(deviation, *moving.mesh, &transform, *fixed.mesh, error, common);
+  // Doubt goes to stderr whatever the format, so that scripts reading the report see it too.
+  if (result.verdict.doubtful && !common.quiet)
+    std::fprintf(stderr, "zor-register: warning: the result is doubtful: %s\n", result.verdict.reason.c_str());
 
+  Registration::StageTimes times = result.times;
+  times.total += result.polishSeconds;
   if (common.json) {
     Json report{{"moving", MeshJson(movingPath, moving)},
                 {"fixed", MeshJson(fixedPath, fixed)},
                 {"transform", TransformJson(transform, toFile)},
                 {"error", error},
-                {"inliers", registration.GetInlierCount()},
+                {"inliers", result.inliers},
                 {"samples", params.sampleCount},
-                {"strategy", StrategyName(params.initialAlignment)},
-                {"strategy_used", StrategyName(registration.GetAlignmentUsed())},
-                {"iterations", registration.GetStageTimes().iterations},
-                {"seconds", StageTimesJson(registration.GetStageTimes())},
+                {"strategy", strategy},
+                {"strategy_used", StrategyName(result.used)},
+                {"polished", result.polished},
+                {"overlap", result.verdict.overlap},
+                {"overlap_rms", result.verdict.rms * toFile},
+                {"overlap_distance", result.verdict.distance * toFile},
+                {"doubtful", result.verdict.doubtful},
+                {"iterations", times.iterations},
+                {"seconds", StageTimesJson(times)},
                 {"scale", common.scale}};
+    report["seconds"]["polish"] = result.polishSeconds;
+    if (result.verdict.doubtful) report["doubt"] = result.verdict.reason;
     if (!output.empty()) report["output"] = output;
     AddDeviation(report, deviation, map);
     std::printf("%s\n", report.dump(2).c_str());
     return 0;
   }
   PrintMeshes(movingPath, moving, fixedPath, fixed);
-  std::printf("strategy  %s", StrategyName(params.initialAlignment));
+  std::printf("strategy  %s", strategy.c_str());
   if (params.initialAlignment == Registration::AlignAutomatic)
-    std::printf(" (took %s)", StrategyName(registration.GetAlignmentUsed()));
+    std::printf(" (took %s%s)", StrategyName(result.used), result.triedFeatures ? ", after trying both" : "");
   std::printf("\n");
   PrintTransform(transform, toFile);
-  std::printf("error     %.6g file units (mean distance of the %llu closest samples)\n", error,
-              static_cast<unsigned long long>(registration.GetInlierCount()));
-  PrintStageTimes(registration.GetStageTimes());
+  std::printf("error     %.6g file units (mean distance of the %llu closest samples, before the finish)\n", error,
+              static_cast<unsigned long long>(result.inliers));
+  std::printf("overlap   %.1f%% of MOVING within %.6g file units of FIXED, RMS %.6g there%s\n",
+              100.0 * result.verdict.overlap, result.verdict.distance * toFile, result.verdict.rms * toFile,
+              result.verdict.doubtful ? " (doubtful)" : "");
+  PrintStageTimes(times);
+  if (options.polish)
+    std::printf("finish    %s, %.3f s\n", result.polished ? "point-to-plane ICP on the full meshes" : "could not run",
+                result.polishSeconds);
   if (!output.empty()) std::printf("wrote     %s\n", output.c_str());
   PrintDeviation(deviation, map);
   return 0;

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/zor-register/pair_alignment.h"
 #include "zor/icp/stl_base_operator_registration_icp.h"
 #include "zor/morph/wrapper_operator_morph.h"
 #include "zor/registration/user_operator_stl_registration.h"
@@ -25,9 +26,13 @@ struct CommonOptions {
 MUserOperatorStlRegistration::MParams ToolDefaults();
 
 // Strategy names, and their values: "none", "auto", "axes", "rod", "disc",
-// "ball".
+// "ball", "features"; and the command's default, "auto+features": auto, and the
+// feature strategy as well when that result is doubtful (see pair_alignment.h), for
+// which ParseStrategy sets `withFeatures` (when given) and `out` to auto.
+constexpr const char* kDefaultStrategy = "auto+features";
 const char* StrategyName(MUserOperatorStlRegistration::MInitialAlignment a);
-bool ParseStrategy(const std::string& name, MUserOperatorStlRegistration::MInitialAlignment& out);
+bool ParseStrategy(const std::string& name, MUserOperatorStlRegistration::MInitialAlignment& out,
+                   bool* withFeatures = nullptr);
 
 // A deviation map of the result (see deviation.h), written when `path` is not empty.
 struct DeviationOptions {
@@ -35,9 +40,8 @@ struct DeviationOptions {
   double range = 0.0;  // file units; 0: three times the error the command reports
 };
 
-int RunAlign(const std::string& moving, const std::string& fixed, const std::string& output,
-             const MUserOperatorStlRegistration::MParams& params, const DeviationOptions& deviation,
-             const CommonOptions& common);
+int RunAlign(const std::string& moving, const std::string& fixed, const std::string& output, const PairOptions& options,
+             const DeviationOptions& deviation, const CommonOptions& common);
 
 // The multi-start ICP as the tool runs it: the operator's parameters (meshes aside),
 // with its lengths in millimetres.

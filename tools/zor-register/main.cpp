@@ -55,17 +55,22 @@ void AddCommonOptions(CLI::App& cmd, CommonOptions& common, bool json) {
   if (json) cmd.add_flag("--json", common.json, "Print a machine-readable report instead");
 }
 
-void AddRegistrationOptions(CLI::App& cmd, Registration::MParams& p, std::string& strategy) {
-  strategy = StrategyName(p.initialAlignment);
+// `withDefault`: the command offers auto+features and starts from it.
+void AddRegistrationOptions(CLI::App& cmd, Registration::MParams& p, std::string& strategy, bool withDefault) {
+  strategy = withDefault ? kDefaultStrategy : StrategyName(p.initialAlignment);
   cmd.add_option("--strategy", strategy,
-                 "Initial alignment: none (meshes already roughly placed), "
-                 "auto (from the shapes' symmetry), "
-                 "axes, rod, disc or ball")
+                 std::string("Initial alignment: ") +
+                     (withDefault ? "auto+features (auto, then features when the result is doubtful), " : "") +
+                     "none (meshes already roughly placed), auto (from the shapes' symmetry), "
+                     "axes, rod, disc, ball, or features (matched surface descriptors: partial scans)")
       ->check(CLI::Validator(
-          [](std::string& s) -> std::string {
+          [withDefault](std::string& s) -> std::string {
             Registration::MInitialAlignment a;
-            return ParseStrategy(s, a) ? std::string()
-                                       : "unknown strategy '" + s + "' (none, auto, axes, rod, disc, ball)";
+            bool features = false;
+            return ParseStrategy(s, a, withDefault ? &features : nullptr)
+                       ? std::string()
+                       : "unknown strategy '" + s + "' (" + (withDefault ? "auto+features, " : "") +
+                             "none, auto, axes, rod, disc, ball, features)";
           },
           "STRATEGY"))
       ->capture_default_str()
@@ -185,7 +190,10 @@ int Run(int argc, char** argv) {
   align->add_option("-o,--output", output, "Also write MOVING, moved, to this file (.stl, .ply, .obj or .off)");
   align->add_flag("--ascii", common.ascii, "Write STL and PLY as text rather than binary");
   AddCommonOptions(*align, common, true);
-  AddRegistrationOptions(*align, alignParams, alignStrategy);
+  AddRegistrationOptions(*align, alignParams, alignStrategy, true);
+  bool polish = true;
+  align->add_flag("!--no-polish", polish, "Skip the finish: point-to-plane ICP on the full meshes after the search")
+      ->group("Registration");
   DeviationOptions deviation;
   AddDeviationOptions(*align, deviation);
 
@@ -225,7 +233,7 @@ int Run(int argc, char** argv) {
   demoCmd->add_option("--save", demo.saveFolder, "Write the body and its copy to DIR/fixed.stl and DIR/moving.stl");
   demoCmd->add_flag("--ascii", common.ascii, "Save STL as text rather than binary");
   AddCommonOptions(*demoCmd, common, false);
-  AddRegistrationOptions(*demoCmd, demoParams, demoStrategy);
+  AddRegistrationOptions(*demoCmd, demoParams, demoStrategy, false);
 
   std::string infoPath;
   CLI::App* info = app.add_subcommand("info", "Read a mesh file and print its size and extent");
@@ -261,8 +269,11 @@ int Run(int argc, char** argv) {
   }
 
   if (*align) {
-    ParseStrategy(alignStrategy, alignParams.initialAlignment);
-    return RunAlign(moving, fixed, output, alignParams, deviation, common);
+    PairOptions pair;
+    pair.params = alignParams;
+    ParseStrategy(alignStrategy, pair.params.initialAlignment, &pair.withFeatures);
+    pair.polish = polish;
+    return RunAlign(moving, fixed, output, pair, deviation, common);
   }
   if (*icp) return RunIcp(icpMoving, icpFixed, icpOutput, icpOptions, deviation, common);
   if (*morph) return RunMorph(morphMoving, morphTarget, morphOutput, morphOptions, deviation, common);

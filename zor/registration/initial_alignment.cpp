@@ -10,7 +10,10 @@
 #include <utility>
 #include <vector>
 
+#include <oneapi/tbb/parallel_invoke.h>
+
 #include "zor/alignment/principal_frame.h"
+#include "zor/alignment/surface_features.h"
 #include "zor/model/progress.h"
 #include "zor/model/stl_guards.h"
 #include "zor/registration/detail/solver_tournament.h"
@@ -24,6 +27,9 @@ constexpr std::uint64_t kCoarseSamples = 100;
 // More slide positions than this would only repeat ScorePose at spacings far below
 // any sample spacing.
 constexpr double kMaxSlideSteps = 1 << 20;
+// Matches that a feature pose brings this many keypoint spacings apart still count as
+// agreeing with it: the keypoints of two scans of one place are cut by different grids.
+constexpr double kFeatureInlierSpacings = 1.5;
 
 MUserOperatorStlRegistration::MInitialAlignment ChooseAlignment(const MStlBase& moving, const MStlBase& fixed) {
   using Op = MUserOperatorStlRegistration;
@@ -60,6 +66,7 @@ void MUserOperatorStlRegistration::AlignInitially(ZorSDK::Common::IncrementalPro
     case AlignRod: SearchPrincipalPoses(true, 2, moving, fixed, points, coarseNormals, count); break;
     case AlignDisc: SearchPrincipalPoses(true, 0, moving, fixed, points, coarseNormals, count); break;
     case AlignBall: SolveFromSphere(moving, fixed, points, coarseNormals, count); break;
+    case AlignFeatures: SearchFeaturePoses(moving, fixed, points, coarseNormals, count); break;
     default: break;  // an unknown strategy searches nothing
   }
 }
@@ -187,4 +194,33 @@ void MUserOperatorStlRegistration::SolveFromSphere(const MStlBase* moving, const
   if (error <= best.cachedError) return;
   transformation = best.moveTransform;
   error = best.cachedError;
+}
+
+void MUserOperatorStlRegistration::SearchFeaturePoses(const MStlBase* moving, const MStlBase* fixed,
+                                                      const std::vector<MMVector3d>& samples,
+                                                      const std::vector<MMVector3d>* normals, std::uint64_t count) {
+  using namespace ZorStlRegistration;
+  const FeatureParameters features = ChooseFeatureParameters(*moving, *fixed);
+  // The moving mesh is described as wound and reversed, since the two meshes may be
+  // wound opposite ways; the poses of both are scored alike.
+  FeatureCloud fixedCloud, movingClouds[2];
+  tbb::parallel_invoke([&] { fixedCloud = DescribeSurface(*fixed, features); },
+                       [&] { movingClouds[0] = DescribeSurface(*moving, features, false); },
+                       [&] { movingClouds[1] = DescribeSurface(*moving, features, true); });
+  PoseSearchParameters search;
+  search.inlierDistance = kFeatureInlierSpacings * features.spacing;
+  std::vector<FeaturePose> poses;
+  for (const FeatureCloud& movingCloud : movingClouds) {
+    const auto matches = MatchFeatures(movingCloud, fixedCloud);
+    const std::vector<FeaturePose> found =
+        EstimatePoses(movingCloud.points, movingCloud.normals, fixedCloud.points, fixedCloud.normals, matches, search);
+    poses.insert(poses.end(), found.begin(), found.end());
+  }
+  for (const FeaturePose& candidate : poses) {
+    const double score = ScorePose(samples, normals, candidate.pose, count, true);
+    if (score < error) {
+      transformation = candidate.pose;
+      error = score;
+    }
+  }
 }

@@ -43,6 +43,9 @@ public:
     AlignRod = 3,        // one distinct axis: rotations about it
     AlignDisc = 4,       // one distinct axis across a flat body
     AlignBall = 5,       // no usable axis: a tournament over spread orientations
+    // Local shape descriptors matched between the meshes, the pose from the matches: for
+    // partial views of one body, which share no axes. Never chosen by AlignAutomatic.
+    AlignFeatures = 6,
   };
 
   // Lengths are in coordinate (user) units and multiplied by MUnit::GetIE() where read.
@@ -168,6 +171,11 @@ private:
   void SlideAlongAxis(MStlBase* moving, const MStlBase* fixed, const std::vector<MMVector<double, 3>>& samples,
                       const std::vector<MMVector<double, 3>>* normals, std::uint64_t count,
                       const MMVector<double, 3>& axis, MMTransformMatrix& pose, double& score) const;
+  // The poses that matched surface descriptors give (see surface_features.h); takes the
+  // best scoring only if it beats `error` strictly.
+  void SearchFeaturePoses(const MStlBase* moving, const MStlBase* fixed,
+                          const std::vector<MMVector<double, 3>>& samples,
+                          const std::vector<MMVector<double, 3>>* normals, std::uint64_t count);
   // The solver tournament over orientations spread on the sphere; takes the winner only
   // if it beats `error` strictly.
   void SolveFromSphere(const MStlBase* moving, const MStlBase* fixed, const std::vector<MMVector<double, 3>>& samples,

@@ -1,0 +1,88 @@
+#pragma once
+// Local shape descriptors of a surface and poses from matching them.
+//
+// Two partial views of one body share no principal axes and no symmetry, but they share
+// the local shape where they overlap. A view is described by keypoints on a regular
+// spacing, each with the normal of the mesh about it and a Fast Point Feature Histogram
+// (Rusu et al., 2009: 3 x 11 bins of the angles between the normals of neighbouring
+// keypoints in their Darboux frame). The mesh's own triangles give the normals: they
+// are oriented, so that a descriptor tells a bump from a dent, and they need no fit.
+// Descriptors of the two meshes are matched mutually (each the other's nearest), and
+// the pose comes from a RANSAC over triples of matches: a triple whose edge lengths or
+// normals disagree is rejected before any fit, the rest are fitted and counted.
+//
+// Everything here is deterministic: keypoints come in grid order, and the n-th triple
+// is drawn from a generator seeded by n alone, so the hypotheses, their order and the
+// result are the same on every run and at every thread count.
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "zor/export.h"
+#include "zor/model/stl_base.h"
+#include "zor/model/transform.h"
+
+namespace ZorStlRegistration {
+
+constexpr std::size_t kFeatureBins = 33;
+using FeatureDescriptor = std::array<float, kFeatureBins>;
+
+struct FeatureParameters {
+  double spacing = 0.0;        // internal units: grid cell of the keypoints
+  double normalRadius = 0.0;   // internal units: the surface about a keypoint that gives its normal
+  double featureRadius = 0.0;  // internal units: keypoints whose normals make the histogram
+};
+
+// The parameters for a pair of meshes: a spacing of 1/50 of the smaller bounding box
+// diagonal, normals over 2 spacings and histograms over 5, as the field uses them on
+// down-sampled clouds. Zero spacing for a mesh without extent.
+ZOR_API FeatureParameters ChooseFeatureParameters(const MStlBase& moving, const MStlBase& fixed);
+
+struct FeatureCloud {
+  std::vector<MMVector3d> points;              // internal units
+  std::vector<MMVector3d> normals;             // unit, outward as the triangles wind
+  std::vector<FeatureDescriptor> descriptors;  // each of the three histograms sums to 100
+};
+
+// Keypoints of `mesh`: the surface is sampled evenly (every triangle cut into equal
+// parts no wider than half a spacing), and each grid cell of `spacing` that holds at
+// least a fifth of a cell's area of surface gives one keypoint, the area-weighted mean
+// of its samples. Keypoints without a neighbour within featureRadius get no
+// descriptor and are dropped. With `reversed` the normals point against the winding:
+// meshes of one body may be wound either way (scanner views are often wound towards
+// the scanner, reconstructions outwards), and a descriptor built on oriented normals
+// only matches one wound the same way. The mesh must not change meanwhile.
+ZOR_API FeatureCloud DescribeSurface(const MStlBase& mesh, const FeatureParameters& parameters, bool reversed = false);
+
+// Pairs (moving keypoint, fixed keypoint) whose descriptors are each other's nearest
+// (Euclidean), in moving order; ties go to the lower number.
+ZOR_API std::vector<std::pair<std::uint32_t, std::uint32_t>> MatchFeatures(const FeatureCloud& moving,
+                                                                           const FeatureCloud& fixed);
+
+struct FeaturePose {
+  MMTransformMatrix pose;     // moving onto fixed
+  std::uint32_t inliers = 0;  // matches that the pose brings within the inlier distance
+};
+
+struct PoseSearchParameters {
+  double inlierDistance = 0.0;   // internal units
+  std::uint64_t trials = 20000;  // triples drawn
+  std::size_t keep = 8;          // best distinct poses returned
+  double edgeAgreement = 0.9;    // shortest over longest of corresponding edges
+  double normalAgreement = 0.5;  // least cosine between a moved normal and its match
+};
+
+// The best poses from matched points (and their normals): for each, the triple fit is
+// refitted on all its inliers (least squares). Best first: more inliers, then the
+// earlier triple. Poses closer than the inlier distance to a better one are dropped.
+ZOR_API std::vector<FeaturePose> EstimatePoses(const std::vector<MMVector3d>& movingPoints,
+                                               const std::vector<MMVector3d>& movingNormals,
+                                               const std::vector<MMVector3d>& fixedPoints,
+                                               const std::vector<MMVector3d>& fixedNormals,
+                                               const std::vector<std::pair<std::uint32_t, std::uint32_t>>& matches,
+                                               const PoseSearchParameters& parameters);
+
+}  // namespace ZorStlRegistration
