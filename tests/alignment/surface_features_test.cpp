@@ -104,7 +104,7 @@ TEST(SurfaceFeatures, DescriptorsFollowTheSurfaceNotItsPoseOrTessellation) {
   EXPECT_LT(shift, 2.0 * params.spacing);
 
   // Reversed normals describe another surface: the same places no longer match.
-  const FeatureCloud reversed = DescribeSurface(*fine, params, true);
+  const FeatureCloud reversed = Reversed(finer, params);
   std::vector<double> flipped, unused;
   PairDistances(moved, reversed, back, params.spacing, flipped, unused);
   EXPECT_GT(Median(flipped), 2.0 * Median(same));

@@ -9,8 +9,10 @@
 #include <vector>
 
 #include <tbb/parallel_for.h>
+#include <tbb/parallel_invoke.h>
 
 #include "zor/model/unit.h"
+#include "zor/services/reduce.h"
 #include "zor/services/registration_icp.h"
 #include "zor/spatial/tree_property.h"
 
@@ -31,8 +33,9 @@ constexpr double kLeastOverlap = 0.3;
 // Or when the part that lies on the fixed surface lies this loosely (share of the
 // verdict's distance): a right pose puts it at the noise of the scans.
 constexpr double kMostLooseness = 0.5;
-// The finish: samples of the moving mesh (every k-th point, at most this many) and
-// iterations of point-to-plane ICP.
+// The finish: samples of the moving mesh (every k-th point, at most this many in the
+// wide rounds and in the last) and iterations of point-to-plane ICP per round.
+constexpr std::size_t kWidePolishSamples = 10000;
 constexpr std::size_t kPolishSamples = 40000;
 constexpr std::size_t kPolishIterations = 50;
 
@@ -47,6 +50,17 @@ struct Run {
   Registration::MInitialAlignment used = Registration::AlignNone;
   Registration::StageTimes times;
 };
+
+// A reduced copy of `mesh` as the operator makes it, or null when reduction would
+// leave it as it is.
+std::unique_ptr<MStlBase> Reduced(MStlBase& mesh, double bound) {
+  MStlBaseOperatorReduceExBase::MParams p;
+  p.distance = bound;
+  MStlBaseOperatorReduceEx<MStlBaseContainer> reduce(MStlBaseContainer(&mesh), p);
+  std::unique_ptr<MStlBase> copy;
+  reduce.OperateOnCopy(copy);
+  return copy;
+}
 
 Run RunOperator(MStlBase& moving, MStlBase& fixed, Registration::MParams params,
                 Registration::MInitialAlignment strategy,
@@ -68,20 +82,27 @@ Run RunOperator(MStlBase& moving, MStlBase& fixed, Registration::MParams params,
 }
 
 // Point-to-plane ICP of the full moving mesh onto the full fixed mesh from `pose`,
-// pairing only points within `distance`. False, leaving `pose`, when it cannot run.
+// pairing points within 4, then 2, then 1 times `distance`: the wide first round pulls
+// in a start that is a few degrees off, the last one pairs only the overlap. False,
+// leaving `pose`, when the first round cannot run.
 bool Polish(const MStlBase& moving, const MStlBase& fixed, double distance, MMTransformMatrix& pose) {
-  MStlBaseOperatorRegistrationICP::MParameters p;
-  p.SetMoving(&moving, &pose);
-  p.SetReference(&fixed, nullptr);
-  p.SetThresholdMethod(eRegistrationThresholdAbsolute);
-  p.SetDistanceThreshold(distance);
-  p.SetNumberOfIterations(kPolishIterations);
-  p.SetSubSampleRatio(std::max<std::size_t>(1, (moving.NumberOfPoints() + kPolishSamples - 1) / kPolishSamples));
-  MStlBaseOperatorRegistrationICP icp;
-  icp.SetParameters(p);
-  if (!icp.Operate()) return false;
-  pose.PostMultiply(icp.GetTransformToBeAppliedToMoving());
-  return true;
+  bool ran = false;
+  for (double reach : {4.0, 2.0, 1.0}) {
+    MStlBaseOperatorRegistrationICP::MParameters p;
+    p.SetMoving(&moving, &pose);
+    p.SetReference(&fixed, nullptr);
+    p.SetThresholdMethod(eRegistrationThresholdAbsolute);
+    p.SetDistanceThreshold(reach * distance);
+    p.SetNumberOfIterations(kPolishIterations);
+    const std::size_t samples = reach > 1.0 ? kWidePolishSamples : kPolishSamples;
+    p.SetSubSampleRatio(std::max<std::size_t>(1, (moving.NumberOfPoints() + samples - 1) / samples));
+    MStlBaseOperatorRegistrationICP icp;
+    icp.SetParameters(p);
+    if (!icp.Operate()) return ran;
+    pose.PostMultiply(icp.GetTransformToBeAppliedToMoving());
+    ran = true;
+  }
+  return ran;
 }
 
 // The better of two verdicts by the overlap found, then by its RMS.
@@ -145,34 +166,72 @@ Verdict JudgePose(const MStlBase& moving, const MStlBase& fixed, const MMTransfo
 PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& options,
                      std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress) {
   const double distance = kVerdictBounds * options.params.reduceTolerance * MUnit::GetIE();
-  const auto finish = [&](const Run& run) {
+  const auto judged = [&](const Run& run) {
     PairResult r;
     r.transform = run.transform;
     r.error = run.error;
     r.inliers = run.inliers;
     r.used = run.used;
     r.times = run.times;
-    if (options.polish) {
-      const auto start = std::chrono::steady_clock::now();
-      r.polished = Polish(moving, fixed, distance, r.transform);
-      r.polishSeconds = Seconds(start);
-    }
     r.verdict = JudgePose(moving, fixed, r.transform, distance);
     return r;
   };
+  // The finish, then the verdict on the finished pose; a pose finished once is left.
+  const auto finish = [&](PairResult& r) {
+    if (!options.polish || r.polished) return;
+    const auto start = std::chrono::steady_clock::now();
+    r.polished = Polish(moving, fixed, distance, r.transform);
+    r.polishSeconds = Seconds(start);
+    r.verdict = JudgePose(moving, fixed, r.transform, distance);
+  };
 
-  const bool twoWays = options.withFeatures && options.params.initialAlignment == Registration::AlignAutomatic;
-  PairResult result = finish(RunOperator(moving, fixed, options.params, options.params.initialAlignment, progress));
-  if (!twoWays || !result.verdict.doubtful) return result;
-  PairResult features = finish(RunOperator(moving, fixed, options.params, Registration::AlignFeatures, progress));
-  features.triedFeatures = true;
-  const double firstSeconds = result.times.total + result.polishSeconds;
-  if (Better(features.verdict, result.verdict)) {
-    features.times.total += firstSeconds;
-    return features;
+  // Both runs search on the same reduced meshes, so they are reduced once here, as
+  // the operator would reduce them; the finish and the verdict use the full meshes.
+  Registration::MParams params = options.params;
+  MStlBase* searchMoving = &moving;
+  MStlBase* searchFixed = &fixed;
+  std::unique_ptr<MStlBase> reducedMoving, reducedFixed;
+  double reduction = 0.0;
+  if (params.reduceMeshes) {
+    const auto start = std::chrono::steady_clock::now();
+    const double bound = params.reduceTolerance * MUnit::GetIE();
+    tbb::parallel_invoke([&] { reducedMoving = Reduced(moving, bound); },
+                         [&] { reducedFixed = Reduced(fixed, bound); });
+    if (reducedMoving != nullptr) searchMoving = reducedMoving.get();
+    if (reducedFixed != nullptr) searchFixed = reducedFixed.get();
+    params.reduceMeshes = false;
+    reduction = Seconds(start);
   }
-  result.triedFeatures = true;
-  result.times.total += features.times.total + features.polishSeconds;
+  const auto search = [&](Registration::MInitialAlignment strategy) {
+    Run run = RunOperator(*searchMoving, *searchFixed, params, strategy, progress);
+    run.times.reduction += reduction;
+    run.times.total += reduction;
+    reduction = 0.0;  // counted once
+    return judged(run);
+  };
+
+  // With both ways, a doubtful first result is set against the feature result once that
+  // is finished; only when the unfinished first result still wins is it finished too,
+  // so that the two are compared alike. The finish costs as much as a run.
+  const bool twoWays = options.withFeatures && params.initialAlignment == Registration::AlignAutomatic;
+  PairResult result = search(params.initialAlignment);
+  if (twoWays && result.verdict.doubtful) {
+    PairResult features = search(Registration::AlignFeatures);
+    finish(features);
+    if (!Better(features.verdict, result.verdict)) {
+      finish(result);
+    }
+    const double seconds = result.times.total + result.polishSeconds;
+    if (Better(features.verdict, result.verdict)) {
+      features.times.total += seconds;
+      result = features;
+    } else {
+      result.times.total += features.times.total + features.polishSeconds;
+    }
+    result.triedFeatures = true;
+    return result;
+  }
+  finish(result);
   return result;
 }
 

@@ -14,7 +14,7 @@ namespace ZorStlRegistration {
 namespace {
 
 constexpr double kPi = 3.14159265358979323846;
-constexpr double kSpacingShare = 1.0 / 50.0;
+constexpr double kSpacingShare = 1.0 / 70.0;
 constexpr double kNormalSpacings = 2.0;
 constexpr double kFeatureSpacings = 5.0;
 // A cell becomes a keypoint when it holds at least this share of a cell's area of
@@ -158,80 +158,11 @@ Rigid FromMatrix(const ZorSDK::Math::matrix4x4<double>& m) {
   return fit;
 }
 
-}  // namespace
-
-FeatureParameters ChooseFeatureParameters(const MStlBase& moving, const MStlBase& fixed) {
-  const auto diagonal = [](const MStlBase& mesh) {
-    if (mesh.GetNumberOfTriangles() == 0) return 0.0;
-    const double dx = double(mesh.GetXMax()) - mesh.GetXMin(), dy = double(mesh.GetYMax()) - mesh.GetYMin(),
-                 dz = double(mesh.GetZMax()) - mesh.GetZMin();
-    return std::sqrt(dx * dx + dy * dy + dz * dz);
-  };
-  FeatureParameters p;
-  p.spacing = std::min(diagonal(moving), diagonal(fixed)) * kSpacingShare;
-  p.normalRadius = kNormalSpacings * p.spacing;
-  p.featureRadius = kFeatureSpacings * p.spacing;
-  return p;
-}
-
-FeatureCloud DescribeSurface(const MStlBase& mesh, const FeatureParameters& parameters, bool reversed) {
+// Descriptors of oriented keypoints (points without a normal get none); keypoints
+// without a neighbour within featureRadius are dropped.
+FeatureCloud Describe(const std::vector<MMVector3d>& keypoints, const std::vector<MMVector3d>& normals,
+                      const FeatureParameters& parameters) {
   FeatureCloud cloud;
-  const double s = parameters.spacing;
-  if (!(s > 0.0) || !std::isfinite(s)) return cloud;
-
-  // Even samples: each triangle cut into n^2 equal parts (n edge steps of at most half
-  // a spacing), one sample at each part's centroid with its share of the area.
-  std::vector<MMVector3d> samples, sampleNormals;
-  std::vector<double> weights;
-  for (auto it = mesh.BeginTriangle(); it != mesh.EndTriangle(); ++it) {
-    const MMVector3d a = it->GetVertex(0), b = it->GetVertex(1), c = it->GetVertex(2);
-    const MMVector3d area = Cross(b - a, c - a);
-    const double twiceArea = Length(area);
-    if (!(twiceArea > 0.0)) continue;
-    const MMVector3d normal = area * ((reversed ? -1.0 : 1.0) / twiceArea);
-    const double longest = std::sqrt(std::max({Length2(b - a), Length2(c - b), Length2(a - c)}));
-    const int n = static_cast<int>(std::min(4096.0, std::max(1.0, std::ceil(2.0 * longest / s))));
-    const double weight = 0.5 * twiceArea / (double(n) * n);
-    const MMVector3d ab = (b - a) * (1.0 / n), ac = (c - a) * (1.0 / n);
-    for (int i = 0; i < n; ++i)
-      for (int j = 0; i + j < n; ++j) {
-        samples.push_back(a + ab * (i + 1.0 / 3.0) + ac * (j + 1.0 / 3.0));
-        if (i + j + 1 < n) samples.push_back(a + ab * (i + 2.0 / 3.0) + ac * (j + 2.0 / 3.0));
-      }
-    const std::size_t added = std::size_t(n) * n;
-    sampleNormals.insert(sampleNormals.end(), added, normal);
-    weights.insert(weights.end(), added, weight);
-  }
-  if (samples.empty()) return cloud;
-
-  // One keypoint per cell with enough surface.
-  const Grid cells(samples, s);
-  std::vector<MMVector3d> keypoints;
-  for (std::size_t i = 0; i < cells.keys.size();) {
-    std::size_t j = i;
-    double w = 0.0;
-    MMVector3d sum;
-    for (; j < cells.keys.size() && cells.keys[j].first == cells.keys[i].first; ++j) {
-      const std::uint32_t k = cells.keys[j].second;
-      w += weights[k];
-      sum += samples[k] * weights[k];
-    }
-    if (w >= kLeastCellArea * s * s) keypoints.push_back(sum * (1.0 / w));
-    i = j;
-  }
-
-  // Normals: the area-weighted triangle normals within normalRadius.
-  std::vector<MMVector3d> normals(keypoints.size());
-  const double nr2 = parameters.normalRadius * parameters.normalRadius;
-  oneapi::tbb::parallel_for(std::size_t(0), keypoints.size(), [&](std::size_t k) {
-    MMVector3d sum;
-    cells.ForCellsAround(keypoints[k], parameters.normalRadius, [&](std::uint32_t i) {
-      if (Length2(samples[i] - keypoints[k]) <= nr2) sum += sampleNormals[i] * weights[i];
-    });
-    const double l = Length(sum);
-    normals[k] = l > 0.0 ? sum * (1.0 / l) : MMVector3d();
-  });
-
   // Simplified histograms over the keypoints within featureRadius.
   const double fr = parameters.featureRadius, fr2 = fr * fr;
   const Grid near(keypoints, fr);
@@ -281,32 +212,142 @@ FeatureCloud DescribeSurface(const MStlBase& mesh, const FeatureParameters& para
   return cloud;
 }
 
+}  // namespace
+
+FeatureParameters ChooseFeatureParameters(const MStlBase& moving, const MStlBase& fixed) {
+  const auto diagonal = [](const MStlBase& mesh) {
+    if (mesh.GetNumberOfTriangles() == 0) return 0.0;
+    const double dx = double(mesh.GetXMax()) - mesh.GetXMin(), dy = double(mesh.GetYMax()) - mesh.GetYMin(),
+                 dz = double(mesh.GetZMax()) - mesh.GetZMin();
+    return std::sqrt(dx * dx + dy * dy + dz * dz);
+  };
+  FeatureParameters p;
+  p.spacing = std::min(diagonal(moving), diagonal(fixed)) * kSpacingShare;
+  p.normalRadius = kNormalSpacings * p.spacing;
+  p.featureRadius = kFeatureSpacings * p.spacing;
+  return p;
+}
+
+FeatureCloud DescribeSurface(const MStlBase& mesh, const FeatureParameters& parameters) {
+  FeatureCloud cloud;
+  const double s = parameters.spacing;
+  if (!(s > 0.0) || !std::isfinite(s)) return cloud;
+
+  // Even samples: each triangle cut into n^2 equal parts (n edge steps of at most half
+  // a spacing), one sample at each part's centroid with its share of the area.
+  std::vector<MMVector3d> samples, sampleNormals;
+  std::vector<double> weights;
+  for (auto it = mesh.BeginTriangle(); it != mesh.EndTriangle(); ++it) {
+    const MMVector3d a = it->GetVertex(0), b = it->GetVertex(1), c = it->GetVertex(2);
+    const MMVector3d area = Cross(b - a, c - a);
+    const double twiceArea = Length(area);
+    if (!(twiceArea > 0.0)) continue;
+    const MMVector3d normal = area * (1.0 / twiceArea);
+    const double longest = std::sqrt(std::max({Length2(b - a), Length2(c - b), Length2(a - c)}));
+    const int n = static_cast<int>(std::min(4096.0, std::max(1.0, std::ceil(2.0 * longest / s))));
+    const double weight = 0.5 * twiceArea / (double(n) * n);
+    const MMVector3d ab = (b - a) * (1.0 / n), ac = (c - a) * (1.0 / n);
+    for (int i = 0; i < n; ++i)
+      for (int j = 0; i + j < n; ++j) {
+        samples.push_back(a + ab * (i + 1.0 / 3.0) + ac * (j + 1.0 / 3.0));
+        if (i + j + 1 < n) samples.push_back(a + ab * (i + 2.0 / 3.0) + ac * (j + 2.0 / 3.0));
+      }
+    const std::size_t added = std::size_t(n) * n;
+    sampleNormals.insert(sampleNormals.end(), added, normal);
+    weights.insert(weights.end(), added, weight);
+  }
+  if (samples.empty()) return cloud;
+
+  // One keypoint per cell with enough surface.
+  const Grid cells(samples, s);
+  std::vector<MMVector3d> keypoints;
+  for (std::size_t i = 0; i < cells.keys.size();) {
+    std::size_t j = i;
+    double w = 0.0;
+    MMVector3d sum;
+    for (; j < cells.keys.size() && cells.keys[j].first == cells.keys[i].first; ++j) {
+      const std::uint32_t k = cells.keys[j].second;
+      w += weights[k];
+      sum += samples[k] * weights[k];
+    }
+    if (w >= kLeastCellArea * s * s) keypoints.push_back(sum * (1.0 / w));
+    i = j;
+  }
+
+  // Normals: the area-weighted triangle normals within normalRadius.
+  std::vector<MMVector3d> normals(keypoints.size());
+  const double nr2 = parameters.normalRadius * parameters.normalRadius;
+  oneapi::tbb::parallel_for(std::size_t(0), keypoints.size(), [&](std::size_t k) {
+    MMVector3d sum;
+    cells.ForCellsAround(keypoints[k], parameters.normalRadius, [&](std::uint32_t i) {
+      if (Length2(samples[i] - keypoints[k]) <= nr2) sum += sampleNormals[i] * weights[i];
+    });
+    const double l = Length(sum);
+    normals[k] = l > 0.0 ? sum * (1.0 / l) : MMVector3d();
+  });
+
+  return Describe(keypoints, normals, parameters);
+}
+
+FeatureCloud Reversed(const FeatureCloud& cloud, const FeatureParameters& parameters) {
+  std::vector<MMVector3d> normals(cloud.normals.size());
+  for (std::size_t k = 0; k < normals.size(); ++k) normals[k] = cloud.normals[k] * -1.0;
+  return Describe(cloud.points, normals, parameters);
+}
+
 std::vector<std::pair<std::uint32_t, std::uint32_t>> MatchFeatures(const FeatureCloud& moving,
                                                                    const FeatureCloud& fixed) {
-  const auto nearest = [](const std::vector<FeatureDescriptor>& from, const std::vector<FeatureDescriptor>& to) {
-    std::vector<std::uint32_t> best(from.size(), 0);
-    oneapi::tbb::parallel_for(std::size_t(0), from.size(), [&](std::size_t i) {
-      float least = std::numeric_limits<float>::infinity();
-      for (std::size_t j = 0; j < to.size(); ++j) {
-        float d = 0.0f;
-        for (std::size_t b = 0; b < kFeatureBins; ++b) {
-          const float e = from[i][b] - to[j][b];
-          d += e * e;
-        }
-        if (d < least) {
-          least = d;
-          best[i] = static_cast<std::uint32_t>(j);
-        }
-      }
-    });
-    return best;
-  };
   std::vector<std::pair<std::uint32_t, std::uint32_t>> matches;
-  if (moving.descriptors.empty() || fixed.descriptors.empty()) return matches;
-  const std::vector<std::uint32_t> forward = nearest(moving.descriptors, fixed.descriptors);
-  const std::vector<std::uint32_t> backward = nearest(fixed.descriptors, moving.descriptors);
-  for (std::uint32_t i = 0; i < forward.size(); ++i)
-    if (backward[forward[i]] == i) matches.emplace_back(i, forward[i]);
+  const std::vector<FeatureDescriptor>& a = moving.descriptors;
+  const std::vector<FeatureDescriptor>& b = fixed.descriptors;
+  if (a.empty() || b.empty()) return matches;
+  // One pass over all pairs finds both nearest neighbours: rows of a fixed block size
+  // run in parallel, each block keeps its own nearest row per column, and the blocks
+  // merge in order. Ties go to the lower number both ways, on any threads.
+  struct Nearest {
+    float distance = std::numeric_limits<float>::infinity();
+    std::uint32_t index = 0;
+  };
+  constexpr std::size_t kRows = 64;
+  // Descriptors padded to 40 floats and summed in eight fixed lanes: the compiler can
+  // keep the lanes in vector registers, and the order of the sum stays the same.
+  constexpr std::size_t kLanes = 8, kStride = 40;
+  const auto padded = [&](const std::vector<FeatureDescriptor>& from) {
+    std::vector<float> out(from.size() * kStride, 0.0f);
+    for (std::size_t i = 0; i < from.size(); ++i) std::copy(from[i].begin(), from[i].end(), &out[i * kStride]);
+    return out;
+  };
+  const std::vector<float> pa = padded(a), pb = padded(b);
+  const std::size_t blocks = (a.size() + kRows - 1) / kRows;
+  std::vector<Nearest> forward(a.size());
+  std::vector<std::vector<Nearest>> columns(blocks);
+  oneapi::tbb::parallel_for(std::size_t(0), blocks, [&](std::size_t block) {
+    std::vector<Nearest>& column = columns[block];
+    column.assign(b.size(), Nearest());
+    for (std::size_t i = block * kRows; i < std::min(a.size(), (block + 1) * kRows); ++i) {
+      const float* x = &pa[i * kStride];
+      Nearest row;
+      for (std::size_t j = 0; j < b.size(); ++j) {
+        const float* y = &pb[j * kStride];
+        float lane[kLanes] = {};
+        for (std::size_t k = 0; k < kStride; k += kLanes)
+          for (std::size_t l = 0; l < kLanes; ++l) {
+            const float e = x[k + l] - y[k + l];
+            lane[l] += e * e;
+          }
+        const float d = ((lane[0] + lane[1]) + (lane[2] + lane[3])) + ((lane[4] + lane[5]) + (lane[6] + lane[7]));
+        if (d < row.distance) row = {d, static_cast<std::uint32_t>(j)};
+        if (d < column[j].distance) column[j] = {d, static_cast<std::uint32_t>(i)};
+      }
+      forward[i] = row;
+    }
+  });
+  std::vector<Nearest> backward = std::move(columns[0]);
+  for (std::size_t block = 1; block < blocks; ++block)
+    for (std::size_t j = 0; j < b.size(); ++j)
+      if (columns[block][j].distance < backward[j].distance) backward[j] = columns[block][j];
+  for (std::uint32_t i = 0; i < a.size(); ++i)
+    if (backward[forward[i].index].index == i) matches.emplace_back(i, forward[i].index);
   return matches;
 }
 

@@ -51,11 +51,14 @@ struct FeatureCloud {
 // parts no wider than half a spacing), and each grid cell of `spacing` that holds at
 // least a fifth of a cell's area of surface gives one keypoint, the area-weighted mean
 // of its samples. Keypoints without a neighbour within featureRadius get no
-// descriptor and are dropped. With `reversed` the normals point against the winding:
-// meshes of one body may be wound either way (scanner views are often wound towards
-// the scanner, reconstructions outwards), and a descriptor built on oriented normals
-// only matches one wound the same way. The mesh must not change meanwhile.
-ZOR_API FeatureCloud DescribeSurface(const MStlBase& mesh, const FeatureParameters& parameters, bool reversed = false);
+// descriptor and are dropped. The mesh must not change meanwhile.
+ZOR_API FeatureCloud DescribeSurface(const MStlBase& mesh, const FeatureParameters& parameters);
+
+// The same keypoints with their normals reversed and described again. Meshes of one
+// body may be wound either way (scanner views are often wound towards the scanner,
+// reconstructions outwards), and a descriptor built on oriented normals only matches
+// one wound the same way.
+ZOR_API FeatureCloud Reversed(const FeatureCloud& cloud, const FeatureParameters& parameters);
 
 // Pairs (moving keypoint, fixed keypoint) whose descriptors are each other's nearest
 // (Euclidean), in moving order; ties go to the lower number.

@@ -205,8 +205,10 @@ void MUserOperatorStlRegistration::SearchFeaturePoses(const MStlBase* moving, co
   // wound opposite ways; the poses of both are scored alike.
   FeatureCloud fixedCloud, movingClouds[2];
   tbb::parallel_invoke([&] { fixedCloud = DescribeSurface(*fixed, features); },
-                       [&] { movingClouds[0] = DescribeSurface(*moving, features, false); },
-                       [&] { movingClouds[1] = DescribeSurface(*moving, features, true); });
+                       [&] {
+                         movingClouds[0] = DescribeSurface(*moving, features);
+                         movingClouds[1] = Reversed(movingClouds[0], features);
+                       });
   PoseSearchParameters search;
   search.inlierDistance = kFeatureInlierSpacings * features.spacing;
   std::vector<FeaturePose> poses;
