@@ -92,7 +92,13 @@ void ReadWithImporter(const std::string& path, std::vector<double>& xyz, std::ve
       for (unsigned f = 0; f < mesh->mNumFaces; ++f) {
         const aiFace& face = mesh->mFaces[f];
         if (face.mNumIndices != 3) continue;  // points and lines carry no surface
-        for (int k = 0; k < 3; ++k) indices.push_back(static_cast<std::uint32_t>(base + face.mIndices[k]));
+        for (int k = 0; k < 3; ++k) {
+          // What the importer hands over is checked as a file is.
+          if (face.mIndices[k] >= mesh->mNumVertices)
+            throw InputError("cannot read " + Quoted(path) + ": face " + std::to_string(f + 1) + " names vertex " +
+                             std::to_string(face.mIndices[k]) + " of " + std::to_string(mesh->mNumVertices));
+          indices.push_back(static_cast<std::uint32_t>(base + face.mIndices[k]));
+        }
       }
     }
     for (unsigned c = 0; c < node->mNumChildren; ++c) self(self, node->mChildren[c], placement);
