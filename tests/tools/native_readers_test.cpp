@@ -264,3 +264,17 @@ TEST_F(Files, MalformedPlyNamesTheFileThePlaceAndTheReason) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(Files, AnElementOfNoPropertiesTakesNoTimeHoweverMany) {
+  // Items without properties hold no bytes: a header may declare 10^17 of them, and the
+  // reader must not walk them one by one.
+  Write("many.ply",
+        "ply\nformat ascii 1.0\nelement nothing 100000000000000000\nelement vertex 3\nproperty float x\n"
+        "property float y\nproperty float z\nelement face 1\nproperty list uchar int vertex_indices\nend_header\n"
+        "0 0 0\n1 0 0\n0 1 0\n3 0 1 2\n");
+  EXPECT_EQ(ReadMesh(Path("many.ply"), 1.0).fileTriangles, 1u);
+}
+
+}  // namespace

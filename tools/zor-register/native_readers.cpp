@@ -636,7 +636,7 @@ void ReadPlyBody(Values& in, const std::vector<PlyElement>& elements, RawMesh& r
             previous = v;
           }
         }
-    } else {
+    } else if (!e.properties.empty()) {  // items of no property take no bytes, however many
       for (std::uint64_t k = 0; k < e.count; ++k)
         for (const PlyProperty& p : e.properties) {
           const std::string what = e.name + " item " + std::to_string(k + 1);
