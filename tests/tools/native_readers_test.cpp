@@ -113,6 +113,7 @@ TEST_F(Files, EveryMalformedClassIsRefusedWithItsReason) {
   } cases[] = {
       {"cut.stl", stl, "a binary STL of 2 triangles takes 184 bytes; the file has 134"},
       {"empty.ply", "", "the file is empty"},
+      {"scene.dae", "<?xml version=\"1.0\"?><COLLADA/>", "not an STL, PLY, OBJ or OFF file (unknown format '.dae')"},
       {"count.off", "OFF\n1000000 1 0\n0 0 0\n", "1000000 vertices cannot fit in the"},
       {"index.off", "OFF\n3 1 0\n0 0 0\n1 0 0\n0 1 0\n3 0 1 3\n", "corner: 3 is not within [0, 2] (line 6)"},
       {"inf.obj", "v 0 0 0\nv 1 0 inf\nv 0 1 0\nf 1 2 3\n", "'inf' is not finite (line 2)"},

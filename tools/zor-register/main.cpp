@@ -174,8 +174,7 @@ int Run(int argc, char** argv) {
   CLI::App app(
       "Rigid registration of triangle meshes: finds the pose that "
       "lays MOVING on FIXED, with no starting "
-      "pose needed.\nFiles: STL (text or binary), PLY, OBJ, OFF and "
-      "what else the importer reads; "
+      "pose needed.\nFiles: STL (text or binary), PLY (text or binary), OBJ and OFF; "
       "coordinates in millimetres unless --scale says otherwise.",
       "zor-register");
   app.set_version_flag("--version", std::string("zor-register ") + ZOR_VERSION);

@@ -18,10 +18,6 @@
 #include <limits>
 #include <string_view>
 
-#include <assimp/Importer.hpp>
-#include <assimp/postprocess.h>
-#include <assimp/scene.h>
-
 #include "tools/zor-register/deviation.h"
 #include "tools/zor-register/native_readers.h"
 #include "zor/model/stl_iterators.h"
@@ -64,47 +60,6 @@ std::string LowerExtension(const std::string& path) {
 }  // namespace
 
 namespace {
-
-// Any format the importer knows: every mesh of every node, placed by the node's
-// transforms down from the root, in file units.
-void ReadWithImporter(const std::string& path, std::vector<double>& xyz, std::vector<std::uint32_t>& indices) {
-  Assimp::Importer importer;
-  // Polygons are triangulated; vertices are joined later on the grid, where equal means
-  // equal, whatever normals the file gives each corner.
-  const aiScene* scene = importer.ReadFile(path, aiProcess_Triangulate);
-  if (scene == nullptr) {
-    const std::string why = importer.GetErrorString();
-    // A file the importer understood but found no surface in.
-    if (why.find("no data") != std::string::npos || why.find("empty") != std::string::npos ||
-        why.find("no valid") != std::string::npos)
-      throw InputError(Quoted(path) + " has no triangles");
-    throw InputError("cannot read " + Quoted(path) + ": " + why);
-  }
-  const auto addNode = [&](const auto& self, const aiNode* node, aiMatrix4x4 placement) -> void {
-    placement = placement * node->mTransformation;
-    for (unsigned i = 0; i < node->mNumMeshes; ++i) {
-      const aiMesh* mesh = scene->mMeshes[node->mMeshes[i]];
-      const std::size_t base = xyz.size() / 3;
-      for (unsigned v = 0; v < mesh->mNumVertices; ++v) {
-        const aiVector3D p = placement * mesh->mVertices[v];
-        xyz.insert(xyz.end(), {static_cast<double>(p.x), static_cast<double>(p.y), static_cast<double>(p.z)});
-      }
-      for (unsigned f = 0; f < mesh->mNumFaces; ++f) {
-        const aiFace& face = mesh->mFaces[f];
-        if (face.mNumIndices != 3) continue;  // points and lines carry no surface
-        for (int k = 0; k < 3; ++k) {
-          // What the importer hands over is checked as a file is.
-          if (face.mIndices[k] >= mesh->mNumVertices)
-            throw InputError("cannot read " + Quoted(path) + ": face " + std::to_string(f + 1) + " names vertex " +
-                             std::to_string(face.mIndices[k]) + " of " + std::to_string(mesh->mNumVertices));
-          indices.push_back(static_cast<std::uint32_t>(base + face.mIndices[k]));
-        }
-      }
-    }
-    for (unsigned c = 0; c < node->mNumChildren; ++c) self(self, node->mChildren[c], placement);
-  };
-  if (scene->mRootNode != nullptr) addNode(addNode, scene->mRootNode, aiMatrix4x4());
-}
 
 // A whole file's bytes, mapped rather than copied: a million-triangle file is read
 // once by the reader, straight from the page cache.
@@ -159,15 +114,15 @@ LoadedMesh ReadMesh(const std::string& path, double scale) {
     const FileBytes bytes(path);
     native = ReadNativeMesh(path, bytes.View(), raw);
   }
-  if (native) {
-    xyz = std::move(raw.xyz);
-    indices = std::move(raw.indices);
-    fileVertices = raw.fileVertices;
-    joinedBefore = raw.joined;
-  } else {
-    ReadWithImporter(path, xyz, indices);
-    fileVertices = xyz.size() / 3;
+  if (!native) {
+    const std::string extension = std::filesystem::path(path).extension().string();
+    throw InputError("cannot read " + Quoted(path) + ": not an STL, PLY, OBJ or OFF file" +
+                     (extension.empty() ? std::string() : " (unknown format '" + extension + "')"));
   }
+  xyz = std::move(raw.xyz);
+  indices = std::move(raw.indices);
+  fileVertices = raw.fileVertices;
+  joinedBefore = raw.joined;
   // To the grid, every coordinate checked.
   double reach = 0.0;
   for (std::size_t i = 0; i < xyz.size(); ++i) {

@@ -1,6 +1,6 @@
 #pragma once
-// Mesh files for the command-line tool: reading any format the importer knows
-// into a joined mesh on the integer grid, and writing STL, PLY, OBJ or OFF
+// Mesh files for the command-line tool: reading STL, PLY, OBJ and OFF (see
+// native_readers.h) into a joined mesh on the integer grid, and writing STL, PLY, OBJ or OFF
 // whole or not at all.
 //
 // Coordinates in files are file units. On the way in they are multiplied by
@@ -35,8 +35,8 @@ struct LoadedMesh {
 };
 
 // Reads `path` and builds its mesh. Throws InputError when the file is missing
-// or unreadable, holds no triangle, or has a coordinate that is not finite or
-// that leaves the 32-bit grid at this scale (the message then suggests a
+// or unreadable, is not one of the four formats, is malformed, holds no triangle, or has a coordinate that is not
+// finite or that leaves the 32-bit grid at this scale (the message then suggests a
 // --scale).
 LoadedMesh ReadMesh(const std::string& path, double scale);
 

@@ -1,8 +1,10 @@
 #pragma once
-// Readers of our own for the binary formats that large scans come in (binary STL,
-// binary PLY in either byte order): one pass over the file in memory, every count
-// checked against the bytes the file has before anything is allocated, every index
-// against the vertex count. Other files go to the importer.
+// The tool's mesh readers: STL (binary and text), PLY (text, binary in either byte
+// order), OBJ and OFF. One pass over the file in memory, linear in its size; every
+// count checked against what the bytes left can hold before anything is allocated,
+// every index against the vertex count, every coordinate for being finite. Files come
+// from users' downloads and other programs, so a malformed one is refused with its
+// name, the place (line or byte) and the reason, never read past.
 
 #include <cstddef>
 #include <cstdint>
@@ -21,10 +23,11 @@ struct RawMesh {
   std::size_t joined = 0;        // of those, vertices that repeat an earlier one exactly
 };
 
-// Fills `raw` from `bytes` (the whole file) when it is a binary STL (its size is that of
-// the triangle count it declares) or a binary PLY; false for any other file. Throws
-// InputError, naming `path`, the place and the reason, for a file of those kinds that
-// is malformed.
+// Fills `raw` from `bytes` (the whole file): a binary STL when its size is that of the
+// triangle count it declares, a PLY when it starts with "ply", then OBJ and OFF by
+// `path`'s extension (OFF also by its keyword), then text STL (by extension or a
+// leading "solid"). False for a file of none of these kinds. Throws InputError, naming
+// `path`, the place and the reason, for an empty file or a malformed one.
 bool ReadNativeMesh(const std::string& path, std::string_view bytes, RawMesh& raw);
 
 }  // namespace zortool
