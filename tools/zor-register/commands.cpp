@@ -310,53 +310,28 @@ int RunAlign(const std::string& movingPath, const std::string& fixedPath, const 
 
 int RunIcp(const std::string& movingPath, const std::string& fixedPath, const std::string& output,
            const IcpOptions& options, const DeviationOptions& deviation, const CommonOptions& common) {
-  using Icp = ZorStlRegistration::MStlBaseOperatorRegistrationICP;
   if (!output.empty()) CheckOutputPath(output);
   CheckDeviationPath(deviation);
   const LoadedMesh moving = ReadWithWarnings(movingPath, common);
   const LoadedMesh fixed = ReadWithWarnings(fixedPath, common);
 
-  const double ie = MUnit::GetIE();
-  Icp::MParams p = options.params;
-  p.moving = moving.mesh.get();
-  p.fixed = fixed.mesh.get();
-  if (options.maxDistance > 0.0) {
-    p.maxDistance = options.maxDistance * ie;
-    p.rejectByMaxDistance = 1;
-  }
-  if (!options.initial.empty()) {
-    double m[16];
-    for (int i = 0; i < 16; ++i) m[i] = options.initial[i] * (i % 4 == 3 && i < 12 ? common.scale * ie : 1.0);
-    if (!p.initialTransform.MakeFromDouble16(m)) throw InputError("--initial: the values must be finite");
-  }
-  Icp icp;
-  icp.SetParameters(p);
+  IcpOptions inMillimetres = options;
+  for (int i = 3; i < 12 && !options.initial.empty(); i += 4) inMillimetres.initial[i] *= common.scale;
+  IcpRun run;
   {
-    // The bar counts the starts; the operator tells of each from the thread that ran it.
-    std::unique_ptr<ZorSDK::Common::IncrementalProgressReporter> bar;
-    if (!common.quiet && isatty(STDERR_FILENO) && p.multiStart) {
-      bar = std::make_unique<ZorSDK::Common::IncrementalProgressReporter>(
-          std::make_shared<ProgressBar>(), "Multi-start ICP", p.directionCount * p.rotationCount, false);
-      icp.SetStartObserver([&bar](std::size_t, std::size_t) { ++*bar; });
-    }
+    std::shared_ptr<ProgressBar> bar;
+    if (!common.quiet && isatty(STDERR_FILENO)) bar = std::make_shared<ProgressBar>();
     const auto limit = LimitThreads(common.threads);
-    if (!icp.Operate()) {
-      const bool movingBad = !ZorStlRegistration::AnalyzeMeshAxis(*moving.mesh).valid;
-      if (p.directionCount == 0 || p.rotationCount == 0)
-        throw InputError("no starts: --directions and --rotations must be at least 1");
-      throw InputError("'" + (movingBad ? movingPath : fixedPath) +
-                       "' has no area (all its points on a line): there is no axis to start from");
-    }
+    run = IcpPair(*moving.mesh, *fixed.mesh, inMillimetres, movingPath, fixedPath, bar);
   }
-  const MMTransformMatrix& transform = icp.GetTransformMatrix();
-  const double toFile = 1.0 / (common.scale * ie);
-  const double rms = icp.GetRMSError() * toFile;
+  const ZorStlRegistration::MStlBaseOperatorRegistrationICP::MParams& p = options.params;
+  const MMTransformMatrix& transform = run.transform;
+  const double toFile = 1.0 / (common.scale * MUnit::GetIE());
+  const double rms = run.rms * toFile;
   if (!output.empty()) WriteMesh(*moving.mesh, &transform, common.scale, output, common.ascii);
   const std::optional<DeviationSummary> map =
       MakeDeviationMap(deviation, *moving.mesh, &transform, *fixed.mesh, rms, common);
-  const Icp::StageTimes& t = icp.GetStageTimes();
-  const std::uint64_t starts = p.multiStart ? p.directionCount * p.rotationCount : 1;
-  const bool refined = p.multiStart && p.refine && p.refineFactor != 0;
+  const auto& t = run.times;
 
   if (common.json) {
     Json report{{"moving", MeshJson(movingPath, moving)},
@@ -364,8 +339,8 @@ int RunIcp(const std::string& movingPath, const std::string& fixedPath, const st
                 {"transform", TransformJson(transform, toFile)},
                 {"rms_error", rms},
                 {"samples", p.sampleCount},
-                {"refined_samples", refined ? p.sampleCount * p.refineFactor : 0},
-                {"starts", starts},
+                {"refined_samples", run.refined ? p.sampleCount * p.refineFactor : 0},
+                {"starts", run.starts},
                 {"directions", p.directionCount},
                 {"rotations", p.rotationCount},
                 {"iterations", p.maxIterations},
@@ -383,9 +358,9 @@ int RunIcp(const std::string& movingPath, const std::string& fixedPath, const st
   }
   PrintMeshes(movingPath, moving, fixedPath, fixed);
   if (p.multiStart) {
-    const std::string refinement = refined ? ", refined on " + std::to_string(p.sampleCount * p.refineFactor) : "";
+    const std::string refinement = run.refined ? ", refined on " + std::to_string(p.sampleCount * p.refineFactor) : "";
     std::printf("search    %llu starts (%llu directions x %llu spins) of %llu fits on %llu samples%s\n",
-                static_cast<unsigned long long>(starts), static_cast<unsigned long long>(p.directionCount),
+                static_cast<unsigned long long>(run.starts), static_cast<unsigned long long>(p.directionCount),
                 static_cast<unsigned long long>(p.rotationCount), static_cast<unsigned long long>(p.maxIterations),
                 static_cast<unsigned long long>(p.sampleCount), refinement.c_str());
   } else
@@ -400,70 +375,24 @@ int RunIcp(const std::string& movingPath, const std::string& fixedPath, const st
   return 0;
 }
 
-namespace {
-
-// The axis (0, 1, 2) along which `mesh` has no extent, or -1.
-int FlatAxis(const MStlBase& mesh) {
-  if (mesh.GetXMax() == mesh.GetXMin()) return 0;
-  if (mesh.GetYMax() == mesh.GetYMin()) return 1;
-  if (mesh.GetZMax() == mesh.GetZMin()) return 2;
-  return -1;
-}
-
-}  // namespace
-
 int RunMorph(const std::string& movingPath, const std::string& targetPath, const std::string& output,
              const MorphOptions& options, const DeviationOptions& deviation, const CommonOptions& common) {
-  using ZorStlRegistration::MWrapperOperatorBaseMorph;
-  using ZorStlRegistration::MWrapperOperatorMorph;
   if (!output.empty()) CheckOutputPath(output);
   CheckDeviationPath(deviation);
   const LoadedMesh moving = ReadWithWarnings(movingPath, common);
   const LoadedMesh target = ReadWithWarnings(targetPath, common);
-  // Smoothing replaces a point by the mean of its neighbours; a point without triangles
-  // has none and would be thrown off the grid.
-  std::size_t isolated = 0;
-  for (auto it = moving.mesh->BeginPoint(); it != moving.mesh->EndPoint(); ++it)
-    isolated += it->GetNumberOfNeighbourTriangles() == 0 ? 1 : 0;
-  if (isolated > 0)
-    throw InputError("'" + movingPath + "' holds " + std::to_string(isolated) +
-                     " point(s) that no triangle uses; the morph moves every point with its neighbours, so remove them "
-                     "first");
-  if (options.registerFirst)
-    for (const auto& [path, mesh] : {std::pair{&movingPath, &moving}, std::pair{&targetPath, &target}})
-      if (const int axis = FlatAxis(*mesh->mesh); axis >= 0)
-        throw InputError("'" + *path + "' is flat along " + "xyz"[axis] +
-                         ": its box cannot be scaled to the other's; use --no-register on meshes that already "
-                         "lie together");
 
-  const double ie = MUnit::GetIE();
-  const double toFile = 1.0 / (common.scale * ie);
-  MWrapperOperatorBaseMorph::SParams params = options.params;
-  params.distanceTolerance = options.toleranceMm * ie;
-  const MWrapperOperatorBaseMorph::StlImpl movingHandle(moving.mesh.get()), targetHandle(target.mesh.get());
-  MWrapperOperatorMorph registered(movingHandle, targetHandle);
-  MWrapperOperatorBaseMorph alone(movingHandle, targetHandle);
-  std::shared_ptr<ZorSDK::Common::IProgressDelegate> bar;
-  if (!common.quiet && isatty(STDERR_FILENO)) bar = std::make_shared<ProgressBar>();
+  const double toFile = 1.0 / (common.scale * MUnit::GetIE());
+  MorphRun run;
   {
+    std::shared_ptr<ProgressBar> bar;
+    if (!common.quiet && isatty(STDERR_FILENO)) bar = std::make_shared<ProgressBar>();
     const auto limit = LimitThreads(common.threads);
-    try {
-      if (options.registerFirst) {
-        registered.SetMorphParams(params);
-        registered.Operate(bar);
-      } else {
-        alone.SetParams(params);
-        alone.Operate(bar);
-      }
-    } catch (const std::out_of_range& e) {
-      throw InputError(std::string("the morph carried the moving mesh off the 32-bit grid (") + e.what() +
-                       "); try a smaller --scale");
-    }
+    run = MorphPair(*moving.mesh, *target.mesh, options, movingPath, targetPath, bar);
   }
-  const MWrapperOperatorBaseMorph& morph = options.registerFirst ? registered.GetMorph() : alone;
-  const MWrapperOperatorBaseMorph::StageTimes& m = morph.GetStageTimes();
-  const MWrapperOperatorMorph::StageTimes& r = registered.GetStageTimes();
-  const double largest = morph.GetMaxDistance() * toFile;
+  const auto& m = run.morph;
+  const auto& r = run.stages;
+  const double largest = run.maxDistance * toFile;
   if (!output.empty()) WriteMesh(*moving.mesh, nullptr, common.scale, output, common.ascii);
   const std::optional<DeviationSummary> map =
       MakeDeviationMap(deviation, *moving.mesh, nullptr, *target.mesh, largest, common);
@@ -472,19 +401,15 @@ int RunMorph(const std::string& movingPath, const std::string& targetPath, const
                           {"step", m.step},   {"smoothing", m.smoothing}, {"statistics", m.statistics},
                           {"total", m.total}};
   if (common.json) {
-    Json report{{"moving", MeshJson(movingPath, moving)},
-                {"target", MeshJson(targetPath, target)},
-                {"registered", options.registerFirst},
-                {"max_distance", largest},
-                {"mean_distance", morph.GetMeanDistance() * toFile},
-                {"fraction_within", morph.GetFractionWithin()},
-                {"tolerance", params.distanceTolerance * toFile},
-                {"iterations", m.iterations}};
+    Json report{{"moving", MeshJson(movingPath, moving)},     {"target", MeshJson(targetPath, target)},
+                {"registered", options.registerFirst},        {"max_distance", largest},
+                {"mean_distance", run.meanDistance * toFile}, {"fraction_within", run.fractionWithin},
+                {"tolerance", run.tolerance * toFile},        {"iterations", m.iterations}};
     if (options.registerFirst) {
-      report["registration_succeeded"] = registered.GetRegistrationSucceeded();
-      report["registration"] = TransformJson(registered.GetRegistration(), toFile);
-      report["scales"] = {registered.GetScales()[0], registered.GetScales()[1], registered.GetScales()[2]};
-      report["icp"] = TransformJson(registered.GetIcpTransform(), toFile);
+      report["registration_succeeded"] = run.registrationSucceeded;
+      report["registration"] = TransformJson(run.registration, toFile);
+      report["scales"] = {run.scales[0], run.scales[1], run.scales[2]};
+      report["icp"] = TransformJson(run.icp, toFile);
       report["seconds"] = Json{{"registration", r.registration},
                                {"scaling", r.scaling},
                                {"icp", r.icp},
@@ -503,16 +428,13 @@ int RunMorph(const std::string& movingPath, const std::string& targetPath, const
               moving.mesh->GetNumberOfTriangles());
   std::printf("%-9s %s: %zu points, %zu triangles\n", "target", targetPath.c_str(), target.mesh->NumberOfPoints(),
               target.mesh->GetNumberOfTriangles());
-  if (options.registerFirst) {
-    const float* scales = registered.GetScales();
+  if (options.registerFirst)
     std::printf("register  %s; scaled by %.5f, %.5f, %.5f to the target's box; then ICP\n",
-                registered.GetRegistrationSucceeded() ? "registered" : "registration failed, kept the placement",
-                scales[0], scales[1], scales[2]);
-  }
+                run.registrationSucceeded ? "registered" : "registration failed, kept the placement", run.scales[0],
+                run.scales[1], run.scales[2]);
   std::printf(
       "morph     %zu iterations; largest remaining displacement %.6g file units, mean %.6g; %.2f%% within %.6g\n",
-      m.iterations, largest, morph.GetMeanDistance() * toFile, 100.0 * morph.GetFractionWithin(),
-      params.distanceTolerance * toFile);
+      m.iterations, largest, run.meanDistance * toFile, 100.0 * run.fractionWithin, run.tolerance * toFile);
   if (options.registerFirst)
     std::printf("time      %.3f s (registration %.3f, scaling %.3f, ICP %.3f, morph %.3f: ", r.total, r.registration,
                 r.scaling, r.icp, r.morph);

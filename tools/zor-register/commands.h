@@ -6,9 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/zor-register/mesh_operations.h"
 #include "tools/zor-register/pair_alignment.h"
-#include "zor/icp/stl_base_operator_registration_icp.h"
-#include "zor/morph/wrapper_operator_morph.h"
 #include "zor/registration/user_operator_stl_registration.h"
 
 namespace zortool {
@@ -43,23 +42,9 @@ struct DeviationOptions {
 int RunAlign(const std::string& moving, const std::string& fixed, const std::string& output, const PairOptions& options,
              const DeviationOptions& deviation, const CommonOptions& common);
 
-// The multi-start ICP as the tool runs it: the operator's parameters (meshes aside),
-// with its lengths in millimetres.
-struct IcpOptions {
-  ZorStlRegistration::MStlBaseOperatorRegistrationICP::MParams params;
-  double maxDistance = 0.0;     // mm; 0: reject by the median rule
-  std::vector<double> initial;  // 16 values, row-major, shift in file units; empty: the identity
-};
 int RunIcp(const std::string& moving, const std::string& fixed, const std::string& output, const IcpOptions& options,
            const DeviationOptions& deviation, const CommonOptions& common);
 
-// The morph as the tool runs it: the base morph's parameters, its tolerance in
-// millimetres, and whether the meshes are registered and scaled first.
-struct MorphOptions {
-  ZorStlRegistration::MWrapperOperatorBaseMorph::SParams params;  // distanceTolerance comes from toleranceMm
-  double toleranceMm = 0.05;
-  bool registerFirst = true;
-};
 int RunMorph(const std::string& moving, const std::string& target, const std::string& output,
              const MorphOptions& options, const DeviationOptions& deviation, const CommonOptions& common);
 

@@ -1,0 +1,72 @@
+#pragma once
+// The multi-start ICP and the morph as the tool runs them on meshes in memory: the
+// parameters the tool takes, the checks of the input the operators need, and what a
+// report of each run shows. The command line and the Python package both call these.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "zor/icp/stl_base_operator_registration_icp.h"
+#include "zor/model/progress.h"
+#include "zor/model/stl_base.h"
+#include "zor/model/transform.h"
+#include "zor/morph/wrapper_operator_morph.h"
+
+namespace zortool {
+
+// The multi-start ICP: the operator's parameters (meshes aside), with its lengths in
+// millimetres.
+struct IcpOptions {
+  ZorStlRegistration::MStlBaseOperatorRegistrationICP::MParams params;
+  double maxDistance = 0.0;     // mm; 0: reject by the median rule
+  std::vector<double> initial;  // 16 values, row-major, shift in millimetres; empty: the identity
+};
+
+struct IcpRun {
+  MMTransformMatrix transform;  // moving onto fixed
+  double rms = 0.0;             // internal units
+  ZorStlRegistration::MStlBaseOperatorRegistrationICP::StageTimes times;
+  std::uint64_t starts = 0;  // runs from a start (1 for a single run)
+  bool refined = false;      // a run on the larger sample followed
+};
+
+// Runs the multi-start ICP of `moving` onto `fixed`; `progress` (may be null) counts the
+// starts. Throws InputError for an initial transform that is not finite, for no starts
+// and for a mesh without area (naming it by `movingName` or `fixedName`).
+IcpRun IcpPair(const MStlBase& moving, const MStlBase& fixed, const IcpOptions& options, const std::string& movingName,
+               const std::string& fixedName, std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress = {});
+
+// The morph: the base morph's parameters, its tolerance in millimetres, and whether the
+// meshes are registered and scaled first.
+struct MorphOptions {
+  ZorStlRegistration::MWrapperOperatorBaseMorph::SParams params;  // distanceTolerance comes from toleranceMm
+  double toleranceMm = 0.05;
+  bool registerFirst = true;
+};
+
+struct MorphRun {
+  ZorStlRegistration::MWrapperOperatorBaseMorph::StageTimes morph;
+  ZorStlRegistration::MWrapperOperatorMorph::StageTimes stages;  // with registerFirst
+  double total = 0.0;                                            // seconds of the whole run
+  double maxDistance = 0.0;                                      // internal units
+  double meanDistance = 0.0;                                     // internal units
+  double fractionWithin = 0.0;
+  double tolerance = 0.0;  // internal units
+  // With registerFirst: how the registration went, its pose, the per-axis scales and the
+  // ICP's pose after them.
+  bool registrationSucceeded = false;
+  MMTransformMatrix registration;
+  double scales[3] = {1.0, 1.0, 1.0};
+  MMTransformMatrix icp;
+};
+
+// Morphs `moving` onto `target` in place, keeping its points' order and its triangles;
+// `progress` (may be null) hears the correspondence passes. Throws InputError when
+// `moving` has points that no triangle uses, or, with registerFirst, when a mesh is flat
+// along an axis; and when the morph carries the mesh off the grid.
+MorphRun MorphPair(MStlBase& moving, MStlBase& target, const MorphOptions& options, const std::string& movingName,
+                   const std::string& targetName, std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress = {});
+
+}  // namespace zortool
