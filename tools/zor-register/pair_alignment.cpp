@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <limits>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include <tbb/parallel_for.h>
@@ -195,10 +196,17 @@ PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& optio
   if (params.reduceMeshes) {
     const auto start = std::chrono::steady_clock::now();
     const double bound = params.reduceTolerance * MUnit::GetIE();
-    tbb::parallel_invoke([&] { reducedMoving = Reduced(moving, bound); },
-                         [&] { reducedFixed = Reduced(fixed, bound); });
-    if (reducedMoving != nullptr) searchMoving = reducedMoving.get();
-    if (reducedFixed != nullptr) searchFixed = reducedFixed.get();
+    // A mesh that reduction leaves whole is searched on a copy all the same: the
+    // operator places the meshes it is given by writing their coordinates, and the
+    // caller's meshes may be read by other threads meanwhile.
+    const auto reducedOrCopied = [bound](MStlBase& mesh) {
+      std::unique_ptr<MStlBase> copy = Reduced(mesh, bound);
+      return copy != nullptr ? std::move(copy) : std::make_unique<MStlBase>(mesh);
+    };
+    tbb::parallel_invoke([&] { reducedMoving = reducedOrCopied(moving); },
+                         [&] { reducedFixed = reducedOrCopied(fixed); });
+    searchMoving = reducedMoving.get();
+    searchFixed = reducedFixed.get();
     params.reduceMeshes = false;
     reduction = Seconds(start);
   }

@@ -49,7 +49,9 @@ struct PairResult {
 Verdict JudgePose(const MStlBase& moving, const MStlBase& fixed, const MMTransformMatrix& pose, double distance);
 
 // Runs the registration as the command does. Throws std::out_of_range when a pose
-// carries the moving mesh off the grid (as the operator does).
+// carries the moving mesh off the grid (as the operator does). With reduceMeshes on (the
+// default) the meshes are only read, and other threads may read them meanwhile; with it
+// off the search places them by writing their coordinates for the time of the run.
 PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& options,
                      std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress = {});
 
