@@ -124,8 +124,12 @@ std::shared_ptr<Mesh> Mesh::From(const py::handle& object, const char* role) {
 }
 
 py::array_t<double> Mesh::Vertices() const {
+  // Point and triangle counts never change; the coordinates may be placed for a while by a
+  // run on another thread, which is waited for without the interpreter's lock.
   py::array_t<double> out({static_cast<py::ssize_t>(stl->NumberOfPoints()), py::ssize_t{3}});
   double* o = out.mutable_data();
+  py::gil_scoped_release release;
+  const std::shared_lock<std::shared_mutex> reading(access);
   // Divided rather than multiplied by the reciprocal, so that grid points come back as the
   // short decimals they are (29144 / 1000 is 29.144; 29144 * 0.001 is not).
   const double ie = MUnit::GetIE();
@@ -137,13 +141,27 @@ py::array_t<double> Mesh::Vertices() const {
 }
 
 py::array_t<std::int64_t> Mesh::Triangles() const {
+  py::array_t<std::int64_t> out({static_cast<py::ssize_t>(stl->GetNumberOfTriangles()), py::ssize_t{3}});
+  std::int64_t* o = out.mutable_data();
+  py::gil_scoped_release release;
+  const std::shared_lock<std::shared_mutex> reading(access);
   std::vector<std::int64_t> number(stl->GetMasks().GetPointMaskSize());
   std::int64_t next = 0;
   for (auto it = stl->BeginPoint(); it != stl->EndPoint(); ++it) number[it->GetMaskIndex()] = next++;
-  py::array_t<std::int64_t> out({static_cast<py::ssize_t>(stl->GetNumberOfTriangles()), py::ssize_t{3}});
-  std::int64_t* o = out.mutable_data();
   for (auto it = stl->BeginTriangle(); it != stl->EndTriangle(); ++it)
     for (std::size_t k = 0; k < 3; ++k) *o++ = number[it->GetPoint(k)->GetMaskIndex()];
+  return out;
+}
+
+py::array_t<double> Mesh::Bounds() const {
+  py::array_t<double> out({py::ssize_t{2}, py::ssize_t{3}});
+  double* o = out.mutable_data();
+  py::gil_scoped_release release;
+  const std::shared_lock<std::shared_mutex> reading(access);
+  const double ie = MUnit::GetIE();
+  const double v[6] = {double(stl->GetXMin()), double(stl->GetYMin()), double(stl->GetZMin()),
+                       double(stl->GetXMax()), double(stl->GetYMax()), double(stl->GetZMax())};
+  for (int i = 0; i < 6; ++i) o[i] = stl->NumberOfPoints() > 0 ? v[i] / ie : 0.0;
   return out;
 }
 

@@ -41,10 +41,13 @@ public:
   // full meshes) takes it alone.
   std::shared_mutex& Access() const { return access; }
 
-  // (n, 3) doubles in millimetres, list order.
+  // The arrays below are read under a shared hold of Access, taken with the interpreter
+  // let go. (n, 3) doubles in millimetres, list order.
   py::array_t<double> Vertices() const;
   // (m, 3) int64 vertex numbers, list order.
   py::array_t<std::int64_t> Triangles() const;
+  // [[xmin, ymin, zmin], [xmax, ymax, zmax]] in millimetres; zeros without points.
+  py::array_t<double> Bounds() const;
   // The list position of each triangle by its mask index, made once.
   const std::vector<std::uint32_t>& TriangleNumbers() const;
 

@@ -388,7 +388,7 @@ DeviationResult Deviation(const py::object& movingObject, const py::object& fixe
   if (!transform.is_none()) pose = TransformFrom(transform, "transform");
   const double ie = MUnit::GetIE();
   std::optional<double> rangeMm;
-  if (!range.is_none()) rangeMm = Within("range", range.cast<double>(), 0.0, kInf, true);
+  if (!range.is_none()) rangeMm = Within("range", py::float_(range).cast<double>(), 0.0, kInf, true);
 
   std::vector<double> distances;
   zortool::DeviationSummary summary;
@@ -531,16 +531,7 @@ return new ones.)");
       .def_property_readonly("dropped_triangles", &Mesh::DroppedTriangles,
                              "Triangles dropped when the mesh was made, for a repeated corner.")
       .def_property_readonly(
-          "bounds",
-          [](const Mesh& s) {
-            py::array_t<double> b({py::ssize_t{2}, py::ssize_t{3}});
-            const MStlBase& stl = s.Stl();
-            const double ie = MUnit::GetIE();
-            const double v[6] = {double(stl.GetXMin()), double(stl.GetYMin()), double(stl.GetZMin()),
-                                 double(stl.GetXMax()), double(stl.GetYMax()), double(stl.GetZMax())};
-            for (int i = 0; i < 6; ++i) b.mutable_data()[i] = stl.NumberOfPoints() > 0 ? v[i] / ie : 0.0;
-            return b;
-          },
+          "bounds", &Mesh::Bounds,
           "[[xmin, ymin, zmin], [xmax, ymax, zmax]] in millimetres (zeros for a mesh without vertices).")
       .def("transformed", &Transformed, py::arg("matrix"),
            "A new Mesh moved by the 4x4 matrix (points as column vectors, shift in millimetres).")

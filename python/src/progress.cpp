@@ -18,7 +18,7 @@ std::shared_ptr<Progress> Progress::From(const py::object& progress) {
 Progress::~Progress() {
   // The last owner may be a library object let go on a worker thread.
   py::gil_scoped_acquire gil;
-  bar = py::object();
+  reports.clear();
   callback = py::object();
   tqdm = py::object();
   failure.reset();
@@ -35,35 +35,40 @@ void Progress::Call(F&& f) {
   }
 }
 
-void Progress::OnStart(const std::string& label, std::size_t all) {
+void Progress::OnStart(const std::string& label, std::size_t total) {
   Call([&] {
-    shown = 0;
-    total = all;
+    Report& report = reports[label];
+    report = Report{};
+    report.total = total;
     if (!tqdm.is_none())
-      bar = tqdm(py::arg("total") = all, py::arg("desc") = label, py::arg("leave") = false);
+      report.bar = tqdm(py::arg("total") = total, py::arg("desc") = label, py::arg("leave") = false);
     else
-      callback(label, 0, all);
+      callback(label, 0, total);
   });
 }
 
-void Progress::OnProgress(const std::string& label, std::size_t done, std::size_t all) {
+void Progress::OnProgress(const std::string& label, std::size_t done, std::size_t total) {
   Call([&] {
-    if (!bar.is_none()) {
-      if (done > shown) bar.attr("update")(done - shown);
+    Report& report = reports[label];
+    if (report.bar) {
+      if (done > report.shown) report.bar.attr("update")(done - report.shown);
     } else if (!callback.is_none())
-      callback(label, done, all);
-    shown = done;
+      callback(label, done, total);
+    report.shown = done;
   });
 }
 
 void Progress::OnEnd(const std::string& label) {
   Call([&] {
-    if (!bar.is_none()) {
-      if (total > shown) bar.attr("update")(total - shown);
-      bar.attr("close")();
-      bar = py::none();
+    const auto it = reports.find(label);
+    if (it == reports.end()) return;
+    Report& report = it->second;
+    if (report.bar) {
+      if (report.total > report.shown) report.bar.attr("update")(report.total - report.shown);
+      report.bar.attr("close")();
     } else if (!callback.is_none())
-      callback(label, total, total);
+      callback(label, report.total, report.total);
+    reports.erase(it);
   });
 }
 

@@ -8,6 +8,7 @@
 #include <pybind11/pybind11.h>
 
 #include <cstddef>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -38,11 +39,17 @@ private:
   template <typename F>
   void Call(F&& f);
 
-  py::object callback;          // or None
-  py::object tqdm;              // the tqdm class, or None
-  py::object bar = py::none();  // the open bar
-  std::size_t shown = 0;
-  std::size_t total = 0;
+  // A report under way. Reports may run at once, each with its own bar; all of this is
+  // touched only under the interpreter's lock.
+  struct Report {
+    py::object bar;  // the open bar, or null
+    std::size_t shown = 0;
+    std::size_t total = 0;
+  };
+
+  py::object callback;  // or None
+  py::object tqdm;      // the tqdm class, or None
+  std::map<std::string, Report> reports;
   std::optional<py::error_already_set> failure;
 };
 
