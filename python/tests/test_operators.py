@@ -166,3 +166,27 @@ def test_runs_let_the_interpreter_go(body, moved):
 
     if (os.cpu_count() or 1) >= 2:
         assert concurrent < 0.85 * sequential, (concurrent, sequential)
+
+
+def test_threads_sharing_meshes_get_the_results_of_one_thread(body, moved):
+    # Runs on shared meshes (the search on the full meshes among them, which may place
+    # them for its run) and readers of those meshes on other threads: every run gets
+    # what a run alone gets, every reader the mesh as it was made.
+    alone = zor.register(moved, body, reduce=False, polish=False).transform
+    reference = body.vertices
+    results, seen = [], []
+
+    def run():
+        results.append(zor.register(moved, body, reduce=False, polish=False).transform)
+
+    def read():
+        for _ in range(20):
+            seen.append(np.array_equal(body.vertices, reference))
+
+    workers = [threading.Thread(target=run) for _ in range(3)] + [threading.Thread(target=read) for _ in range(2)]
+    for w in workers:
+        w.start()
+    for w in workers:
+        w.join()
+    assert all(seen) and len(seen) == 40
+    assert all(np.array_equal(r, alone) for r in results) and len(results) == 3
