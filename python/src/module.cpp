@@ -102,6 +102,16 @@ void NeedTriangles(const Mesh& mesh, const char* role) {
     throw std::invalid_argument(std::string("the ") + role + " mesh has no triangles");
 }
 
+// The two meshes an operator runs on, both with triangles.
+std::pair<std::shared_ptr<Mesh>, std::shared_ptr<Mesh>> Operands(const py::object& first, const char* firstRole,
+                                                                 const py::object& second, const char* secondRole) {
+  std::shared_ptr<Mesh> a = Mesh::From(first, firstRole);
+  std::shared_ptr<Mesh> b = Mesh::From(second, secondRole);
+  NeedTriangles(*a, firstRole);
+  NeedTriangles(*b, secondRole);
+  return {std::move(a), std::move(b)};
+}
+
 // ---- results -----------------------------------------------------------------------
 
 struct RegisterResult {
@@ -198,10 +208,7 @@ RegisterResult Register(const py::object& movingObject, const py::object& fixedO
   p.sphereSpinSteps = Count("sphere_spins", sphereSpins, 1);
   p.axisRotationSteps = Count("axis_steps", axisSteps, 1);
   options.polish = polish;
-  const std::shared_ptr<Mesh> moving = Mesh::From(movingObject, "moving");
-  const std::shared_ptr<Mesh> fixed = Mesh::From(fixedObject, "fixed");
-  NeedTriangles(*moving, "moving");
-  NeedTriangles(*fixed, "fixed");
+  const auto [moving, fixed] = Operands(movingObject, "moving", fixedObject, "fixed");
   const std::shared_ptr<Progress> bar = Progress::From(progress);
 
   zortool::PairResult r;
@@ -263,10 +270,7 @@ IcpResult RunIcp(const py::object& movingObject, const py::object& fixedObject, 
         py::module_::import("numpy").attr("asarray")(initial));
     options.initial.assign(values.data(), values.data() + 16);
   }
-  const std::shared_ptr<Mesh> moving = Mesh::From(movingObject, "moving");
-  const std::shared_ptr<Mesh> fixed = Mesh::From(fixedObject, "fixed");
-  NeedTriangles(*moving, "moving");
-  NeedTriangles(*fixed, "fixed");
+  const auto [moving, fixed] = Operands(movingObject, "moving", fixedObject, "fixed");
   const std::shared_ptr<Progress> bar = Progress::From(progress);
 
   zortool::IcpRun r;
@@ -300,10 +304,7 @@ MorphResult Morph(const py::object& movingObject, const py::object& targetObject
   p.stepRetention = Within("step_retention", stepRetention, 0.0, 1.0, false);
   p.normalAngle = Within("normal_angle", normalAngle, 0.0, 180.0, false);
   p.smoothingPasses = Count("smoothing_passes", smoothingPasses, 0, 1000);
-  const std::shared_ptr<Mesh> moving = Mesh::From(movingObject, "moving");
-  const std::shared_ptr<Mesh> target = Mesh::From(targetObject, "target");
-  NeedTriangles(*moving, "moving");
-  NeedTriangles(*target, "target");
+  const auto [moving, target] = Operands(movingObject, "moving", targetObject, "target");
   const std::shared_ptr<Progress> bar = Progress::From(progress);
 
   std::unique_ptr<MStlBase> morphed;
