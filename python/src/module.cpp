@@ -8,6 +8,7 @@
 #include <pybind11/stl/filesystem.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdint>
 #include <filesystem>
@@ -18,6 +19,7 @@
 #include <shared_mutex>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -434,7 +436,9 @@ DeviationResult Deviation(const py::object& movingObject, const py::object& fixe
 
 std::shared_ptr<Mesh> Load(const std::filesystem::path& path, double scale) {
   Within("scale", scale, 0.0, kInf, true);
-  if (!std::filesystem::exists(path)) {
+  std::error_code error;
+  if (!std::filesystem::exists(path, error) && !error) {
+    errno = ENOENT;
     PyErr_SetFromErrnoWithFilename(PyExc_FileNotFoundError, path.c_str());
     throw py::error_already_set();
   }
