@@ -2,12 +2,15 @@
 """What the Python package costs and what a cluster gains.
 
     PYTHONPATH=build/release/python /usr/bin/python3 bench/python_bench.py [--triangles 100000]
-        [--repeats 9] [--pairs 100] [--pair-triangles 20000] [--workers 2]
+        [--repeats 9] [--pairs 100] [--pair-triangles 20000] [--workers 2] [--open3d]
 
 1. Overhead: one pair of --triangles triangles (the sample body and a turned copy) is
    saved to binary PLY; bench_register_pair (C++, the same code the package calls) and
    zor.register each register it --repeats times in memory; the medians and the share
    the Python call adds are printed.
+   With --open3d (needs Debian's python3-open3d) Open3D 0.16's registration of the same
+   vertex arrays (its documented FPFH + RANSAC + point-to-plane ICP, as in
+   bench/peers/open3d_scan_suite.py) runs beside zor.register: time and rotation error.
 2. Batch throughput: --pairs pairs of --pair-triangles triangles run through
    zor.batch.register_pairs in one process, then on a LocalCluster of --workers worker
    processes (one thread each), files read where the task runs; pairs per second and
@@ -38,9 +41,12 @@ def turn(angle_deg, axis, shift):
     return pose
 
 
+POSE = turn(70.0, (1, 2, 0.5), (12.0, -7.0, 4.0))
+
+
 def overhead(folder, args):
     fixed = zor.sample_body(args.triangles)
-    moving = fixed.transformed(turn(70.0, (1, 2, 0.5), (12.0, -7.0, 4.0)))
+    moving = fixed.transformed(POSE)
     fixed.save(folder / "fixed.ply")
     moving.save(folder / "moving.ply")
     binary = pathlib.Path(args.build) / "bench" / "bench_register_pair"
@@ -64,6 +70,35 @@ def overhead(folder, args):
     print(f"  C++ AlignPair       {cpp * 1000:9.1f} ms")
     print(f"  zor.register        {python * 1000:9.1f} ms")
     print(f"  Python adds         {100 * (python - cpp) / cpp:9.1f} %")
+    if args.open3d:
+        peer(moving, fixed, args)
+
+
+def rotation_error_deg(found, pose):
+    r = (found @ pose)[:3, :3]
+    return float(np.degrees(np.arccos(np.clip((np.trace(r) - 1) / 2, -1, 1))))
+
+
+def peer(moving, fixed, args):
+    sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "peers"))
+    import open3d as o3d
+    from open3d_scan_suite import diagonal, register as open3d_register
+
+    o3d.utility.set_verbosity_level(o3d.utility.VerbosityLevel.Error)
+    o3d.utility.random.seed(1)
+    pose = POSE
+    times, errors = [], []
+    for _ in range(3):
+        clouds = [o3d.geometry.PointCloud(o3d.utility.Vector3dVector(m.vertices)) for m in (moving, fixed)]
+        voxel = min(diagonal(m.vertices) for m in (moving, fixed)) / 70.0
+        start = time.perf_counter()
+        found = np.asarray(open3d_register(clouds[0], clouds[1], voxel))
+        times.append(time.perf_counter() - start)
+        errors.append(rotation_error_deg(found, pose))
+    ours = zor.register(moving, fixed)
+    print(f"  Open3D {o3d.__version__} (FPFH, RANSAC, ICP) {statistics.median(times) * 1000:9.1f} ms, "
+          f"rotation error {statistics.median(errors):.4f} deg")
+    print(f"  zor.register rotation error {rotation_error_deg(ours.transform, pose):.4f} deg")
 
 
 def batch(folder, args):
@@ -108,6 +143,7 @@ def main():
     parser.add_argument("--workers", type=int, default=2)
     parser.add_argument("--build", default=os.path.join(os.path.dirname(__file__), "..", "build", "release"))
     parser.add_argument("--skip-batch", action="store_true")
+    parser.add_argument("--open3d", action="store_true", help="also run Open3D's registration of the pair")
     args = parser.parse_args()
     with tempfile.TemporaryDirectory() as folder:
         overhead(pathlib.Path(folder), args)
