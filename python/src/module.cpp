@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <filesystem>
@@ -697,6 +698,19 @@ run in the process at n while the block runs (the smallest of nested caps holds)
       py::arg("triangles") = 50000,
       R"(The command-line demo's sample body: a closed block of about 70 x 46 x 30 mm with a boss,
 a dimple and a groove, so that exactly one pose lays a copy on it; about this many triangles.)");
+  m.def(
+      "_time_align_pair",
+      [](const std::shared_ptr<Mesh>& moving, const std::shared_ptr<Mesh>& fixed) {
+        // For bench/python_bench.py: the C++ call that zor.register makes with its
+        // defaults, timed in C++ on the same meshes in the same process.
+        zortool::PairOptions options;
+        options.params = zortool::ToolDefaults();
+        py::gil_scoped_release release;
+        const auto start = std::chrono::steady_clock::now();
+        zortool::AlignPair(moving->Stl(), fixed->Stl(), options);
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+      },
+      py::arg("moving"), py::arg("fixed"));
   m.attr("__version__") = ZOR_VERSION;
   m.def(
       "grid_steps_per_mm", [] { return MUnit::GetIE(); }, "Grid steps per millimetre (coordinates round to them).");
