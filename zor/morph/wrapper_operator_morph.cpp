@@ -63,6 +63,41 @@ BoxScaling ScalingToBox(const MStlBase& moving, const MStlBase& target) {
   return scaling;
 }
 
+RegisteredStages RegisterScaleAndAlign(MStlBase& movingMesh, MStlBase& targetMesh) {
+  RegisteredStages out;
+  Clock::time_point stage = Clock::now();
+  MUserOperatorStlRegistration rigid;
+  rigid.SetFixedStl(&targetMesh, nullptr);
+  rigid.SetMovingStl(&movingMesh, nullptr);
+  out.registered = rigid.Operate();
+  if (out.registered) rigid.GetTransformation(out.registration);
+  ApplyTransform(movingMesh, out.registration);
+  out.registrationSeconds = Seconds(stage);
+
+  stage = Clock::now();
+  const BoxScaling scaling = ScalingToBox(movingMesh, targetMesh);
+  std::copy(scaling.scale, scaling.scale + 3, out.scales);
+  movingMesh.Rescale(scaling.scale[0], scaling.scale[1], scaling.scale[2], scaling.centre);
+  out.scalingSeconds = Seconds(stage);
+
+  stage = Clock::now();
+  const MMTransformMatrix identity;
+  ::MStlBaseOperatorRegistrationICP icp;
+  ::MStlBaseOperatorRegistrationICP::MParameters params;
+  params.SetReference(&targetMesh, &identity);
+  params.SetMoving(&movingMesh, &identity);
+  params.SetNumberOfIterations(kIcpIterations);
+  params.SetSubSampleRatio(IcpSubSampleRatio(movingMesh.NumberOfPoints()));
+  params.SetThresholdMethod(eRegistrationThresholdAbsolute);
+  params.SetDistanceThreshold(kIcpDistanceThreshold);
+  icp.SetParameters(params);
+  icp.Operate();  // its transform is applied whatever the outcome: the identity on failure
+  out.icp = icp.GetTransformToBeAppliedToMoving();
+  ApplyTransform(movingMesh, out.icp);
+  out.icpSeconds = Seconds(stage);
+  return out;
+}
+
 }  // namespace detail
 
 // The base morph refuses null meshes for both.
@@ -83,39 +118,14 @@ void MWrapperOperatorMorph::Operate(std::shared_ptr<ZorSDK::Common::IProgressDel
 }
 
 void MWrapperOperatorMorph::_Register() {
-  MStlBase& movingMesh = *moving.GetStl();
-  MStlBase& targetMesh = *target.GetStl();
-  Clock::time_point stage = Clock::now();
-  MUserOperatorStlRegistration rigid;
-  rigid.SetFixedStl(&targetMesh, nullptr);
-  rigid.SetMovingStl(&movingMesh, nullptr);
-  registration = MMTransformMatrix();
-  registered = rigid.Operate();
-  if (registered) rigid.GetTransformation(registration);
-  _ApplyTransform(registration, moving);
-  stageTimes.registration = Seconds(stage);
-
-  stage = Clock::now();
-  const detail::BoxScaling scaling = detail::ScalingToBox(movingMesh, targetMesh);
-  std::copy(scaling.scale, scaling.scale + 3, scales);
-  movingMesh.Rescale(scaling.scale[0], scaling.scale[1], scaling.scale[2], scaling.centre);
-  stageTimes.scaling = Seconds(stage);
-
-  stage = Clock::now();
-  const MMTransformMatrix identity;
-  ::MStlBaseOperatorRegistrationICP icp;
-  ::MStlBaseOperatorRegistrationICP::MParameters params;
-  params.SetReference(&targetMesh, &identity);
-  params.SetMoving(&movingMesh, &identity);
-  params.SetNumberOfIterations(kIcpIterations);
-  params.SetSubSampleRatio(detail::IcpSubSampleRatio(movingMesh.NumberOfPoints()));
-  params.SetThresholdMethod(eRegistrationThresholdAbsolute);
-  params.SetDistanceThreshold(kIcpDistanceThreshold);
-  icp.SetParameters(params);
-  icp.Operate();  // its transform is applied whatever the outcome: the identity on failure
-  icpTransform = icp.GetTransformToBeAppliedToMoving();
-  _ApplyTransform(icpTransform, moving);
-  stageTimes.icp = Seconds(stage);
+  const detail::RegisteredStages stages = detail::RegisterScaleAndAlign(*moving.GetStl(), *target.GetStl());
+  registered = stages.registered;
+  registration = stages.registration;
+  std::copy(stages.scales, stages.scales + 3, scales);
+  icpTransform = stages.icp;
+  stageTimes.registration = stages.registrationSeconds;
+  stageTimes.scaling = stages.scalingSeconds;
+  stageTimes.icp = stages.icpSeconds;
 }
 
 void MWrapperOperatorMorph::_ApplyTransform(const MMTransformMatrix& matrix, StlImpl mesh) {

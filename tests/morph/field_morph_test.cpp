@@ -1,0 +1,191 @@
+// The field morph as a caller sees it: it ends, keeps the shape's size, does not move
+// what is already in place, counts what it could not match, and is repeatable.
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <set>
+#include <stdexcept>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <oneapi/tbb/task_arena.h>
+
+#include "support/mesh_checks.h"
+#include "tools/generators/bodies.h"
+#include "zor/model/stl.h"
+#include "zor/morph/detail/field_levels.h"
+#include "zor/morph/wrapper_operator_field_morph.h"
+
+namespace {
+
+using ZorStlRegistration::MWrapperOperatorFieldMorph;
+using Handle = MWrapperOperatorFieldMorph::StlImpl;
+using Stop = MWrapperOperatorFieldMorph::StopReason;
+
+std::vector<MMVector3i> Coordinates(const MStlBase& mesh) {
+  std::vector<MMVector3i> out;
+  for (const MStlPoint* p = mesh.GetFirstPoint(); p != nullptr; p = p->GetNext()) out.push_back(p->GetInt());
+  return out;
+}
+
+MWrapperOperatorFieldMorph::Report Morph(MStlBase& moving, MStlBase& target, int threads = 2) {
+  MWrapperOperatorFieldMorph morph{Handle(&moving), Handle(&target)};
+  tbb::task_arena arena(threads);
+  arena.execute([&] { morph.Operate(nullptr); });
+  return morph.GetReport();
+}
+
+// Coarse rows (edges of about 5 mm on a 20 mm sphere): position smoothing shrinks such a
+// mesh by more than the tolerance per pass, so a morph that smooths positions never
+// settles there. The field morph ends on the larger sphere, at its size.
+TEST(FieldMorph, ACoarseSphereEndsOnASlightlyLargerOne) {
+  const auto moving = zorgen::MakeSphere(20000.0, 12, 24);
+  const auto target = zorgen::MakeSphere(20300.0, 31, 57);
+  const auto windings = zortest::Windings(*moving);
+  const auto report = Morph(*moving, *target);
+  EXPECT_EQ(report.stop, Stop::Converged);
+  EXPECT_LT(report.p95Distance, 50.0);
+  EXPECT_EQ(report.folded, 0u);
+  EXPECT_EQ(zortest::Windings(*moving), windings);
+  // The report measures the written points, as a deviation map would.
+  EXPECT_NEAR(report.maxDistance, zortest::WorstDistance(zortest::AllPoints(*moving), *target), 1e-6);
+  for (const MMVector3d& p : zortest::AllPoints(*moving)) EXPECT_NEAR(Length(p), 20300.0, 150.0);
+}
+
+// A body stretched by 1.04 and 0.97 goes back onto its original without losing volume,
+// and each point lands near where the stretch's inverse takes it, not merely on the surface.
+TEST(FieldMorph, AStretchedBodyGoesBackWithoutShrinking) {
+  const auto target = zorgen::MakeSampleBody(16);
+  const auto moving = zorgen::MakeSampleBody(16);
+  const std::vector<MMVector3d> original = zortest::AllPoints(*target);
+  MMVector3i centre((target->GetXMin() + target->GetXMax()) / 2, (target->GetYMin() + target->GetYMax()) / 2,
+                    (target->GetZMin() + target->GetZMax()) / 2);
+  moving->Rescale(1.04f, 0.97f, 1.0f, centre);
+  const auto report = Morph(*moving, *target);
+  EXPECT_NE(report.stop, Stop::PassLimit);
+  EXPECT_LT(report.p95Distance, 50.0);
+  EXPECT_EQ(report.folded, 0u);
+  const std::vector<MMVector3d> morphed = zortest::AllPoints(*moving);
+  double slide = 0.0;
+  for (std::size_t i = 0; i < morphed.size(); ++i) slide += Length(morphed[i] - original[i]);
+  EXPECT_LT(slide / static_cast<double>(morphed.size()), 300.0);  // the stretch moved points 800 um on average
+}
+
+TEST(FieldMorph, AMeshOnItsTargetDoesNotMove) {
+  const auto moving = zorgen::MakeSphere(20000.0, 24, 48, 800.0);
+  const auto target = zorgen::MakeSphere(20000.0, 24, 48, 800.0);
+  const auto before = Coordinates(*moving);
+  const auto report = Morph(*moving, *target);
+  EXPECT_EQ(Coordinates(*moving), before);
+  EXPECT_EQ(report.stop, Stop::Converged);
+  EXPECT_EQ(report.maxDistance, 0.0);
+}
+
+// The target covers the upper half only. The lower half has no counterpart: it is
+// counted, not reported as arrived, and it follows its neighbours instead of being
+// dragged onto the target's open border.
+TEST(FieldMorph, PointsWithoutACounterpartAreCountedAndKeepTheirShape) {
+  const auto moving = zorgen::MakeSphere(20000.0, 24, 48);
+  const auto whole = zorgen::MakeSphere(20300.0, 31, 57);
+  std::set<MStlTriangleCell*> lower;
+  for (const MStlPoint* p = whole->GetFirstPoint(); p != nullptr; p = p->GetNext())
+    for (std::uint16_t k = 0; k < p->GetNumberOfNeighbourTriangles(); ++k) {
+      MStlTriangleCell* cell = p->GetNeighbourTriangle(k);
+      const MStlTriangle* t = cell->GetData();
+      if (t->GetVertex(0)[2] + t->GetVertex(1)[2] + t->GetVertex(2)[2] < 0.0) lower.insert(cell);
+    }
+  for (MStlTriangleCell* cell : lower) whole->RemoveTriangle(cell, MStlBase::RemoveFreePoints);
+  const auto report = Morph(*moving, *whole);
+  std::size_t below = 0;
+  for (const MMVector3d& p : zortest::AllPoints(*moving)) {
+    below += p[2] < -2000.0 ? 1 : 0;
+    EXPECT_NEAR(Length(p), 20150.0, 400.0);  // neither collapsed nor dragged to the border
+  }
+  EXPECT_GE(report.unmatched, below);
+  EXPECT_LT(report.fractionWithin, 0.75);
+  EXPECT_EQ(report.folded, 0u);
+}
+
+TEST(FieldMorph, IsBitIdenticalAtOneAndTwoThreads) {
+  const auto target = zorgen::MakeSphere(20000.0, 31, 57, 800.0);
+  std::vector<MMVector3i> results[2];
+  for (int threads = 1; threads <= 2; ++threads) {
+    const auto moving = zorgen::MakeSphere(20000.0, 24, 48);
+    Morph(*moving, *target, threads);
+    results[threads - 1] = Coordinates(*moving);
+  }
+  EXPECT_EQ(results[0], results[1]);
+}
+
+TEST(FieldMorph, RefusesBadInputAndLeavesTheMeshAlone) {
+  const auto moving = zorgen::MakeSphere(20000.0, 12, 24);
+  const auto target = zorgen::MakeSphere(20300.0, 12, 24);
+  const auto before = Coordinates(*moving);
+  EXPECT_THROW(MWrapperOperatorFieldMorph(Handle(nullptr), Handle(target.get())), std::invalid_argument);
+  MWrapperOperatorFieldMorph morph{Handle(moving.get()), Handle(target.get())};
+  for (auto bad :
+       {&MWrapperOperatorFieldMorph::SParams::distanceTolerance, &MWrapperOperatorFieldMorph::SParams::normalAngle,
+        &MWrapperOperatorFieldMorph::SParams::smoothing}) {
+    MWrapperOperatorFieldMorph::SParams p;
+    p.*bad = std::nan("");
+    morph.SetParams(p);
+    EXPECT_THROW(morph.Operate(nullptr), std::invalid_argument);
+  }
+  MWrapperOperatorFieldMorph::SParams none;
+  none.maxPasses = 0;
+  morph.SetParams(none);
+  EXPECT_THROW(morph.Operate(nullptr), std::invalid_argument);
+  EXPECT_EQ(Coordinates(*moving), before);
+
+  MStlBase empty;
+  EXPECT_EQ(Morph(*moving, empty).stop, Stop::NoMatch);
+  EXPECT_EQ(Coordinates(*moving), before);
+  EXPECT_EQ(Morph(empty, *target).stop, Stop::NothingToMorph);
+}
+
+// Two spheres 1 mm apart: close in space, but no edge joins them, so no coarse level
+// may either, and a field laid on the coarse level comes back unchanged where it is
+// constant.
+TEST(FieldLevels, CoarseLevelsJoinOnlyWhatTheMeshJoins) {
+  const auto a = zorgen::MakeSphere(10000.0, 16, 32);
+  const auto b = zorgen::MakeSphere(10000.0, 16, 32, 0.0, MMVector3d(21000.0, 0.0, 0.0));
+  ZorStlRegistration::detail::FieldLevel fine;
+  std::vector<std::uint32_t> triangles;
+  std::size_t offset = 0;
+  for (const MStlBase* mesh : {a.get(), b.get()}) {
+    std::vector<const MStlPoint*> points;
+    for (const MStlPoint* p = mesh->GetFirstPoint(); p != nullptr; p = p->GetNext()) {
+      points.push_back(p);
+      fine.rest.push_back(p->GetDouble());
+      fine.normals.push_back(MMVector3d());
+    }
+    for (auto it = mesh->BeginTriangle(); it != mesh->EndTriangle(); ++it)
+      for (std::size_t k = 0; k < 3; ++k) {
+        const MStlPoint* corner = static_cast<const MStlTriangle*>(it)->GetPoint(k);
+        triangles.push_back(
+            static_cast<std::uint32_t>(offset + (std::find(points.begin(), points.end(), corner) - points.begin())));
+      }
+    offset += points.size();
+  }
+  fine.graph = ZorStlRegistration::detail::GraphOfTriangles(fine.rest.size(), triangles);
+  ZorStlRegistration::detail::MeasureEdges(fine);
+  const std::size_t split = offset / 2;
+  auto level = ZorStlRegistration::detail::Coarsen(fine);
+  for (int round = 0; round < 3; ++round) {
+    for (std::size_t s = 0; s < level.rest.size(); ++s)
+      for (std::uint32_t k = level.graph.offsets[s]; k < level.graph.offsets[s + 1]; ++k)
+        EXPECT_EQ(level.rest[s][0] > 10500.0, level.rest[level.graph.neighbours[k]][0] > 10500.0);
+    if (round < 2) {
+      ZorStlRegistration::detail::FieldLevel next = ZorStlRegistration::detail::Coarsen(level);
+      level = std::move(next);
+    }
+  }
+  const auto first = ZorStlRegistration::detail::Coarsen(fine);
+  std::vector<MMVector3d> coarse(first.rest.size(), MMVector3d(1.0, -2.0, 3.0)), back;
+  ZorStlRegistration::detail::Prolong(first, coarse, back);
+  ASSERT_EQ(back.size(), fine.rest.size());
+  for (const MMVector3d& d : back) EXPECT_LT(Length(d - MMVector3d(1.0, -2.0, 3.0)), 1e-12);
+  EXPECT_GT(split, 0u);
+}
+
+}  // namespace

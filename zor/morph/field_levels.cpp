@@ -1,0 +1,309 @@
+#include "zor/morph/detail/field_levels.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include <oneapi/tbb/blocked_range.h>
+#include <oneapi/tbb/parallel_for.h>
+
+namespace ZorStlRegistration::detail {
+
+namespace {
+
+// Points per block of the sums: the blocks, not the threads, fix the order of addition.
+constexpr std::size_t kBlock = 4096;
+constexpr std::uint32_t kUnclaimed = std::numeric_limits<std::uint32_t>::max();
+
+template <typename Body>
+void ForEachPoint(std::size_t count, const Body& body) {
+  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, count, 1024), [&body](const tbb::blocked_range<std::size_t>& r) {
+    for (std::size_t i = r.begin(); i != r.end(); ++i) body(i);
+  });
+}
+
+// Sum of partial(begin, end) over fixed blocks of [0, count), the blocks added in order.
+template <typename Partial>
+double BlockedSum(std::size_t count, std::vector<double>& blockSums, const Partial& partial) {
+  const std::size_t blocks = (count + kBlock - 1) / kBlock;
+  blockSums.resize(blocks);
+  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, blocks, 1), [&](const tbb::blocked_range<std::size_t>& r) {
+    for (std::size_t b = r.begin(); b != r.end(); ++b)
+      blockSums[b] = partial(b * kBlock, std::min(count, (b + 1) * kBlock));
+  });
+  double sum = 0.0;
+  for (double s : blockSums) sum += s;
+  return sum;
+}
+
+// Rows filled in any order become sorted and free of repeats, compacted in place.
+void SortRows(PointGraph& graph) {
+  const std::size_t n = graph.Size();
+  std::vector<std::uint32_t> kept(n);
+  ForEachPoint(n, [&](std::size_t i) {
+    auto first = graph.neighbours.begin() + graph.offsets[i], last = graph.neighbours.begin() + graph.offsets[i + 1];
+    std::sort(first, last);
+    kept[i] = static_cast<std::uint32_t>(std::unique(first, last) - first);
+  });
+  std::uint32_t write = 0;
+  for (std::size_t i = 0; i < n; ++i) {
+    const std::uint32_t read = graph.offsets[i];
+    graph.offsets[i] = write;
+    std::copy(graph.neighbours.begin() + read, graph.neighbours.begin() + read + kept[i],
+              graph.neighbours.begin() + write);
+    write += kept[i];
+  }
+  graph.offsets[n] = write;
+  graph.neighbours.resize(write);
+}
+
+// A compact bump: 1 at the centre, 0 from `radius` on, smooth in between.
+double Bump(double distance2, double radius2) {
+  const double t = 1.0 - distance2 / radius2;
+  return t > 0.0 ? t * t : 0.0;
+}
+
+double Degree(const PointGraph& g, std::size_t i) { return static_cast<double>(g.offsets[i + 1] - g.offsets[i]); }
+
+// (K d)_i: a point's displacement less the mean of its neighbours' (0 without neighbours).
+MMVector3d Umbrella(const PointGraph& g, const std::vector<MMVector3d>& d, std::size_t i) {
+  const std::uint32_t begin = g.offsets[i], end = g.offsets[i + 1];
+  if (begin == end) return MMVector3d();
+  MMVector3d sum;
+  for (std::uint32_t k = begin; k < end; ++k) sum = sum + d[g.neighbours[k]];
+  return d[i] - sum * (1.0 / static_cast<double>(end - begin));
+}
+
+// Applies A d = W d + bending K^T K d + membrane L d at point i, with u = K d given.
+MMVector3d Apply(const FieldLevel& level, const std::vector<PlaneTerm>& terms, const FieldWeights& weights,
+                 const std::vector<MMVector3d>& d, const std::vector<MMVector3d>& u, std::size_t i) {
+  const PointGraph& g = level.graph;
+  const std::uint32_t begin = g.offsets[i], end = g.offsets[i + 1];
+  MMVector3d out;
+  if (begin != end) {
+    MMVector3d spread, sum;
+    for (std::uint32_t k = begin; k < end; ++k) {
+      const std::uint32_t j = g.neighbours[k];
+      spread = spread + u[j] * (1.0 / Degree(g, j));
+      sum = sum + d[j];
+    }
+    out = (u[i] - spread) * weights.bending + (d[i] * static_cast<double>(end - begin) - sum) * weights.membrane;
+    if (weights.strain > 0.0) {
+      MMVector3d stretch;
+      for (std::uint32_t k = begin; k < end; ++k) {
+        const MMVector3d& e = level.edgeDirections[k];
+        stretch = stretch + e * Dot(e, d[i] - d[g.neighbours[k]]);
+      }
+      out = out + stretch * weights.strain;
+    }
+  }
+  out = out + d[i] * weights.ridge;
+  const PlaneTerm& t = terms[i];
+  if (t.weight > 0.0) out = out + t.normal * (t.weight * Dot(t.normal, d[i]));
+  return out;
+}
+
+// The diagonal of the smoothing part of A at point i, the same on every axis.
+double SmoothingDiagonal(const PointGraph& g, const FieldWeights& weights, std::size_t i) {
+  const std::uint32_t begin = g.offsets[i], end = g.offsets[i + 1];
+  if (begin == end) return weights.ridge;
+  double spread = 1.0;
+  for (std::uint32_t k = begin; k < end; ++k) {
+    const double degree = Degree(g, g.neighbours[k]);
+    spread += 1.0 / (degree * degree);
+  }
+  return weights.bending * spread + (weights.membrane + weights.strain / 3.0) * static_cast<double>(end - begin) +
+         weights.ridge;
+}
+
+// The block-Jacobi preconditioner: (a I + w m m^T)^-1 r by Sherman-Morrison; only the
+// normal part where a point has no smoothing term.
+MMVector3d Precondition(double a, const PlaneTerm& t, const MMVector3d& r) {
+  const double w = t.weight;
+  if (a > 0.0) return (r - t.normal * (w / (a + w) * Dot(t.normal, r))) * (1.0 / a);
+  if (w > 0.0) return t.normal * (Dot(t.normal, r) / w);
+  return MMVector3d();
+}
+
+}  // namespace
+
+PointGraph GraphOfTriangles(std::size_t pointCount, const std::vector<std::uint32_t>& triangles) {
+  PointGraph graph;
+  graph.offsets.assign(pointCount + 1, 0);
+  for (std::size_t t = 0; t + 2 < triangles.size(); t += 3)
+    for (std::size_t k = 0; k < 3; ++k) graph.offsets[triangles[t + k] + 1] += 2;
+  for (std::size_t i = 0; i < pointCount; ++i) graph.offsets[i + 1] += graph.offsets[i];
+  graph.neighbours.resize(graph.offsets[pointCount]);
+  std::vector<std::uint32_t> fill(graph.offsets.begin(), graph.offsets.end() - 1);
+  for (std::size_t t = 0; t + 2 < triangles.size(); t += 3)
+    for (std::size_t k = 0; k < 3; ++k) {
+      const std::uint32_t a = triangles[t + k];
+      const std::uint32_t b = triangles[t + (k + 1) % 3], c = triangles[t + (k + 2) % 3];
+      // A repeated corner names the point itself, which the sort below keeps once; it is
+      // dropped after the sort.
+      graph.neighbours[fill[a]++] = b;
+      graph.neighbours[fill[a]++] = c;
+    }
+  SortRows(graph);
+  // Drop self-loops from triangles with a repeated corner.
+  std::uint32_t write = 0;
+  for (std::size_t i = 0; i < pointCount; ++i) {
+    const std::uint32_t begin = graph.offsets[i], end = graph.offsets[i + 1];
+    graph.offsets[i] = write;
+    for (std::uint32_t k = begin; k < end; ++k)
+      if (graph.neighbours[k] != i) graph.neighbours[write++] = graph.neighbours[k];
+  }
+  graph.offsets[pointCount] = write;
+  graph.neighbours.resize(write);
+  return graph;
+}
+
+void MeasureEdges(FieldLevel& level) {
+  const PointGraph& g = level.graph;
+  level.edgeDirections.resize(g.neighbours.size());
+  double sum = 0.0;
+  for (std::size_t i = 0; i < g.Size(); ++i)
+    for (std::uint32_t k = g.offsets[i]; k < g.offsets[i + 1]; ++k) {
+      MMVector3d e = level.rest[g.neighbours[k]] - level.rest[i];
+      sum += Normalize(e);
+      level.edgeDirections[k] = e;
+    }
+  level.meanEdge = g.neighbours.empty() ? 0.0 : sum / static_cast<double>(g.neighbours.size());
+}
+
+FieldLevel Coarsen(const FieldLevel& fine) {
+  const PointGraph& g = fine.graph;
+  const std::size_t n = g.Size();
+  std::vector<std::uint32_t> claim(n, kUnclaimed);
+  FieldLevel coarse;
+  for (std::size_t i = 0; i < n; ++i) {
+    if (claim[i] != kUnclaimed) continue;
+    const auto seed = static_cast<std::uint32_t>(coarse.seeds.size());
+    coarse.seeds.push_back(static_cast<std::uint32_t>(i));
+    claim[i] = seed;
+    for (std::uint32_t k = g.offsets[i]; k < g.offsets[i + 1]; ++k)
+      if (claim[g.neighbours[k]] == kUnclaimed) claim[g.neighbours[k]] = seed;
+  }
+  const std::size_t m = coarse.seeds.size();
+  coarse.rest.resize(m);
+  coarse.normals.resize(m);
+  for (std::size_t s = 0; s < m; ++s) {
+    coarse.rest[s] = fine.rest[coarse.seeds[s]];
+    coarse.normals[s] = fine.normals[coarse.seeds[s]];
+  }
+  // Two aggregates are neighbours when a fine edge joins them.
+  PointGraph& cg = coarse.graph;
+  cg.offsets.assign(m + 1, 0);
+  for (std::size_t i = 0; i < n; ++i)
+    for (std::uint32_t k = g.offsets[i]; k < g.offsets[i + 1]; ++k)
+      if (claim[g.neighbours[k]] != claim[i]) ++cg.offsets[claim[i] + 1];
+  for (std::size_t s = 0; s < m; ++s) cg.offsets[s + 1] += cg.offsets[s];
+  cg.neighbours.resize(cg.offsets[m]);
+  std::vector<std::uint32_t> fill(cg.offsets.begin(), cg.offsets.end() - 1);
+  for (std::size_t i = 0; i < n; ++i)
+    for (std::uint32_t k = g.offsets[i]; k < g.offsets[i + 1]; ++k)
+      if (claim[g.neighbours[k]] != claim[i]) cg.neighbours[fill[claim[i]]++] = claim[g.neighbours[k]];
+  SortRows(cg);
+  MeasureEdges(coarse);
+
+  // Each fine point takes the field of its own seed and of the seeds next to it, by a
+  // bump of its rest distance to each: its own seed lies at most one fine edge away, so
+  // it always weighs in, and the weights fade before the next aggregates, so the field
+  // has no steps at the borders of the aggregates.
+  const double radius = 1.5 * std::max(coarse.meanEdge, fine.meanEdge);
+  const double radius2 = radius > 0.0 ? radius * radius : 1.0;
+  coarse.prolongOffsets.assign(n + 1, 0);
+  for (std::size_t i = 0; i < n; ++i)
+    coarse.prolongOffsets[i + 1] = coarse.prolongOffsets[i] + 1 + (cg.offsets[claim[i] + 1] - cg.offsets[claim[i]]);
+  coarse.prolongPoints.resize(coarse.prolongOffsets[n]);
+  coarse.prolongWeights.resize(coarse.prolongOffsets[n]);
+  ForEachPoint(n, [&](std::size_t i) {
+    const std::uint32_t own = claim[i];
+    std::uint32_t k = coarse.prolongOffsets[i];
+    const std::uint32_t first = k;
+    double total = 0.0;
+    const auto add = [&](std::uint32_t s) {
+      const double w = Bump(Length2(fine.rest[i] - coarse.rest[s]), radius2);
+      coarse.prolongPoints[k] = s;
+      coarse.prolongWeights[k++] = w;
+      total += w;
+    };
+    add(own);
+    for (std::uint32_t e = cg.offsets[own]; e < cg.offsets[own + 1]; ++e) add(cg.neighbours[e]);
+    if (!(total > 0.0)) {
+      // A point as far from its seed as the bump reaches: it follows the seed alone.
+      for (std::uint32_t e = first; e < k; ++e) coarse.prolongWeights[e] = 0.0;
+      coarse.prolongWeights[first] = 1.0;
+      return;
+    }
+    for (std::uint32_t e = first; e < k; ++e) coarse.prolongWeights[e] /= total;
+  });
+  return coarse;
+}
+
+void Prolong(const FieldLevel& coarse, const std::vector<MMVector3d>& coarseField, std::vector<MMVector3d>& fineField) {
+  const std::size_t n = coarse.prolongOffsets.size() - 1;
+  fineField.resize(n);
+  ForEachPoint(n, [&](std::size_t i) {
+    MMVector3d d;
+    for (std::uint32_t k = coarse.prolongOffsets[i]; k < coarse.prolongOffsets[i + 1]; ++k)
+      d = d + coarseField[coarse.prolongPoints[k]] * coarse.prolongWeights[k];
+    fineField[i] = d;
+  });
+}
+
+std::size_t SolveField(const FieldLevel& level, const std::vector<PlaneTerm>& terms, const FieldWeights& weights,
+                       std::size_t maxIterations, double relativeTolerance, std::vector<MMVector3d>& field,
+                       FieldSolverScratch& s) {
+  const PointGraph& g = level.graph;
+  const std::size_t n = g.Size();
+  s.residual.resize(n);
+  s.direction.resize(n);
+  s.product.resize(n);
+  s.preconditioned.resize(n);
+  s.umbrella.resize(n);
+  s.diagonal.resize(n);
+  ForEachPoint(n, [&](std::size_t i) {
+    s.diagonal[i] = SmoothingDiagonal(g, weights, i);
+    s.umbrella[i] = Umbrella(g, field, i);
+  });
+  // r = b - A d, z = M^-1 r, p = z.
+  ForEachPoint(n, [&](std::size_t i) {
+    const PlaneTerm& t = terms[i];
+    MMVector3d b;
+    if (t.weight > 0.0) b = t.normal * (t.weight * Dot(t.normal, t.place - level.rest[i]));
+    s.residual[i] = b - Apply(level, terms, weights, field, s.umbrella, i);
+    s.preconditioned[i] = Precondition(s.diagonal[i], t, s.residual[i]);
+    s.direction[i] = s.preconditioned[i];
+  });
+  const auto dotOf = [&](const std::vector<MMVector3d>& a, const std::vector<MMVector3d>& b) {
+    return BlockedSum(n, s.blockSums, [&](std::size_t begin, std::size_t end) {
+      double sum = 0.0;
+      for (std::size_t i = begin; i < end; ++i) sum += Dot(a[i], b[i]);
+      return sum;
+    });
+  };
+  double rz = dotOf(s.residual, s.preconditioned);
+  const double stop = relativeTolerance * relativeTolerance * rz;
+  std::size_t iteration = 0;
+  while (iteration < maxIterations && rz > stop && rz > 0.0) {
+    ForEachPoint(n, [&](std::size_t i) { s.umbrella[i] = Umbrella(g, s.direction, i); });
+    ForEachPoint(n, [&](std::size_t i) { s.product[i] = Apply(level, terms, weights, s.direction, s.umbrella, i); });
+    const double pq = dotOf(s.direction, s.product);
+    if (!(pq > 0.0)) break;
+    const double alpha = rz / pq;
+    ForEachPoint(n, [&](std::size_t i) {
+      field[i] = field[i] + s.direction[i] * alpha;
+      s.residual[i] = s.residual[i] - s.product[i] * alpha;
+      s.preconditioned[i] = Precondition(s.diagonal[i], terms[i], s.residual[i]);
+    });
+    const double next = dotOf(s.residual, s.preconditioned);
+    const double beta = next / rz;
+    rz = next;
+    ForEachPoint(n, [&](std::size_t i) { s.direction[i] = s.preconditioned[i] + s.direction[i] * beta; });
+    ++iteration;
+  }
+  return iteration;
+}
+
+}  // namespace ZorStlRegistration::detail

@@ -1,0 +1,429 @@
+#include "zor/morph/wrapper_operator_field_morph.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <limits>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <oneapi/tbb/blocked_range.h>
+#include <oneapi/tbb/parallel_for.h>
+
+#include "zor/model/stl_base.h"
+#include "zor/model/stl_guards.h"
+#include "zor/morph/detail/field_levels.h"
+#include "zor/spatial/nearest_query.h"
+#include "zor/spatial/point_triangle_distance.h"
+#include "zor/spatial/tree_property.h"
+
+namespace ZorStlRegistration {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using detail::FieldLevel;
+using detail::PlaneTerm;
+
+constexpr double kPi = 3.141592653589793;
+// The first smoothing length, as a share of the moving mesh's diagonal: the first field
+// is nearly a translation.
+constexpr double kFirstSmoothing = 0.25;
+// A level serves smoothing lengths of at least this many of its mean edges.
+constexpr double kEdgesPerSmoothing = 4.0;
+// The first passes' search reach, as a share of the diagonal, unless the caller sets one.
+constexpr double kFirstReach = 0.1;
+// Later passes search to this many times the 90th percentile of the last match distances.
+constexpr double kReachOverSpread = 3.0;
+// Conjugate-gradient steps per solve, and the residual drop that ends a solve early.
+// The mesh itself starts from a field that its coarser levels have settled, and its
+// matches move little: fewer steps do.
+constexpr std::size_t kSolverSteps = 200;
+constexpr std::size_t kFineSolverSteps = 40;
+// The membrane term's weight beside the bending term's, both at the same length.
+constexpr double kMembraneShare = 0.01;
+// Weight of the displacement's own size beside a point's plane term: a motion that no
+// match asks for (a whole translation that a local bump would also explain) is not
+// taken. Larger values also hold back true motions along the surface (a bend's ends);
+// 0.001 measured best over bends, twists and bumps of smooth and featured bodies.
+constexpr double kRidge = 0.001;
+constexpr double kSolverTolerance = 1e-4;
+// A barycentric weight at or below this puts the closest place on the opposite edge.
+constexpr double kOnEdge = 1e-9;
+// When the distances stall at the final smoothing length, it is halved, at most until
+// it is this share of the length asked for.
+constexpr double kFloorShare = 0.2;
+// A gain of the 95th percentile below this share counts as none.
+constexpr double kStallGain = 0.01;
+
+double Seconds(Clock::time_point since) { return std::chrono::duration<double>(Clock::now() - since).count(); }
+
+template <typename Body>
+void ForEach(std::size_t count, const Body& body) {
+  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, count, 256), [&body](const tbb::blocked_range<std::size_t>& r) {
+    for (std::size_t i = r.begin(); i != r.end(); ++i) body(i);
+  });
+}
+
+MWrapperOperatorFieldMorph::StlImpl CheckedHandle(MWrapperOperatorFieldMorph::StlImpl handle, const char* which) {
+  if (handle.GetStl() == nullptr)
+    throw std::invalid_argument(std::string("MWrapperOperatorFieldMorph: the ") + which + " mesh is null");
+  return handle;
+}
+
+void CheckParams(const MWrapperOperatorFieldMorph::SParams& p) {
+  const auto fail = [](const char* what) {
+    throw std::invalid_argument(std::string("MWrapperOperatorFieldMorph: ") + what);
+  };
+  if (!(p.distanceTolerance > 0.0) || !std::isfinite(p.distanceTolerance)) fail("the tolerance must be above 0");
+  if (!(p.targetFraction > 0.0 && p.targetFraction <= 1.0)) fail("the target fraction must lie in (0, 1]");
+  if (!(p.normalAngle > 0.0 && p.normalAngle <= 180.0)) fail("the normal angle must lie in (0, 180] degrees");
+  if (!(p.searchDistance >= 0.0) || !std::isfinite(p.searchDistance)) fail("the search distance must not be negative");
+  if (!(p.smoothing > 0.0) || !std::isfinite(p.smoothing)) fail("the smoothing must be above 0");
+  if (p.maxPasses == 0) fail("at least one pass is needed");
+}
+
+// The value at share q of `values` (a copy is partly sorted): deterministic, since
+// nth_element places the same value whatever it does with equal ones.
+double Quantile(std::vector<double> values, double q) {
+  if (values.empty()) return 0.0;
+  const std::size_t k = std::min(values.size() - 1, static_cast<std::size_t>(q * static_cast<double>(values.size())));
+  std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(k), values.end());
+  return values[k];
+}
+
+// The moving mesh as arrays: points in list order, triangles as places in that order.
+struct MovingArrays {
+  std::vector<MStlPoint*> points;
+  std::vector<std::uint32_t> triangles;
+};
+
+MovingArrays ArraysOf(const MStlBase& mesh) {
+  MovingArrays a;
+  a.points.reserve(mesh.NumberOfPoints());
+  for (MStlPoint* p = mesh.GetFirstPoint(); p != nullptr; p = p->GetNext()) a.points.push_back(p);
+  std::vector<std::uint32_t> placeOf(mesh.GetMasks().GetPointMaskSize());
+  for (std::size_t i = 0; i < a.points.size(); ++i)
+    placeOf[a.points[i]->GetMaskIndex()] = static_cast<std::uint32_t>(i);
+  a.triangles.reserve(3 * mesh.GetNumberOfTriangles());
+  for (auto it = mesh.BeginTriangle(); it != mesh.EndTriangle(); ++it) {
+    const MStlTriangle* t = static_cast<const MStlTriangle*>(it);
+    for (std::size_t k = 0; k < 3; ++k) a.triangles.push_back(placeOf[t->GetPoint(k)->GetMaskIndex()]);
+  }
+  return a;
+}
+
+// Area-weighted unit normals of the points at `positions` (zero where a point has no
+// triangle with area), summed triangle by triangle in their order.
+void PointNormals(const std::vector<std::uint32_t>& triangles, const std::vector<MMVector3d>& positions,
+                  std::vector<MMVector3d>& normals) {
+  normals.assign(positions.size(), MMVector3d());
+  for (std::size_t t = 0; t + 2 < triangles.size(); t += 3) {
+    const MMVector3d& a = positions[triangles[t]];
+    const MMVector3d n = Cross(positions[triangles[t + 1]] - a, positions[triangles[t + 2]] - a);
+    for (std::size_t k = 0; k < 3; ++k) normals[triangles[t + k]] = normals[triangles[t + k]] + n;
+  }
+  ForEach(normals.size(), [&](std::size_t i) {
+    if (Length2(normals[i]) > 0.0) Normalize(normals[i]);
+  });
+}
+
+std::size_t FoldedTriangles(const std::vector<std::uint32_t>& triangles, const std::vector<MMVector3d>& before,
+                            const std::vector<MMVector3d>& after) {
+  std::size_t folded = 0;
+  for (std::size_t t = 0; t + 2 < triangles.size(); t += 3) {
+    const auto normalIn = [&](const std::vector<MMVector3d>& x) {
+      const MMVector3d& a = x[triangles[t]];
+      return Cross(x[triangles[t + 1]] - a, x[triangles[t + 2]] - a);
+    };
+    folded += Dot(normalIn(before), normalIn(after)) < 0.0 ? 1 : 0;
+  }
+  return folded;
+}
+
+// The target's triangle tree, with each object's open-border edges: bit k set when the
+// edge opposite corner k belongs to no other triangle.
+class TargetSurface {
+public:
+  explicit TargetSurface(MStlBase* mesh) : holder(MeshQueries::MeshHandle(mesh)) {
+    holder.Build(true);
+    const auto& objects = holder.GetTree().GetObjects();
+    borders.assign(objects.size(), 0);
+    ForEach(objects.size(), [&](std::size_t i) {
+      const MStlTriangle* t = objects[i].GetTriangle();
+      std::uint8_t bits = 0;
+      for (std::size_t k = 0; k < 3; ++k) {
+        const MStlPoint* a = t->GetPoint((k + 1) % 3);
+        const MStlPoint* b = t->GetPoint((k + 2) % 3);
+        bool shared = false;
+        for (std::uint16_t j = 0; j < a->GetNumberOfNeighbourTriangles() && !shared; ++j) {
+          const MStlTriangle* other = a->GetNeighbourTriangle(j)->GetData();
+          shared = other != t && other->IndexOfPoint(b) >= 0;
+        }
+        if (!shared) bits = static_cast<std::uint8_t>(bits | (1u << k));
+      }
+      borders[i] = bits;
+    });
+  }
+
+  bool Empty() const { return holder.GetTree().GetObjects().empty(); }
+
+  // The nearest triangle facing `normal` within the cone of `cosine` and strictly
+  // within `reach`, unless its closest place lies on an open border. Fills `term` and
+  // returns the distance, or a negative value for no match.
+  double Match(const MMVector3d& p, const MMVector3d& normal, double cosine, double reach, PlaneTerm& term) const {
+    const MeshQueries::OrientedTriangleDistance<MeshQueries::StoredNormals> policy(
+        MeshQueries::StoredNormals(holder.GetNormals()), holder.GetCorners(), p.Data(), normal.Data(), cosine);
+    double bound2 = MeshQueries::SquaredSearchBound(reach);
+    const std::uint32_t index = MeshQueries::NearestObjectIndex(holder.GetTree(), policy, bound2);
+    if (index == MeshQueries::kNoObject) return -1.0;
+    const MMVector3d c = Closest(index, p, borders[index]);
+    if (!(c[0] == c[0])) return -1.0;  // NaN marks a place on an open border
+    term.place = c;
+    term.normal = holder.GetNormals()[index];
+    term.weight = 1.0;
+    return std::sqrt(bound2);
+  }
+
+  // Distance from `p` to the nearest place of the whole target.
+  double Distance(const MMVector3d& p) const {
+    const MeshQueries::TriangleObjectDistance policy(holder.GetCorners(), p.Data());
+    double bound2 = std::numeric_limits<double>::infinity();
+    MeshQueries::NearestObjectIndex(holder.GetTree(), policy, bound2);
+    return std::sqrt(bound2);
+  }
+
+private:
+  MMVector3d Closest(std::uint32_t index, const MMVector3d& p, std::uint8_t borderBits) const {
+    const std::int32_t* v = holder.GetCorners()[index].xyz;
+    const double a[3] = {double(v[0]), double(v[1]), double(v[2])};
+    const double b[3] = {double(v[3]), double(v[4]), double(v[5])};
+    const double c[3] = {double(v[6]), double(v[7]), double(v[8])};
+    double w[3];
+    MeshQueries::PointTriangleDistance2(p.Data(), a, b, c, w);
+    for (std::size_t k = 0; k < 3; ++k)
+      if ((borderBits >> k & 1u) != 0 && w[k] <= kOnEdge) {
+        const double nan = std::numeric_limits<double>::quiet_NaN();
+        return MMVector3d(nan, nan, nan);
+      }
+    return MMVector3d(a[0] * w[0] + b[0] * w[1] + c[0] * w[2], a[1] * w[0] + b[1] * w[1] + c[1] * w[2],
+                      a[2] * w[0] + b[2] * w[1] + c[2] * w[2]);
+  }
+
+  MeshQueries::TriangleTreeHolder holder;
+  std::vector<std::uint8_t> borders;  // in tree order
+};
+
+// What one matching pass found.
+struct PassSummary {
+  std::size_t matched = 0;
+  std::size_t within = 0;  // matched points strictly within the tolerance
+  double p90 = 0.0;        // of the matched distances
+  double p95 = 0.0;
+};
+
+PassSummary MatchLevel(const TargetSurface& surface, const FieldLevel& level, const std::vector<MMVector3d>& field,
+                       const std::vector<MMVector3d>& normals, double cosine, double reach, double tolerance,
+                       std::vector<PlaneTerm>& terms, std::vector<double>& distances) {
+  const std::size_t n = level.rest.size();
+  terms.assign(n, PlaneTerm());
+  distances.assign(n, -1.0);
+  ForEach(n, [&](std::size_t i) {
+    distances[i] = surface.Match(level.rest[i] + field[i], normals[i], cosine, reach, terms[i]);
+  });
+  PassSummary s;
+  std::vector<double> matched;
+  matched.reserve(n);
+  for (double d : distances)
+    if (d >= 0.0) {
+      matched.push_back(d);
+      s.within += d < tolerance ? 1 : 0;
+    }
+  s.matched = matched.size();
+  s.p90 = Quantile(matched, 0.90);
+  s.p95 = Quantile(std::move(matched), 0.95);
+  return s;
+}
+
+}  // namespace
+
+const char* StopReasonName(MWrapperOperatorFieldMorph::StopReason reason) {
+  using R = MWrapperOperatorFieldMorph::StopReason;
+  switch (reason) {
+    case R::NotRun: return "not run";
+    case R::NothingToMorph: return "nothing to morph";
+    case R::Converged: return "converged";
+    case R::Stalled: return "stalled";
+    case R::PassLimit: return "pass limit";
+    case R::NoMatch: return "no match";
+  }
+  return "unknown";
+}
+
+MWrapperOperatorFieldMorph::MWrapperOperatorFieldMorph(StlImpl movingMesh, StlImpl targetMesh)
+    : moving(CheckedHandle(movingMesh, "moving")), target(CheckedHandle(targetMesh, "target")) {}
+
+void MWrapperOperatorFieldMorph::Operate(std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress) {
+  CheckParams(params);
+  const Clock::time_point start = Clock::now();
+  report = Report();
+  MStlBase& mesh = *moving.GetStl();
+
+  Clock::time_point stage = Clock::now();
+  const MovingArrays arrays = ArraysOf(mesh);
+  const std::size_t n = arrays.points.size();
+  std::vector<FieldLevel> levels(1);
+  levels[0].rest.resize(n);
+  for (std::size_t i = 0; i < n; ++i) levels[0].rest[i] = arrays.points[i]->GetDouble();
+  PointNormals(arrays.triangles, levels[0].rest, levels[0].normals);
+  levels[0].graph = detail::GraphOfTriangles(n, arrays.triangles);
+  detail::MeasureEdges(levels[0]);
+  while (levels.back().rest.size() > params.coarsestPoints) {
+    FieldLevel coarse = detail::Coarsen(levels.back());
+    if (coarse.rest.size() * 10 > levels.back().rest.size() * 9) break;  // the graph no longer shrinks
+    levels.push_back(std::move(coarse));
+  }
+  report.levels = levels.size();
+  const FieldLevel& fine = levels[0];
+  const TargetSurface surface(target.GetStl());
+  report.setup = Seconds(stage);
+
+  std::vector<MMVector3d> field(levels.back().rest.size());
+  if (n == 0 || surface.Empty() || arrays.triangles.empty()) {
+    report.stop = n == 0 || arrays.triangles.empty() ? StopReason::NothingToMorph : StopReason::NoMatch;
+    report.unmatched = n;
+    report.total = Seconds(start);
+    return;
+  }
+
+  MMVector3d lo = fine.rest[0], hi = fine.rest[0];
+  for (const MMVector3d& p : fine.rest)
+    for (std::size_t k = 0; k < 3; ++k) {
+      lo[k] = std::min(lo[k], p[k]);
+      hi[k] = std::max(hi[k], p[k]);
+    }
+  const double diagonal = Length(hi - lo);
+  double finest = params.smoothing * (fine.meanEdge > 0.0 ? fine.meanEdge : diagonal);
+  double smoothing = std::max(kFirstSmoothing * diagonal, finest);
+  double reach = params.searchDistance > 0.0 ? params.searchDistance : kFirstReach * diagonal;
+  const double cosine = std::cos(params.normalAngle / 180.0 * kPi);
+  const double tolerance = params.distanceTolerance;
+
+  const std::shared_ptr<ZorSDK::Common::IProgressDelegate> delegate = std::move(progress);
+  ZorSDK::Common::IncrementalProgressReporter reporter(delegate, "Field morph", params.maxPasses, false);
+  std::vector<PlaneTerm> terms;
+  std::vector<double> distances;
+  std::vector<MMVector3d> normals;
+  detail::FieldSolverScratch scratch;
+  std::size_t level = levels.size() - 1;
+  std::vector<MMVector3d> finerField;
+  // Hands the field down to the next finer level.
+  const auto stepDown = [&] {
+    detail::Prolong(levels[level], field, finerField);
+    field.swap(finerField);
+    --level;
+  };
+  double best95 = std::numeric_limits<double>::infinity();
+  std::size_t sinceGain = 0;
+  bool everMatched = false;
+  StopReason stop = StopReason::PassLimit;
+  for (;;) {
+    // Down to the coarsest level that still resolves this smoothing length.
+    while (level > 0 && kEdgesPerSmoothing * levels[level].meanEdge > smoothing) stepDown();
+    const FieldLevel& current = levels[level];
+    stage = Clock::now();
+    if (level == 0) {
+      std::vector<MMVector3d> positions(n);
+      ForEach(n, [&](std::size_t i) { positions[i] = fine.rest[i] + field[i]; });
+      PointNormals(arrays.triangles, positions, normals);
+    }
+    const PassSummary pass = MatchLevel(surface, current, field, level == 0 ? normals : current.normals, cosine, reach,
+                                        tolerance, terms, distances);
+    report.correspondence += Seconds(stage);
+    ++report.passes;
+    ++reporter;
+    if (pass.matched == 0 && !everMatched) {
+      stop = StopReason::NoMatch;
+      break;
+    }
+    everMatched = true;
+    report.unmatched = level == 0 ? n - pass.matched : report.unmatched;
+    const bool lastLength = level == 0 && !(smoothing > finest);
+    if (lastLength) {
+      if (static_cast<double>(pass.within) >= params.targetFraction * static_cast<double>(pass.matched) &&
+          pass.p95 < tolerance) {
+        stop = StopReason::Converged;
+        break;
+      }
+      if (pass.p95 < best95 * (1.0 - kStallGain)) {
+        best95 = pass.p95;
+        sinceGain = 0;
+      } else if (++sinceGain >= params.stallPasses) {
+        // The field is too stiff for what is left: let it bend more, down to a floor,
+        // before giving up.
+        if (!(finest > kFloorShare * params.smoothing * fine.meanEdge)) {
+          stop = StopReason::Stalled;
+          break;
+        }
+        finest *= 0.5;
+        smoothing = finest;
+        best95 = pass.p95;
+        sinceGain = 0;
+      }
+    }
+    stage = Clock::now();
+    const double ratio2 =
+        current.meanEdge > 0.0 ? (smoothing / current.meanEdge) * (smoothing / current.meanEdge) : 0.0;
+    const detail::FieldWeights weights{ratio2 * ratio2, kMembraneShare * ratio2, 0.0, kRidge};
+    detail::SolveField(current, terms, weights, level == 0 ? kFineSolverSteps : kSolverSteps, kSolverTolerance, field,
+                       scratch);
+    report.solve += Seconds(stage);
+    if (report.passes >= params.maxPasses) {
+      stop = StopReason::PassLimit;
+      break;
+    }
+    smoothing = std::max(0.5 * smoothing, finest);
+    reach = std::max({kReachOverSpread * pass.p90, 10.0 * tolerance, 2.0 * current.meanEdge});
+  }
+  while (level > 0) stepDown();
+  report.stop = stop;
+
+  // Rounded to the grid; checked whole before any point is written.
+  stage = Clock::now();
+  std::vector<MMVector3i> written(n);
+  std::vector<MMVector3d> placed(n);
+  bool offGrid = false;
+  for (std::size_t i = 0; i < n; ++i)
+    for (std::size_t k = 0; k < 3; ++k) {
+      const double x = stop == StopReason::NoMatch ? fine.rest[i][k] : std::round(fine.rest[i][k] + field[i][k]);
+      if (!(x >= -2147483648.0 && x <= 2147483647.0)) {
+        offGrid = true;
+        continue;
+      }
+      written[i][k] = static_cast<std::int32_t>(x);
+      placed[i][k] = x;
+    }
+  if (offGrid) throw std::out_of_range("MWrapperOperatorFieldMorph: a morphed point leaves the 32-bit grid");
+  {
+    const MStlBaseOperatorHelperDirectPointChange directChange(&mesh, true);
+    for (std::size_t i = 0; i < n; ++i) arrays.points[i]->Set(written[i]);
+  }
+  report.folded = FoldedTriangles(arrays.triangles, fine.rest, placed);
+  std::vector<double> final(n);
+  ForEach(n, [&](std::size_t i) { final[i] = surface.Distance(placed[i]); });
+  double sum = 0.0;
+  for (double d : final) {
+    sum += d;
+    report.maxDistance = std::max(report.maxDistance, d);
+    report.fractionWithin += d < tolerance ? 1.0 : 0.0;
+  }
+  report.meanDistance = sum / static_cast<double>(n);
+  report.fractionWithin /= static_cast<double>(n);
+  report.p95Distance = Quantile(std::move(final), 0.95);
+  if (stop == StopReason::NoMatch) report.unmatched = n;
+  report.measure = Seconds(stage);
+  report.total = Seconds(start);
+}
+
+}  // namespace ZorStlRegistration

@@ -1,0 +1,111 @@
+#pragma once
+// Deforms a moving mesh onto a target mesh that lies close to it, keeping its triangles,
+// its point count and its point order; only coordinates change, in place, and the
+// target is only read. Beside MWrapperOperatorBaseMorph, which slides each point to its
+// own nearest place and smooths positions, this morph regularises the deformation:
+//
+// - Each point carries a displacement from where it started. A pass matches every
+//   point to the nearest target triangle that faces its way (within `normalAngle`, not
+//   on the target's open border, within the search distance) and solves for the
+//   displacement field that best lays the points on the planes of their matches while
+//   keeping the field smooth (point-to-plane terms plus the membrane energy of the
+//   field). A mesh already on its target does not move; a smooth stretch keeps its
+//   volume; the displacement along the surface, which no match can see, comes from
+//   the neighbours, so points follow the deformation instead of sliding.
+// - Coarse to fine: the field is first solved on coarse aggregates of the points with a
+//   long smoothing length, then handed down level by level while the length shrinks to
+//   `smoothing` mean edges on the mesh itself.
+// - Points without a match (the target does not cover them) keep the deformation of
+//   their neighbours and are counted.
+// - The run always ends: when the share `targetFraction` of the matched points lies
+//   within `distanceTolerance` of its match (after the full schedule), when the 95th
+//   percentile of the match distances has not improved by 1% in `stallPasses` passes,
+//   or after `maxPasses` passes. The report says which.
+//
+// The report's distances are measured after the last step, on the coordinates written,
+// from each point to the nearest place of the whole target (no filter, no radius): the
+// numbers a deviation map of the result shows.
+//
+// Units: lengths in internal units (MUnit::GetIE() is not applied).
+// Threading: an operator object is used by one thread at a time, and no other thread
+// may touch either mesh during Operate. The passes run in parallel; the result is
+// bit-identical on every run and at every thread count.
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "zor/export.h"
+#include "zor/model/progress.h"
+#include "zor/model/stl_handles.h"
+
+namespace ZorStlRegistration {
+
+class ZOR_API MWrapperOperatorFieldMorph {
+public:
+  using StlImpl = ZorMesh::StlBase::Handle::StlImpl<ZorMesh::StlBase::Handle::StlBasePolicy>;
+
+  struct SParams {
+    double distanceTolerance = 50.0;    // internal units: a point has arrived within this of the target
+    double targetFraction = 0.99;       // share of matched points within the tolerance that ends the run
+    double normalAngle = 60.0;          // degrees between a point's normal and a matched triangle's
+    double searchDistance = 0.0;        // internal units: farthest match of the first pass; 0: a tenth of the diagonal
+    double smoothing = 2.0;             // final smoothing length of the field, in mean edge lengths
+    std::size_t maxPasses = 60;         // correspondence passes of all levels together
+    std::size_t stallPasses = 4;        // passes without 1% gain of the 95th percentile that end the run
+    std::size_t coarsestPoints = 3000;  // the coarsest level has at most about this many points
+  };
+
+  enum class StopReason : std::uint8_t {
+    NotRun,          // Operate has not run
+    NothingToMorph,  // the moving mesh has no points or no triangles: nothing moved
+    Converged,       // the share of matched points within the tolerance reached targetFraction
+    Stalled,         // the distances stopped improving
+    PassLimit,       // maxPasses ran out
+    NoMatch,         // no point found a target triangle (or the target has none): nothing moved
+  };
+
+  struct Report {
+    StopReason stop = StopReason::NotRun;
+    std::size_t passes = 0;  // correspondence passes, all levels
+    std::size_t levels = 0;  // levels of the hierarchy, the mesh itself included
+    // Distances of the written points to the target surface (internal units).
+    double maxDistance = 0.0;
+    double meanDistance = 0.0;
+    double p95Distance = 0.0;
+    double fractionWithin = 0.0;  // of all points, strictly below distanceTolerance
+    std::size_t unmatched = 0;    // points without a match in the last pass
+    std::size_t folded = 0;       // triangles whose normal turned by more than 90 degrees
+    // Seconds.
+    double setup = 0.0;           // levels, target tree
+    double correspondence = 0.0;  // all matching passes
+    double solve = 0.0;           // all field solves
+    double measure = 0.0;         // the final distances
+    double total = 0.0;
+  };
+
+  // Both meshes stay the caller's and must outlive every Operate. Throws
+  // std::invalid_argument for a null mesh.
+  MWrapperOperatorFieldMorph(StlImpl moving, StlImpl target);
+
+  void SetParams(const SParams& p) { params = p; }
+  const SParams& GetParams() const { return params; }
+
+  // Morphs. `progress` (may be null) hears the passes. Throws std::invalid_argument for
+  // parameters out of range (a tolerance or smoothing not above 0, an angle outside
+  // (0, 180], a fraction outside (0, 1], no passes), and std::out_of_range when a
+  // result would leave the 32-bit grid; in both cases the mesh is left as it was.
+  void Operate(std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress);
+
+  const Report& GetReport() const { return report; }
+
+private:
+  StlImpl moving;
+  StlImpl target;
+  SParams params;
+  Report report;
+};
+
+ZOR_API const char* StopReasonName(MWrapperOperatorFieldMorph::StopReason reason);
+
+}  // namespace ZorStlRegistration
