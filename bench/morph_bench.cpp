@@ -9,7 +9,10 @@
 // only runs when asked for.
 //
 //   bench_morph [--sizes 10000,200000] [--threads 1,2] [--bodies smooth,featured]
-//               [--cases bend,twist,bump,partial-moving,partial-target] [--registered]
+//               [--cases bend,twist,bump,partial-moving,partial-target] [--registered | --field]
+//
+// --field runs the field morph (MWrapperOperatorFieldMorph) with its defaults instead of
+// the base morph, and prints its stage times and its stop rule.
 //
 // --registered runs the whole registered morph (MWrapperOperatorMorph) instead, on the
 // moving body scaled by a few percent per axis and placed under a seeded pose, and
@@ -40,6 +43,7 @@
 #include "tools/generators/poses.h"
 #include "zor/model/stl.h"
 #include "zor/morph/detail/registered_morph.h"
+#include "zor/morph/wrapper_operator_field_morph.h"
 #include "zor/morph/wrapper_operator_morph.h"
 #include "zor/spatial/tree_property.h"
 
@@ -95,9 +99,11 @@ struct Row {
   double iterations = 0, dual = 0, main = 0, step = 0, smoothing = 0, total = 0, maxDistance = 0;
   double meanSurface = 0, maxSurface = 0, within = 0, meanTruth = 0;
   long flipped = 0;
+  double p95Covered = 0;  // 95th percentile of the distance to the target of the points it covers
+  std::string stop;
 };
 
-Row RunCase(zorgen::Shape shape, const std::string& name, long triangles, int threads, bool registered) {
+Row RunCase(zorgen::Shape shape, const std::string& name, long triangles, int threads, bool registered, bool field) {
   const zorgen::MeshArrays source = zorgen::MakeShape(shape, triangles);
   zorgen::MeshArrays target = zorgen::MakeShape(shape, triangles + triangles / 4);
   const bool partialTarget = name == "partial-target", partialMoving = name == "partial-moving";
@@ -126,7 +132,16 @@ Row RunCase(zorgen::Shape shape, const std::string& name, long triangles, int th
                                   MWrapperOperatorBaseMorph::StlImpl(fixed.get()));
   ZorStlRegistration::MWrapperOperatorMorph whole(MWrapperOperatorBaseMorph::StlImpl(moving.get()),
                                                   MWrapperOperatorBaseMorph::StlImpl(fixed.get()));
-  if (registered) {
+  ZorStlRegistration::MWrapperOperatorFieldMorph fieldMorph(MWrapperOperatorBaseMorph::StlImpl(moving.get()),
+                                                            MWrapperOperatorBaseMorph::StlImpl(fixed.get()));
+  if (field) {
+    arena.execute([&] { fieldMorph.Operate(nullptr); });
+    const auto& rep = fieldMorph.GetReport();
+    row.iterations = static_cast<double>(rep.passes);
+    row.dual = rep.setup * 1000.0, row.main = rep.correspondence * 1000.0, row.step = rep.solve * 1000.0;
+    row.smoothing = rep.measure * 1000.0, row.total = rep.total, row.maxDistance = rep.p95Distance;
+    row.stop = ZorStlRegistration::StopReasonName(rep.stop);
+  } else if (registered) {
     // A few percent of scale per axis and a pose drawn from the size: the whole call
     // has to find its way back.
     moving->Rescale(1.03f, 0.98f, 1.02f, MMVector3i());
@@ -139,12 +154,15 @@ Row RunCase(zorgen::Shape shape, const std::string& name, long triangles, int th
     arena.execute([&] { alone.Operate(nullptr); });
   }
   const MWrapperOperatorBaseMorph& morph = registered ? whole.GetMorph() : alone;
-  const MWrapperOperatorBaseMorph::StageTimes& t = morph.GetStageTimes();
-  row.iterations = static_cast<double>(t.iterations);
-  const double per = t.iterations > 0 ? 1000.0 / static_cast<double>(t.iterations) : 0.0;
-  row.dual = t.dualPass * per, row.main = t.mainPass * per, row.step = t.step * per, row.smoothing = t.smoothing * per;
-  row.total = registered ? whole.GetStageTimes().total : t.total;
-  row.maxDistance = morph.GetMaxDistance();
+  if (!field) {
+    const MWrapperOperatorBaseMorph::StageTimes& t = morph.GetStageTimes();
+    row.iterations = static_cast<double>(t.iterations);
+    const double per = t.iterations > 0 ? 1000.0 / static_cast<double>(t.iterations) : 0.0;
+    row.dual = t.dualPass * per, row.main = t.mainPass * per, row.step = t.step * per,
+    row.smoothing = t.smoothing * per;
+    row.total = registered ? whole.GetStageTimes().total : t.total;
+    row.maxDistance = morph.GetMaxDistance();
+  }
 
   std::vector<double> surface(points.size());
   const MeshQueries::MeshHandle fixedHandle(fixed.get());
@@ -157,7 +175,23 @@ Row RunCase(zorgen::Shape shape, const std::string& name, long triangles, int th
       }
     });
   });
-  const double tolerance = morph.GetParams().distanceTolerance;
+  const double tolerance = field ? fieldMorph.GetParams().distanceTolerance : morph.GetParams().distanceTolerance;
+  // A point is covered when the place the deformation takes it lies on the target.
+  std::vector<double> covered;
+  for (std::size_t i = 0; i < points.size(); ++i) {
+    if (!partialTarget) {
+      covered.push_back(surface[i]);
+      continue;
+    }
+    MMVector3d closest;
+    MeshQueries::GetClosestPoint(fixedHandle, truth[i], closest);
+    if (Length(closest - truth[i]) < 2.0 * tolerance) covered.push_back(surface[i]);
+  }
+  if (!covered.empty()) {
+    const std::size_t k95 = std::min(covered.size() - 1, covered.size() * 95 / 100);
+    std::nth_element(covered.begin(), covered.begin() + static_cast<std::ptrdiff_t>(k95), covered.end());
+    row.p95Covered = covered[k95];
+  }
   for (std::size_t i = 0; i < points.size(); ++i) {
     row.meanSurface += surface[i];
     row.maxSurface = std::max(row.maxSurface, surface[i]);
@@ -178,11 +212,11 @@ int main(int argc, char** argv) {
   std::vector<long> sizes = {10000, 200000}, threads = {1, 2};
   std::vector<std::string> cases = {"bend", "twist", "bump", "partial-moving"};
   std::vector<zorgen::Shape> bodies = {zorgen::Shape::Smooth, zorgen::Shape::Featured};
-  bool registered = false;
+  bool registered = false, field = false;
   for (int i = 1; i < argc; i += 2) {
     const std::string flag = argv[i];
-    if (flag == "--registered") {
-      registered = true;
+    if (flag == "--registered" || flag == "--field") {
+      (flag == "--field" ? field : registered) = true;
       --i;
       continue;
     }
@@ -208,11 +242,19 @@ int main(int argc, char** argv) {
     } else {
       std::fprintf(stderr,
                    "usage: bench_morph [--sizes N,..] [--threads T,..] [--bodies smooth,featured] "
-                   "[--cases bend,twist,bump,partial-moving,partial-target] [--registered]\n");
+                   "[--cases bend,twist,bump,partial-moving,partial-target] [--registered | --field]\n");
       return 2;
     }
   }
-  if (registered)
+  if (field)
+    std::printf(
+        "field morph, defaults (tolerance 50 um); stage times in ms; lengths in um\n| body | case | triangles | "
+        "threads "
+        "| passes | setup | matching | solving | measuring | total s | stop | p95 to surface (covered) | mean to "
+        "surface | max to surface | within %% | flipped | mean to truth "
+        "|\n|---|---|---|---|---|---|---|---|---|---|---|"
+        "---|---|---|---|---|---|\n");
+  else if (registered)
     std::printf(
         "registered morph (MWrapperOperatorMorph), defaults; the moving body scaled by 1.03, 0.98, 1.02 and under a "
         "seeded pose; stage times in s; lengths in um\n| body | case | triangles | threads | registration | scaling | "
@@ -228,8 +270,15 @@ int main(int argc, char** argv) {
     for (const std::string& name : cases)
       for (long size : sizes)
         for (long t : threads) {
-          const Row r = RunCase(shape, name, size, static_cast<int>(t), registered);
+          const Row r = RunCase(shape, name, size, static_cast<int>(t), registered, field);
           std::printf("| %s | %s | %ld | %ld | ", zorgen::ShapeName(shape), name.c_str(), size, t);
+          if (field) {
+            std::printf("%.0f | %.0f | %.0f | %.0f | %.0f | %.2f | %s | %.1f | %.2f | %.1f | %.2f | %ld | %.1f |\n",
+                        r.iterations, r.dual, r.main, r.step, r.smoothing, r.total, r.stop.c_str(), r.p95Covered,
+                        r.meanSurface, r.maxSurface, r.within, r.flipped, r.meanTruth);
+            std::fflush(stdout);
+            continue;
+          }
           if (registered)
             std::printf("%.2f | %.3f | %.2f | %.2f | %.0f | ", r.registration, r.scaling, r.icp, r.morph, r.iterations);
           else

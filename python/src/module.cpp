@@ -143,6 +143,9 @@ struct MorphResult {
   std::shared_ptr<Mesh> mesh;
   double max_distance = 0.0, mean_distance = 0.0, fraction_within = 0.0, tolerance = 0.0;
   std::size_t iterations = 0;
+  std::string method, stop;
+  double p95_distance = 0.0;
+  std::size_t unmatched = 0, folded = 0;
   bool registered = false, registration_succeeded = false;
   py::object registration = py::none(), scales = py::none(), icp = py::none();
   py::dict seconds;
@@ -295,11 +298,18 @@ IcpResult RunIcp(const py::object& movingObject, const py::object& fixedObject, 
   return out;
 }
 
-MorphResult Morph(const py::object& movingObject, const py::object& targetObject, bool registerFirst, double tolerance,
-                  double targetFraction, double initialStep, double stepRetention, double normalAngle,
-                  long long smoothingPasses, const py::object& progress) {
+MorphResult Morph(const py::object& movingObject, const py::object& targetObject, bool registerFirst,
+                  const std::string& method, double tolerance, double targetFraction, double normalAngle,
+                  double searchDistance, double smoothing, long long maxPasses, double initialStep,
+                  double stepRetention, long long smoothingPasses, const py::object& progress) {
   zortool::MorphOptions options;
   options.registerFirst = registerFirst;
+  if (method != "field" && method != "base")
+    throw py::value_error("method must be 'field' or 'base', not '" + method + "'");
+  options.baseMorph = method == "base";
+  options.searchDistanceMm = Within("search_distance", searchDistance, 0.0, kInf, false);
+  options.fieldParams.smoothing = Within("smoothing", smoothing, 0.0, kInf, true);
+  options.fieldParams.maxPasses = Count("max_passes", maxPasses, 1, 100000);
   options.toleranceMm = Within("tolerance", tolerance, 0.0, kInf, true);
   auto& p = options.params;
   p.targetFraction = Within("target_fraction", targetFraction, 0.0, 1.0, true);
@@ -328,12 +338,25 @@ MorphResult Morph(const py::object& movingObject, const py::object& targetObject
   out.mean_distance = r.meanDistance / ie;
   out.fraction_within = r.fractionWithin;
   out.tolerance = r.tolerance / ie;
-  out.iterations = r.morph.iterations;
+  out.method = method;
+  out.iterations = r.baseMorph ? r.morph.iterations : r.field.passes;
   out.registered = registerFirst;
   const auto& m = r.morph;
-  py::dict morphSeconds(py::arg("setup") = m.setup, py::arg("dual_pass") = m.dualPass,
-                        py::arg("main_pass") = m.mainPass, py::arg("step") = m.step, py::arg("smoothing") = m.smoothing,
-                        py::arg("statistics") = m.statistics, py::arg("total") = m.total);
+  const auto& f = r.field;
+  py::dict morphSeconds;
+  if (r.baseMorph) {
+    morphSeconds =
+        py::dict(py::arg("setup") = m.setup, py::arg("dual_pass") = m.dualPass, py::arg("main_pass") = m.mainPass,
+                 py::arg("step") = m.step, py::arg("smoothing") = m.smoothing, py::arg("statistics") = m.statistics,
+                 py::arg("total") = m.total);
+  } else {
+    out.stop = ZorStlRegistration::StopReasonName(f.stop);
+    out.p95_distance = f.p95Distance / ie;
+    out.unmatched = f.unmatched;
+    out.folded = f.folded;
+    morphSeconds = py::dict(py::arg("setup") = f.setup, py::arg("matching") = f.correspondence,
+                            py::arg("solving") = f.solve, py::arg("measuring") = f.measure, py::arg("total") = f.total);
+  }
   if (registerFirst) {
     out.registration_succeeded = r.registrationSucceeded;
     out.registration = TransformArray(r.registration);
@@ -345,7 +368,7 @@ MorphResult Morph(const py::object& movingObject, const py::object& targetObject
         py::dict(py::arg("registration") = r.stages.registration, py::arg("scaling") = r.stages.scaling,
                  py::arg("icp") = r.stages.icp, py::arg("morph") = morphSeconds, py::arg("total") = r.stages.total);
   } else {
-    out.seconds = py::dict(py::arg("morph") = morphSeconds, py::arg("total") = m.total);
+    out.seconds = py::dict(py::arg("morph") = morphSeconds, py::arg("total") = r.total);
   }
   return out;
 }
@@ -576,11 +599,13 @@ FileNotFoundError for a missing file and ValueError for a malformed one, naming 
   py::class_<MorphResult> morphResult(m, "MorphResult", "What zor.morph made.");
   Fields(morphResult,
          {"vertices", "triangles", "mesh", "max_distance", "mean_distance", "fraction_within", "tolerance",
-          "iterations", "registered", "registration_succeeded", "registration", "scales", "icp", "seconds"},
+          "iterations", "method", "stop", "p95_distance", "unmatched", "folded", "registered", "registration_succeeded",
+          "registration", "scales", "icp", "seconds"},
          &MorphResult::vertices, &MorphResult::triangles, &MorphResult::mesh, &MorphResult::max_distance,
          &MorphResult::mean_distance, &MorphResult::fraction_within, &MorphResult::tolerance, &MorphResult::iterations,
-         &MorphResult::registered, &MorphResult::registration_succeeded, &MorphResult::registration,
-         &MorphResult::scales, &MorphResult::icp, &MorphResult::seconds);
+         &MorphResult::method, &MorphResult::stop, &MorphResult::p95_distance, &MorphResult::unmatched,
+         &MorphResult::folded, &MorphResult::registered, &MorphResult::registration_succeeded,
+         &MorphResult::registration, &MorphResult::scales, &MorphResult::icp, &MorphResult::seconds);
   py::class_<DeviationResult> deviationResult(m, "DeviationResult", "Signed distances of zor.deviation.");
   Fields(deviationResult, {"distances", "colours", "range", "within_share", "percentile95", "largest"},
          &DeviationResult::distances, &DeviationResult::colours, &DeviationResult::range,
@@ -644,24 +669,35 @@ seconds by stage.)");
 
   const zortool::MorphOptions mo;
   m.def("morph", &Morph, py::arg("moving"), py::arg("target"), py::kw_only(), py::arg("register") = mo.registerFirst,
-        py::arg("tolerance") = mo.toleranceMm, py::arg("target_fraction") = mo.params.targetFraction,
-        py::arg("initial_step") = mo.params.initialStep, py::arg("step_retention") = mo.params.stepRetention,
-        py::arg("normal_angle") = mo.params.normalAngle, py::arg("smoothing_passes") = mo.params.smoothingPasses,
+        py::arg("method") = "field", py::arg("tolerance") = mo.toleranceMm,
+        py::arg("target_fraction") = mo.params.targetFraction, py::arg("normal_angle") = mo.params.normalAngle,
+        py::arg("search_distance") = mo.searchDistanceMm, py::arg("smoothing") = mo.fieldParams.smoothing,
+        py::arg("max_passes") = mo.fieldParams.maxPasses, py::arg("initial_step") = mo.params.initialStep,
+        py::arg("step_retention") = mo.params.stepRetention, py::arg("smoothing_passes") = mo.params.smoothingPasses,
         py::arg("progress") = py::none(),
         R"(Deforms moving onto target, keeping its vertex order and triangles.
 
 register: register moving onto target, scale it to target's box and align it by ICP
   first (False: morph the meshes as they lie).
-tolerance: a vertex has arrived when its displacement is shorter than this (mm).
+method: 'field' (a smooth displacement field solved coarse to fine; always ends) or
+  'base' (steps toward each vertex's nearest place with position smoothing, no pass
+  limit).
+tolerance: a vertex has arrived within this distance of the target (mm).
 target_fraction: stop once this share of the vertices has arrived.
-initial_step, step_retention: the share of the displacement the first step applies, and
-  the share of the way to a whole step that each step keeps missing.
 normal_angle: largest angle between a vertex's and a target triangle's normal (degrees).
-smoothing_passes: smoothing passes after each step. progress: as in register.
+search_distance, smoothing, max_passes (field): the first pass's farthest match (mm; 0:
+  a tenth of moving's diagonal), the final smoothing length (mean edges), the passes at
+  most.
+initial_step, step_retention, smoothing_passes (base): the share of the displacement
+  the first step applies, the share of the way to a whole step that each step keeps
+  missing, the smoothing passes after each step. progress: as in register.
 
 moving is left as it is. Returns a MorphResult: vertices (the new positions, mm),
 triangles, mesh (the morphed Mesh), max_distance and mean_distance (mm), fraction_within,
-iterations; with register also registration (4x4), scales and icp (4x4); seconds.)");
+iterations (passes of the field morph); for the field morph the distances are those of
+the morphed vertices to target, with p95_distance, unmatched (vertices without a
+counterpart), folded (triangles turned over) and stop (what ended it); with register
+also registration (4x4), scales and icp (4x4); seconds.)");
 
   m.def("closest_points", &ClosestPoints, py::arg("mesh"), py::arg("points"),
         R"(The closest place on mesh's surface to each of points ((k, 3), mm).

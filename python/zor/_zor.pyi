@@ -72,6 +72,11 @@ class MorphResult:
     fraction_within: float
     tolerance: float
     iterations: int
+    method: str
+    stop: str
+    p95_distance: float
+    unmatched: int
+    folded: int
     registered: bool
     registration_succeeded: bool
     registration: Optional[npt.NDArray[np.float64]]
@@ -143,11 +148,15 @@ def morph(
     target: _MeshLike,
     *,
     register: bool = True,
+    method: str = "field",
     tolerance: float = 0.05,
     target_fraction: float = 0.99,
+    normal_angle: float = 60.0,
+    search_distance: float = 0.0,
+    smoothing: float = 2.0,
+    max_passes: int = 60,
     initial_step: float = 0.05,
     step_retention: float = 0.9,
-    normal_angle: float = 60.0,
     smoothing_passes: int = 5,
     progress: _Progress = None,
 ) -> MorphResult: ...

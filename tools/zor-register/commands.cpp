@@ -397,14 +397,30 @@ int RunMorph(const std::string& movingPath, const std::string& targetPath, const
   const std::optional<DeviationSummary> map =
       MakeDeviationMap(deviation, *moving.mesh, nullptr, *target.mesh, largest, common);
 
-  const Json morphSeconds{{"setup", m.setup}, {"dual_pass", m.dualPass},  {"main_pass", m.mainPass},
-                          {"step", m.step},   {"smoothing", m.smoothing}, {"statistics", m.statistics},
-                          {"total", m.total}};
+  const auto& f = run.field;
+  const Json morphSeconds =
+      run.baseMorph
+          ? Json{{"setup", m.setup},         {"dual_pass", m.dualPass},    {"main_pass", m.mainPass}, {"step", m.step},
+                 {"smoothing", m.smoothing}, {"statistics", m.statistics}, {"total", m.total}}
+          : Json{{"setup", f.setup},
+                 {"matching", f.correspondence},
+                 {"solving", f.solve},
+                 {"measuring", f.measure},
+                 {"total", f.total}};
   if (common.json) {
     Json report{{"moving", MeshJson(movingPath, moving)},     {"target", MeshJson(targetPath, target)},
                 {"registered", options.registerFirst},        {"max_distance", largest},
                 {"mean_distance", run.meanDistance * toFile}, {"fraction_within", run.fractionWithin},
-                {"tolerance", run.tolerance * toFile},        {"iterations", m.iterations}};
+                {"tolerance", run.tolerance * toFile},        {"method", run.baseMorph ? "base" : "field"}};
+    if (run.baseMorph) {
+      report["iterations"] = m.iterations;
+    } else {
+      report["passes"] = f.passes;
+      report["stop"] = ZorStlRegistration::StopReasonName(f.stop);
+      report["p95_distance"] = f.p95Distance * toFile;
+      report["unmatched"] = f.unmatched;
+      report["folded"] = f.folded;
+    }
     if (options.registerFirst) {
       report["registration_succeeded"] = run.registrationSucceeded;
       report["registration"] = TransformJson(run.registration, toFile);
@@ -416,7 +432,7 @@ int RunMorph(const std::string& movingPath, const std::string& targetPath, const
                                {"morph", morphSeconds},
                                {"total", r.total}};
     } else {
-      report["seconds"] = Json{{"morph", morphSeconds}, {"total", m.total}};
+      report["seconds"] = Json{{"morph", morphSeconds}, {"total", run.total}};
     }
     report["scale"] = common.scale;
     if (!output.empty()) report["output"] = output;
@@ -432,16 +448,29 @@ int RunMorph(const std::string& movingPath, const std::string& targetPath, const
     std::printf("register  %s; scaled by %.5f, %.5f, %.5f to the target's box; then ICP\n",
                 run.registrationSucceeded ? "registered" : "registration failed, kept the placement", run.scales[0],
                 run.scales[1], run.scales[2]);
-  std::printf(
-      "morph     %zu iterations; largest remaining displacement %.6g file units, mean %.6g; %.2f%% within %.6g\n",
-      m.iterations, largest, run.meanDistance * toFile, 100.0 * run.fractionWithin, run.tolerance * toFile);
+  if (run.baseMorph)
+    std::printf(
+        "morph     base morph, %zu iterations; largest remaining displacement %.6g file units, mean %.6g; %.2f%% "
+        "within %.6g\n",
+        m.iterations, largest, run.meanDistance * toFile, 100.0 * run.fractionWithin, run.tolerance * toFile);
+  else
+    std::printf(
+        "morph     field morph, %zu passes, %s\ndistance  to TARGET after the last step: largest %.6g file units, "
+        "mean %.6g, 95%% below %.6g; %.2f%% within %.6g\n          %zu point(s) without a counterpart on TARGET, %zu "
+        "folded triangle(s)\n",
+        f.passes, ZorStlRegistration::StopReasonName(f.stop), largest, run.meanDistance * toFile,
+        f.p95Distance * toFile, 100.0 * run.fractionWithin, run.tolerance * toFile, f.unmatched, f.folded);
   if (options.registerFirst)
     std::printf("time      %.3f s (registration %.3f, scaling %.3f, ICP %.3f, morph %.3f: ", r.total, r.registration,
                 r.scaling, r.icp, r.morph);
   else
-    std::printf("time      %.3f s (morph: ", m.total);
-  std::printf("setup %.3f, dual passes %.3f, main passes %.3f, steps %.3f, smoothing %.3f)\n", m.setup, m.dualPass,
-              m.mainPass, m.step, m.smoothing);
+    std::printf("time      %.3f s (morph: ", run.total);
+  if (run.baseMorph)
+    std::printf("setup %.3f, dual passes %.3f, main passes %.3f, steps %.3f, smoothing %.3f)\n", m.setup, m.dualPass,
+                m.mainPass, m.step, m.smoothing);
+  else
+    std::printf("setup %.3f, matching %.3f, solving %.3f, measuring %.3f)\n", f.setup, f.correspondence, f.solve,
+                f.measure);
   if (!output.empty()) std::printf("wrote     %s\n", output.c_str());
   PrintDeviation(deviation, map);
   return 0;

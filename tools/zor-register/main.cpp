@@ -149,17 +149,31 @@ void AddMorphOptions(CLI::App& cmd, MorphOptions& o) {
   const auto number = [&](const char* name, double& field, const char* help, double low, double high, bool openLow) {
     cmd.add_option(name, field, help)->check(Within(low, high, openLow))->capture_default_str()->group("Morph");
   };
+  ZorStlRegistration::MWrapperOperatorFieldMorph::SParams& f = o.fieldParams;
   cmd.add_flag("!--no-register", o.registerFirst, "Morph the meshes as they lie: no registration, scaling or ICP first")
       ->group("Morph");
-  number("--tolerance", o.toleranceMm, "A vertex has arrived when its displacement is shorter than this (mm)", 0.0,
-         HUGE_VAL, true);
+  cmd.add_flag("--base-morph", o.baseMorph,
+               "Run the base morph (steps toward each vertex's nearest place, position smoothing, no pass limit) "
+               "instead of the field morph")
+      ->group("Morph");
+  number("--tolerance", o.toleranceMm, "A vertex has arrived within this distance of the target (mm)", 0.0, HUGE_VAL,
+         true);
   number("--target-fraction", p.targetFraction, "Stop once this share of the vertices has arrived", 0.0, 1.0, true);
-  number("--initial-step", p.initialStep, "Share of the displacement the first step applies", 0.0, 1.0, true);
-  number("--step-retention", p.stepRetention, "Share of the way to a whole step that each step keeps missing", 0.0, 1.0,
-         false);
   number("--normal-angle", p.normalAngle, "Largest angle between a vertex's and a target triangle's normal (degrees)",
          0.0, 180.0, false);
-  cmd.add_option("--smoothing-passes", p.smoothingPasses, "Smoothing passes after each step")
+  number("--search-distance", o.searchDistanceMm,
+         "Field morph: farthest match of the first pass (mm); 0: a tenth of MOVING's diagonal", 0.0, HUGE_VAL, false);
+  number("--smoothing", f.smoothing, "Field morph: final smoothing length of the displacement field (mean edges)", 0.0,
+         HUGE_VAL, true);
+  cmd.add_option("--max-passes", f.maxPasses, "Field morph: matching passes at most")
+      ->check(Within(1.0, 100000.0, false))
+      ->capture_default_str()
+      ->group("Morph");
+  number("--initial-step", p.initialStep, "Base morph: share of the displacement the first step applies", 0.0, 1.0,
+         true);
+  number("--step-retention", p.stepRetention,
+         "Base morph: share of the way to a whole step that each step keeps missing", 0.0, 1.0, false);
+  cmd.add_option("--smoothing-passes", p.smoothingPasses, "Base morph: smoothing passes after each step")
       ->check(Within(0.0, 1000.0, false))
       ->capture_default_str()
       ->group("Morph");

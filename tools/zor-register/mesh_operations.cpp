@@ -6,6 +6,7 @@
 
 #include "tools/zor-register/mesh_files.h"
 #include "zor/model/unit.h"
+#include "zor/morph/detail/registered_morph.h"
 
 namespace zortool {
 namespace {
@@ -68,15 +69,17 @@ IcpRun IcpPair(const MStlBase& moving, const MStlBase& fixed, const IcpOptions& 
 
 MorphRun MorphPair(MStlBase& moving, MStlBase& target, const MorphOptions& options, const std::string& movingName,
                    const std::string& targetName, std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress) {
-  // Smoothing replaces a point by the mean of its neighbours; a point without triangles
-  // has none and would be thrown off the grid.
-  std::size_t isolated = 0;
-  for (auto it = moving.BeginPoint(); it != moving.EndPoint(); ++it)
-    isolated += it->GetNumberOfNeighbourTriangles() == 0 ? 1 : 0;
-  if (isolated > 0)
-    throw InputError("'" + movingName + "' holds " + std::to_string(isolated) +
-                     " point(s) that no triangle uses; the morph moves every point with its neighbours, so remove them "
-                     "first");
+  if (options.baseMorph) {
+    // Smoothing replaces a point by the mean of its neighbours; a point without
+    // triangles has none and would be thrown off the grid.
+    std::size_t isolated = 0;
+    for (auto it = moving.BeginPoint(); it != moving.EndPoint(); ++it)
+      isolated += it->GetNumberOfNeighbourTriangles() == 0 ? 1 : 0;
+    if (isolated > 0)
+      throw InputError("'" + movingName + "' holds " + std::to_string(isolated) +
+                       " point(s) that no triangle uses; the base morph moves every point with its neighbours, so "
+                       "remove them first");
+  }
   if (options.registerFirst)
     for (const auto& [name, mesh] : {std::pair{&movingName, &moving}, std::pair{&targetName, &target}})
       if (const int axis = FlatAxis(*mesh); axis >= 0)
@@ -84,39 +87,69 @@ MorphRun MorphPair(MStlBase& moving, MStlBase& target, const MorphOptions& optio
                          ": its box cannot be scaled to the other's; morph meshes that already lie together "
                          "without registering them (--no-register)");
 
-  MWrapperOperatorBaseMorph::SParams params = options.params;
-  params.distanceTolerance = options.toleranceMm * MUnit::GetIE();
+  const double ie = MUnit::GetIE();
+  MorphRun run;
+  run.baseMorph = options.baseMorph;
+  run.tolerance = options.toleranceMm * ie;
   const MWrapperOperatorBaseMorph::StlImpl movingHandle(&moving), targetHandle(&target);
-  MWrapperOperatorMorph registered(movingHandle, targetHandle);
-  MWrapperOperatorBaseMorph alone(movingHandle, targetHandle);
   const auto start = std::chrono::steady_clock::now();
   try {
-    if (options.registerFirst) {
-      registered.SetMorphParams(params);
-      registered.Operate(std::move(progress));
+    if (options.baseMorph) {
+      MWrapperOperatorBaseMorph::SParams params = options.params;
+      params.distanceTolerance = run.tolerance;
+      MWrapperOperatorMorph registered(movingHandle, targetHandle);
+      MWrapperOperatorBaseMorph alone(movingHandle, targetHandle);
+      if (options.registerFirst) {
+        registered.SetMorphParams(params);
+        registered.Operate(std::move(progress));
+      } else {
+        alone.SetParams(params);
+        alone.Operate(std::move(progress));
+      }
+      const MWrapperOperatorBaseMorph& morph = options.registerFirst ? registered.GetMorph() : alone;
+      run.morph = morph.GetStageTimes();
+      run.stages = registered.GetStageTimes();
+      run.maxDistance = morph.GetMaxDistance();
+      run.meanDistance = morph.GetMeanDistance();
+      run.fractionWithin = morph.GetFractionWithin();
+      if (options.registerFirst) {
+        run.registrationSucceeded = registered.GetRegistrationSucceeded();
+        run.registration = registered.GetRegistration();
+        for (int i = 0; i < 3; ++i) run.scales[i] = registered.GetScales()[i];
+        run.icp = registered.GetIcpTransform();
+      }
     } else {
-      alone.SetParams(params);
-      alone.Operate(std::move(progress));
+      if (options.registerFirst) {
+        const ZorStlRegistration::detail::RegisteredStages stages =
+            ZorStlRegistration::detail::RegisterScaleAndAlign(moving, target);
+        run.registrationSucceeded = stages.registered;
+        run.registration = stages.registration;
+        for (int i = 0; i < 3; ++i) run.scales[i] = stages.scales[i];
+        run.icp = stages.icp;
+        run.stages.registration = stages.registrationSeconds;
+        run.stages.scaling = stages.scalingSeconds;
+        run.stages.icp = stages.icpSeconds;
+      }
+      ZorStlRegistration::MWrapperOperatorFieldMorph::SParams params = options.fieldParams;
+      params.distanceTolerance = run.tolerance;
+      params.searchDistance = options.searchDistanceMm * ie;
+      params.targetFraction = options.params.targetFraction;
+      params.normalAngle = options.params.normalAngle;
+      ZorStlRegistration::MWrapperOperatorFieldMorph field(movingHandle, targetHandle);
+      field.SetParams(params);
+      field.Operate(std::move(progress));
+      run.field = field.GetReport();
+      run.stages.morph = run.field.total;
+      run.maxDistance = run.field.maxDistance;
+      run.meanDistance = run.field.meanDistance;
+      run.fractionWithin = run.field.fractionWithin;
     }
   } catch (const std::out_of_range& e) {
     throw InputError(std::string("the morph carried the moving mesh off the 32-bit grid (") + e.what() +
                      "); try a smaller scale");
   }
-  const MWrapperOperatorBaseMorph& morph = options.registerFirst ? registered.GetMorph() : alone;
-  MorphRun run;
-  run.morph = morph.GetStageTimes();
-  run.stages = registered.GetStageTimes();
   run.total = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  run.maxDistance = morph.GetMaxDistance();
-  run.meanDistance = morph.GetMeanDistance();
-  run.fractionWithin = morph.GetFractionWithin();
-  run.tolerance = params.distanceTolerance;
-  if (options.registerFirst) {
-    run.registrationSucceeded = registered.GetRegistrationSucceeded();
-    run.registration = registered.GetRegistration();
-    for (int i = 0; i < 3; ++i) run.scales[i] = registered.GetScales()[i];
-    run.icp = registered.GetIcpTransform();
-  }
+  run.stages.total = run.total;
   return run;
 }
 

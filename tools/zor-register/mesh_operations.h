@@ -12,6 +12,7 @@
 #include "zor/model/progress.h"
 #include "zor/model/stl_base.h"
 #include "zor/model/transform.h"
+#include "zor/morph/wrapper_operator_field_morph.h"
 #include "zor/morph/wrapper_operator_morph.h"
 
 namespace zortool {
@@ -38,20 +39,31 @@ struct IcpRun {
 IcpRun IcpPair(const MStlBase& moving, const MStlBase& fixed, const IcpOptions& options, const std::string& movingName,
                const std::string& fixedName, std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress = {});
 
-// The morph: the base morph's parameters, its tolerance in millimetres, and whether the
+// The morph: which one runs (the field morph, or the base morph with its fixed
+// schedule), the parameters of each, the tolerance in millimetres, and whether the
 // meshes are registered and scaled first.
 struct MorphOptions {
+  bool baseMorph = false;
   ZorStlRegistration::MWrapperOperatorBaseMorph::SParams params;  // distanceTolerance comes from toleranceMm
+  // distanceTolerance comes from toleranceMm, searchDistance from searchDistanceMm, and
+  // targetFraction and normalAngle from `params`, which both morphs share.
+  ZorStlRegistration::MWrapperOperatorFieldMorph::SParams fieldParams;
   double toleranceMm = 0.05;
+  double searchDistanceMm = 0.0;  // the field morph's first reach; 0: a tenth of the moving mesh's diagonal
   bool registerFirst = true;
 };
 
 struct MorphRun {
-  ZorStlRegistration::MWrapperOperatorBaseMorph::StageTimes morph;
-  ZorStlRegistration::MWrapperOperatorMorph::StageTimes stages;  // with registerFirst
-  double total = 0.0;                                            // seconds of the whole run
-  double maxDistance = 0.0;                                      // internal units
-  double meanDistance = 0.0;                                     // internal units
+  bool baseMorph = false;
+  ZorStlRegistration::MWrapperOperatorFieldMorph::Report field;     // without baseMorph
+  ZorStlRegistration::MWrapperOperatorBaseMorph::StageTimes morph;  // with baseMorph
+  ZorStlRegistration::MWrapperOperatorMorph::StageTimes stages;     // with registerFirst
+  double total = 0.0;                                               // seconds of the whole run
+  // Field morph: distances of the morphed points to the target surface. Base morph: the
+  // lengths of the displacements its last measurement gave (0 for a point it found no
+  // place for). Internal units.
+  double maxDistance = 0.0;
+  double meanDistance = 0.0;
   double fractionWithin = 0.0;
   double tolerance = 0.0;  // internal units
   // With registerFirst: how the registration went, its pose, the per-axis scales and the
@@ -63,9 +75,9 @@ struct MorphRun {
 };
 
 // Morphs `moving` onto `target` in place, keeping its points' order and its triangles;
-// `progress` (may be null) hears the correspondence passes. Throws InputError when
-// `moving` has points that no triangle uses, or, with registerFirst, when a mesh is flat
-// along an axis; and when the morph carries the mesh off the grid.
+// `progress` (may be null) hears the passes. Throws InputError when the base morph is
+// given points that no triangle uses, or, with registerFirst, when a mesh is flat along
+// an axis; and when the morph carries the mesh off the grid.
 MorphRun MorphPair(MStlBase& moving, MStlBase& target, const MorphOptions& options, const std::string& movingName,
                    const std::string& targetName, std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress = {});
 
