@@ -34,8 +34,8 @@
 #include <tbb/task_arena.h>
 
 #include "bench/bench_args.h"
-#include "tools/generators/bodies.h"
-#include "tools/generators/poses.h"
+#include "generators/bodies.h"
+#include "generators/poses.h"
 #include "zor/alignment/normal_orientation_index.h"
 #include "zor/icp/stl_base_operator_registration_icp.h"
 #include "zor/registration/user_operator_stl_registration.h"

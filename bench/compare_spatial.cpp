@@ -25,7 +25,7 @@
 #include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
 
-#include "tools/generators/bodies.h"
+#include "generators/bodies.h"
 #include "zor/model/stl.h"
 #include "zor/spatial/object_tree.h"
 

@@ -20,11 +20,9 @@
 #include <tbb/task_arena.h>
 
 #include "bench/bench_args.h"
-#include "tools/generators/bodies.h"
-#include "tools/generators/poses.h"
-#if defined(ZOR_BENCH_CAN_SAVE)
-#include "tools/zor-register/mesh_files.h"
-#endif
+#include "generators/bodies.h"
+#include "generators/poses.h"
+#include "zor/files/mesh_files.h"
 #include "zor/icp/stl_base_operator_registration_icp.h"
 
 namespace {
@@ -68,23 +66,21 @@ int main(int argc, char** argv) {
   for (long size : sizes) {
     const zorgen::MeshArrays body = zorgen::MakeShape(zorgen::Shape::Featured, size);
     const auto fixed = zorgen::MakeMesh(body);
-#if defined(ZOR_BENCH_CAN_SAVE)
     if (!save.empty()) {
       // The body, its copies and their poses (row-major, millimetres), for the peer.
       const std::string prefix = save + "/" + std::to_string(size);
       std::filesystem::create_directories(save);
-      zortool::WriteMesh(*fixed, nullptr, 1.0, prefix + "_fixed.ply", false);
+      ZorStlRegistration::WriteMesh(*fixed, nullptr, 1.0, prefix + "_fixed.ply", false);
       std::ofstream truths(prefix + "_poses.txt");
       truths.precision(17);
       for (int k = 0; k < poses; ++k) {
         const MMTransformMatrix pose = zorgen::DrawPose(static_cast<std::uint64_t>(k + 1), 60000.0);
-        zortool::WriteMesh(*zorgen::MakeMovedCopy(body, pose), nullptr, 1.0,
-                           prefix + "_moving_" + std::to_string(k) + ".ply", false);
+        ZorStlRegistration::WriteMesh(*zorgen::MakeMovedCopy(body, pose), nullptr, 1.0,
+                                      prefix + "_moving_" + std::to_string(k) + ".ply", false);
         for (int e = 0; e < 16; ++e)
           truths << pose.GetElement(e / 4, e % 4) / (e % 4 == 3 && e < 12 ? 1000.0 : 1.0) << (e == 15 ? "\n" : " ");
       }
     }
-#endif
     for (long t : threads) {
       std::vector<double> total, sampling, tree, analysis, search, refinement;
       tbb::task_arena arena(static_cast<int>(t));

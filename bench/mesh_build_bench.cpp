@@ -9,7 +9,7 @@
 #include <benchmark/benchmark.h>
 #include <tbb/task_arena.h>
 
-#include "tools/generators/bodies.h"
+#include "generators/bodies.h"
 #include "zor/model/stl.h"
 
 // Live heap bytes, counted by replacing the global allocation functions.

@@ -14,10 +14,11 @@
 #include <string>
 #include <vector>
 
-#include "tools/generators/bodies.h"
-#include "tools/generators/poses.h"
-#include "tools/zor-register/deviation.h"
-#include "tools/zor-register/mesh_files.h"
+#include "generators/bodies.h"
+#include "generators/poses.h"
+#include "zor/files/deviation_colour.h"
+#include "zor/files/mesh_files.h"
+#include "zor/pair/deviation.h"
 
 namespace {
 
@@ -54,9 +55,10 @@ int main(int argc, char** argv) {
                    {"ply text", "text.ply", true},    {"obj", "body.obj", true},      {"off", "body.off", true}};
     for (const auto& f : formats) {
       const std::string path = (folder / f.file).string();
-      const double write = MedianSeconds([&] { zortool::WriteMesh(*body, nullptr, 1.0, path, f.ascii); });
+      const double write = MedianSeconds([&] { ZorStlRegistration::WriteMesh(*body, nullptr, 1.0, path, f.ascii); });
       std::size_t triangles = 0;
-      const double read = MedianSeconds([&] { triangles = zortool::ReadMesh(path, 1.0).mesh->GetNumberOfTriangles(); });
+      const double read =
+          MedianSeconds([&] { triangles = ZorStlRegistration::ReadMesh(path, 1.0).mesh->GetNumberOfTriangles(); });
       if (triangles != body->GetNumberOfTriangles()) std::printf("  (read back %zu triangles)\n", triangles);
       const double mb = std::filesystem::file_size(path) / 1e6;
       std::printf("%-10zu %-11s %9.1f %9.3f %9.3f %10.0f\n", body->GetNumberOfTriangles(), f.name, mb, write, read,
@@ -73,9 +75,10 @@ int main(int argc, char** argv) {
     std::vector<double> distances;
     // Once: the first call pays for the triangle tree, as the tool's one call does.
     const auto start = std::chrono::steady_clock::now();
-    distances = zortool::SignedDistances(*body, &shift, *body);
+    distances = ZorStlRegistration::SignedDistances(*body, &shift, *body);
     const double measure = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    const double write = MedianSeconds([&] { zortool::WriteDeviationMap(*body, &shift, 1.0, path, distances, 300.0); });
+    const double write =
+        MedianSeconds([&] { ZorStlRegistration::WriteDeviationMap(*body, &shift, 1.0, path, distances, 300.0); });
     std::printf("%-10zu %12.3f %10.3f %8.1f\n", body->GetNumberOfTriangles(), measure, write,
                 std::filesystem::file_size(path) / 1e6);
   }

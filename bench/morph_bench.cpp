@@ -39,8 +39,8 @@
 #include <tbb/task_arena.h>
 
 #include "bench/bench_args.h"
-#include "tools/generators/bodies.h"
-#include "tools/generators/poses.h"
+#include "generators/bodies.h"
+#include "generators/poses.h"
 #include "zor/model/stl.h"
 #include "zor/morph/detail/registered_morph.h"
 #include "zor/morph/wrapper_operator_field_morph.h"

@@ -19,8 +19,8 @@
 #include <tbb/task_arena.h>
 
 #include "bench/bench_args.h"
-#include "tools/generators/bodies.h"
-#include "tools/generators/poses.h"
+#include "generators/bodies.h"
+#include "generators/poses.h"
 #include "zor/alignment/surface_sampling.h"
 #include "zor/model/unit.h"
 #include "zor/registration/detail/registration_solver.h"

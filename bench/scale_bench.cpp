@@ -22,9 +22,9 @@
 #include <tbb/task_arena.h>
 
 #include "bench/bench_args.h"
-#include "tools/generators/bodies.h"
-#include "tools/generators/mesh_arrays.h"
-#include "tools/generators/poses.h"
+#include "generators/bodies.h"
+#include "generators/mesh_arrays.h"
+#include "generators/poses.h"
 #include "zor/registration/user_operator_stl_registration.h"
 
 namespace {

@@ -25,10 +25,10 @@
 #include <tbb/global_control.h>
 
 #include "bench/bench_args.h"
-#include "tools/generators/poses.h"
-#include "tools/zor-register/mesh_files.h"
-#include "tools/zor-register/pair_alignment.h"
+#include "generators/poses.h"
+#include "zor/files/mesh_files.h"
 #include "zor/model/unit.h"
+#include "zor/pair/pair_registration.h"
 
 namespace {
 
@@ -115,8 +115,9 @@ int main(int argc, char** argv) {
     for (const auto& [title, cases] : suites) {
       Tally tally;
       for (const Case& c : cases) {
-        const zortool::LoadedMesh fixed = zortool::ReadMesh(data + "/" + c.fixed + ".ply", 1.0);
-        const zortool::LoadedMesh original = zortool::ReadMesh(data + "/" + c.moving + ".ply", 1.0);
+        const ZorStlRegistration::LoadedMesh fixed = ZorStlRegistration::ReadMesh(data + "/" + c.fixed + ".ply", 1.0);
+        const ZorStlRegistration::LoadedMesh original =
+            ZorStlRegistration::ReadMesh(data + "/" + c.moving + ".ply", 1.0);
         const MMVector3d centre = Centre(*original.mesh);
         const double diagonal = Diagonal(*fixed.mesh);
         for (int p = 0; p < placements; ++p) {
@@ -126,13 +127,13 @@ int main(int argc, char** argv) {
           MStlBase moving(*original.mesh);
           moving.Transform(placement);
 
-          zortool::PairOptions options;
+          ZorStlRegistration::PairOptions options;
           options.params.initialAlignment = Registration::AlignAutomatic;
           options.withFeatures = mode == "tool" || mode == "tool-no-polish";
           options.polish = mode == "tool";
           if (mode == "features") options.params.initialAlignment = Registration::AlignFeatures;
           const auto start = std::chrono::steady_clock::now();
-          const zortool::PairResult r = zortool::AlignPair(moving, *fixed.mesh, options);
+          const ZorStlRegistration::PairResult r = ZorStlRegistration::AlignPair(moving, *fixed.mesh, options);
           const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
           // The result times the placement is the identity when the pose was found.

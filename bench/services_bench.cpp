@@ -7,7 +7,7 @@
 #include <benchmark/benchmark.h>
 #include <oneapi/tbb/task_arena.h>
 
-#include "tools/generators/bodies.h"
+#include "generators/bodies.h"
 #include "zor/alignment/surface_sampling.h"
 #include "zor/model/mesh_builder.h"
 #include "zor/services/services.h"

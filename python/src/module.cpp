@@ -28,15 +28,15 @@
 #include <tbb/global_control.h>
 #include <tbb/parallel_for.h>
 
+#include "generators/bodies.h"
 #include "mesh_arrays.h"
 #include "progress.h"
-#include "tools/generators/bodies.h"
-#include "tools/zor-register/commands.h"
-#include "tools/zor-register/deviation.h"
-#include "tools/zor-register/mesh_files.h"
-#include "tools/zor-register/mesh_operations.h"
-#include "tools/zor-register/pair_alignment.h"
+#include "zor/files/deviation_colour.h"
+#include "zor/files/mesh_files.h"
 #include "zor/model/unit.h"
+#include "zor/pair/deviation.h"
+#include "zor/pair/pair.h"
+#include "zor/pair/pair_registration.h"
 #include "zor/spatial/tree_property.h"
 
 namespace zorpy {
@@ -192,10 +192,10 @@ RegisterResult Register(const py::object& movingObject, const py::object& fixedO
                         double reduceTolerance, double slideStep, bool normals, bool flipNormals, double normalRadius,
                         double maxNormalAngle, double normalWeight, long long sphereRings, long long sphereSpins,
                         long long axisSteps, bool polish, const py::object& progress) {
-  zortool::PairOptions options;
+  ZorStlRegistration::PairOptions options;
   Registration::MParams& p = options.params;
-  p = zortool::ToolDefaults();
-  if (!zortool::ParseStrategy(strategy, p.initialAlignment, &options.withFeatures))
+  p = ZorStlRegistration::PairDefaults();
+  if (!ZorStlRegistration::ParseStrategy(strategy, p.initialAlignment, &options.withFeatures))
     throw std::invalid_argument("unknown strategy '" + strategy +
                                 "' (auto+features, none, auto, axes, rod, disc, ball, features)");
   p.sampleCount = Count("samples", samples, 1);
@@ -217,13 +217,13 @@ RegisterResult Register(const py::object& movingObject, const py::object& fixedO
   const auto [moving, fixed] = Operands(movingObject, "moving", fixedObject, "fixed");
   const std::shared_ptr<Progress> bar = Progress::From(progress);
 
-  zortool::PairResult r;
+  ZorStlRegistration::PairResult r;
   {
     py::gil_scoped_release release;
     // With reduction off the search places the meshes themselves.
     const MeshLocks locks({moving.get(), fixed.get()}, !reduce);
     try {
-      r = zortool::AlignPair(moving->Stl(), fixed->Stl(), options, bar);
+      r = ZorStlRegistration::AlignPair(moving->Stl(), fixed->Stl(), options, bar);
     } catch (const std::out_of_range& e) {
       throw std::invalid_argument(std::string("the registration carried the moving mesh off the 32-bit grid (") +
                                   e.what() + ")");
@@ -235,7 +235,7 @@ RegisterResult Register(const py::object& movingObject, const py::object& fixedO
   out.transform = TransformArray(r.transform);
   out.error = r.error / ie;
   out.strategy = strategy;
-  out.strategy_used = zortool::StrategyName(r.used);
+  out.strategy_used = ZorStlRegistration::StrategyName(r.used);
   out.inliers = r.inliers;
   out.iterations = r.times.iterations;
   out.tried_features = r.triedFeatures;
@@ -257,7 +257,7 @@ IcpResult RunIcp(const py::object& movingObject, const py::object& fixedObject, 
                  long long rotations, long long iterations, long long samples, bool allowScale, bool normals,
                  double distanceFactor, double maxDistance, const py::object& initial, bool refine,
                  long long refineFactor, const py::object& progress) {
-  zortool::IcpOptions options;
+  ZorStlRegistration::IcpOptions options;
   Icp::MParams& p = options.params;
   p.multiStart = !single;
   p.directionCount = Count("directions", directions, 1);
@@ -279,11 +279,11 @@ IcpResult RunIcp(const py::object& movingObject, const py::object& fixedObject, 
   const auto [moving, fixed] = Operands(movingObject, "moving", fixedObject, "fixed");
   const std::shared_ptr<Progress> bar = Progress::From(progress);
 
-  zortool::IcpRun r;
+  ZorStlRegistration::IcpRun r;
   {
     py::gil_scoped_release release;
     const MeshLocks locks({moving.get(), fixed.get()}, false);
-    r = zortool::IcpPair(moving->Stl(), fixed->Stl(), options, "moving", "fixed", bar);
+    r = ZorStlRegistration::IcpPair(moving->Stl(), fixed->Stl(), options, "moving", "fixed", bar);
   }
   if (bar) bar->RaiseIfFailed();
   IcpResult out;
@@ -302,7 +302,7 @@ MorphResult Morph(const py::object& movingObject, const py::object& targetObject
                   const std::string& method, double tolerance, double targetFraction, double normalAngle,
                   double searchDistance, double smoothing, long long maxPasses, double initialStep,
                   double stepRetention, long long smoothingPasses, const py::object& progress) {
-  zortool::MorphOptions options;
+  ZorStlRegistration::MorphOptions options;
   options.registerFirst = registerFirst;
   if (method != "field" && method != "base")
     throw py::value_error("method must be 'field' or 'base', not '" + method + "'");
@@ -321,12 +321,12 @@ MorphResult Morph(const py::object& movingObject, const py::object& targetObject
   const std::shared_ptr<Progress> bar = Progress::From(progress);
 
   std::unique_ptr<MStlBase> morphed;
-  zortool::MorphRun r;
+  ZorStlRegistration::MorphRun r;
   {
     py::gil_scoped_release release;
     const MeshLocks locks({moving.get(), target.get()}, false);
     morphed = std::make_unique<MStlBase>(moving->Stl());  // the caller's mesh stays as it is
-    r = zortool::MorphPair(*morphed, target->Stl(), options, "moving", "target", bar);
+    r = ZorStlRegistration::MorphPair(*morphed, target->Stl(), options, "moving", "target", bar);
   }
   if (bar) bar->RaiseIfFailed();
   const double ie = MUnit::GetIE();
@@ -418,11 +418,11 @@ DeviationResult Deviation(const py::object& movingObject, const py::object& fixe
   if (!range.is_none()) rangeMm = Within("range", py::float_(range).cast<double>(), 0.0, kInf, true);
 
   std::vector<double> distances;
-  zortool::DeviationSummary summary;
+  ZorStlRegistration::DeviationSummary summary;
   {
     py::gil_scoped_release release;
     const MeshLocks locks({moving.get(), fixed.get()}, false);
-    distances = zortool::SignedDistances(moving->Stl(), pose ? &*pose : nullptr, fixed->Stl());
+    distances = ZorStlRegistration::SignedDistances(moving->Stl(), pose ? &*pose : nullptr, fixed->Stl());
     double within = 0.0;
     if (rangeMm)
       within = *rangeMm * ie;
@@ -438,7 +438,7 @@ DeviationResult Deviation(const py::object& movingObject, const py::object& fixe
       }
       within = std::max(within, 1.0);
     }
-    summary = zortool::SummariseDeviation(distances, within);
+    summary = ZorStlRegistration::SummariseDeviation(distances, within);
   }
   DeviationResult out;
   const py::ssize_t n = static_cast<py::ssize_t>(distances.size());
@@ -448,7 +448,7 @@ DeviationResult Deviation(const py::object& movingObject, const py::object& fixe
   std::uint8_t* c = out.colours.mutable_data();
   for (py::ssize_t i = 0; i < n; ++i) {
     d[i] = distances[i] / ie;
-    const auto rgb = zortool::DeviationColour(distances[i], summary.range);
+    const auto rgb = ZorStlRegistration::DeviationColour(distances[i], summary.range);
     std::copy(rgb.begin(), rgb.end(), c + 3 * i);
   }
   out.range = summary.range / ie;
@@ -466,10 +466,10 @@ std::shared_ptr<Mesh> Load(const std::filesystem::path& path, double scale) {
     PyErr_SetFromErrnoWithFilename(PyExc_FileNotFoundError, path.c_str());
     throw py::error_already_set();
   }
-  zortool::LoadedMesh loaded;
+  ZorStlRegistration::LoadedMesh loaded;
   {
     py::gil_scoped_release release;
-    loaded = zortool::ReadMesh(path.string(), scale);
+    loaded = ZorStlRegistration::ReadMesh(path.string(), scale);
   }
   for (const std::string& line : loaded.warnings)
     if (PyErr_WarnEx(PyExc_UserWarning, line.c_str(), 2) != 0) throw py::error_already_set();
@@ -480,7 +480,7 @@ void Save(const Mesh& mesh, const std::filesystem::path& path, double scale, boo
   Within("scale", scale, 0.0, kInf, true);
   py::gil_scoped_release release;
   const MeshLocks locks({&mesh}, false);
-  zortool::WriteMesh(mesh.Stl(), nullptr, scale, path.string(), ascii);
+  ZorStlRegistration::WriteMesh(mesh.Stl(), nullptr, scale, path.string(), ascii);
 }
 
 std::shared_ptr<Mesh> Transformed(const Mesh& mesh, const py::object& matrix) {
@@ -525,7 +525,7 @@ PYBIND11_MODULE(_zor, m) {
   py::register_exception_translator([](std::exception_ptr p) {
     try {
       if (p) std::rethrow_exception(p);
-    } catch (const zortool::InputError& e) {
+    } catch (const ZorStlRegistration::InputError& e) {
       PyErr_SetString(PyExc_ValueError, e.what());
     } catch (const std::invalid_argument& e) {
       PyErr_SetString(PyExc_ValueError, e.what());
@@ -611,9 +611,9 @@ FileNotFoundError for a missing file and ValueError for a malformed one, naming 
          &DeviationResult::distances, &DeviationResult::colours, &DeviationResult::range,
          &DeviationResult::within_share, &DeviationResult::percentile95, &DeviationResult::largest);
 
-  const Registration::MParams r = zortool::ToolDefaults();
+  const Registration::MParams r = ZorStlRegistration::PairDefaults();
   m.def("register", &Register, py::arg("moving"), py::arg("fixed"), py::kw_only(),
-        py::arg("strategy") = std::string(zortool::kDefaultStrategy), py::arg("samples") = r.sampleCount,
+        py::arg("strategy") = std::string(ZorStlRegistration::kDefaultStrategy), py::arg("samples") = r.sampleCount,
         py::arg("overlap") = r.overlapFraction, py::arg("error_tolerance") = r.errorTolerance,
         py::arg("iterations") = r.iterationCount, py::arg("reduce") = r.reduceMeshes,
         py::arg("reduce_tolerance") = r.reduceTolerance, py::arg("slide_step") = r.slideStep,
@@ -667,7 +667,7 @@ a sample this many times larger. progress: as in register.
 Returns an IcpResult: transform (4x4, shift in mm), rms_error (mm), starts, refined,
 seconds by stage.)");
 
-  const zortool::MorphOptions mo;
+  const ZorStlRegistration::MorphOptions mo;
   m.def("morph", &Morph, py::arg("moving"), py::arg("target"), py::kw_only(), py::arg("register") = mo.registerFirst,
         py::arg("method") = "field", py::arg("tolerance") = mo.toleranceMm,
         py::arg("target_fraction") = mo.params.targetFraction, py::arg("normal_angle") = mo.params.normalAngle,
@@ -739,11 +739,11 @@ a dimple and a groove, so that exactly one pose lays a copy on it; about this ma
       [](const std::shared_ptr<Mesh>& moving, const std::shared_ptr<Mesh>& fixed) {
         // For bench/python_bench.py: the C++ call that zor.register makes with its
         // defaults, timed in C++ on the same meshes in the same process.
-        zortool::PairOptions options;
-        options.params = zortool::ToolDefaults();
+        ZorStlRegistration::PairOptions options;
+        options.params = ZorStlRegistration::PairDefaults();
         py::gil_scoped_release release;
         const auto start = std::chrono::steady_clock::now();
-        zortool::AlignPair(moving->Stl(), fixed->Stl(), options);
+        ZorStlRegistration::AlignPair(moving->Stl(), fixed->Stl(), options);
         return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
       },
       py::arg("moving"), py::arg("fixed"));

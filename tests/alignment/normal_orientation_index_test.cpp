@@ -8,8 +8,8 @@
 #include <gtest/gtest.h>
 #include <tbb/task_arena.h>
 
-#include "tools/generators/bodies.h"
-#include "tools/generators/small_meshes.h"
+#include "generators/bodies.h"
+#include "generators/small_meshes.h"
 #include "zor/model/mesh_builder.h"
 #include "zor/model/stl.h"
 #include "zor/model/stl_iterators.h"

@@ -7,8 +7,8 @@
 
 #include <gtest/gtest.h>
 
-#include "tools/generators/bodies.h"
-#include "tools/generators/small_meshes.h"
+#include "generators/bodies.h"
+#include "generators/small_meshes.h"
 #include "zor/model/stl.h"
 #include "zor/model/stl_guards.h"
 

@@ -11,9 +11,9 @@
 #include <gtest/gtest.h>
 #include <oneapi/tbb/task_arena.h>
 
-#include "tools/generators/bodies.h"
-#include "tools/generators/mesh_arrays.h"
-#include "tools/generators/poses.h"
+#include "generators/bodies.h"
+#include "generators/mesh_arrays.h"
+#include "generators/poses.h"
 
 namespace {
 

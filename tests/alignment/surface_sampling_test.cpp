@@ -9,9 +9,9 @@
 
 #include <gtest/gtest.h>
 
-#include "tools/generators/bodies.h"
-#include "tools/generators/mesh_arrays.h"
-#include "tools/generators/small_meshes.h"
+#include "generators/bodies.h"
+#include "generators/mesh_arrays.h"
+#include "generators/small_meshes.h"
 #include "zor/alignment/surface_patch.h"
 #include "zor/model/stl.h"
 

@@ -15,7 +15,7 @@ execute_process(COMMAND "${CMAKE_COMMAND}" --build "${WORK_DIR}/build" RESULT_VA
 if(rc)
   message(FATAL_ERROR "build failed: ${rc}")
 endif()
-execute_process(COMMAND "${WORK_DIR}/build/consumer" RESULT_VARIABLE rc)
+execute_process(COMMAND "${WORK_DIR}/build/consumer" WORKING_DIRECTORY "${WORK_DIR}" RESULT_VARIABLE rc)
 if(rc)
   message(FATAL_ERROR "consumer failed: ${rc}")
 endif()

@@ -9,15 +9,16 @@
 #include <string>
 #include <string_view>
 
-#include "tools/zor-register/mesh_files.h"
-#include "tools/zor-register/native_readers.h"
+#include "zor/files/mesh_files.h"
+#include "zor/files/native_readers.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const std::string path = std::string("fuzzed") + ZOR_FUZZ_EXTENSION;
-  zortool::RawMesh raw;
+  ZorStlRegistration::RawMesh raw;
   try {
-    if (!zortool::ReadNativeMesh(path, std::string_view(reinterpret_cast<const char*>(data), size), raw)) return 0;
-  } catch (const zortool::InputError&) {
+    if (!ZorStlRegistration::ReadNativeMesh(path, std::string_view(reinterpret_cast<const char*>(data), size), raw))
+      return 0;
+  } catch (const ZorStlRegistration::InputError&) {
     return 0;
   }
   const std::size_t vertices = raw.xyz.size() / 3;

@@ -8,9 +8,9 @@
 #include <gtest/gtest.h>
 #include <tbb/task_arena.h>
 
+#include "generators/bodies.h"
+#include "generators/poses.h"
 #include "support/registration.h"
-#include "tools/generators/bodies.h"
-#include "tools/generators/poses.h"
 #include "zor/icp/detail/icp_iteration.h"
 #include "zor/icp/stl_base_operator_registration_icp.h"
 #include "zor/model/stl_iterators.h"

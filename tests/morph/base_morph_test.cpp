@@ -9,9 +9,9 @@
 #include <gtest/gtest.h>
 #include <oneapi/tbb/global_control.h>
 
+#include "generators/bodies.h"
+#include "generators/small_meshes.h"
 #include "support/mesh_checks.h"
-#include "tools/generators/bodies.h"
-#include "tools/generators/small_meshes.h"
 #include "zor/model/stl.h"
 #include "zor/morph/wrapper_operator_morph.h"
 #include "zor/spatial/tree_property.h"

@@ -10,8 +10,8 @@
 #include <gtest/gtest.h>
 #include <oneapi/tbb/task_arena.h>
 
+#include "generators/bodies.h"
 #include "support/mesh_checks.h"
-#include "tools/generators/bodies.h"
 #include "zor/model/stl.h"
 #include "zor/morph/detail/field_levels.h"
 #include "zor/morph/wrapper_operator_field_morph.h"

@@ -11,10 +11,10 @@
 
 #include <gtest/gtest.h>
 
+#include "generators/bodies.h"
+#include "generators/poses.h"
+#include "generators/small_meshes.h"
 #include "support/mesh_checks.h"
-#include "tools/generators/bodies.h"
-#include "tools/generators/poses.h"
-#include "tools/generators/small_meshes.h"
 #include "zor/model/stl.h"
 #include "zor/morph/wrapper_operator_morph.h"
 #include "zor/spatial/tree_property.h"

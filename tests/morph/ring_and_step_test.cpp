@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tools/generators/small_meshes.h"
+#include "generators/small_meshes.h"
 #include "zor/model/stl.h"
 #include "zor/morph/detail/morph_step.h"
 #include "zor/morph/vertex_ring_iterator.h"

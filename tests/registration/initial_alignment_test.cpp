@@ -4,10 +4,10 @@
 #include <gtest/gtest.h>
 #include <oneapi/tbb/task_arena.h>
 
+#include "generators/bodies.h"
+#include "generators/mesh_arrays.h"
+#include "generators/small_meshes.h"
 #include "support/registration.h"
-#include "tools/generators/bodies.h"
-#include "tools/generators/mesh_arrays.h"
-#include "tools/generators/small_meshes.h"
 #include "zor/alignment/principal_frame.h"
 #include "zor/model/mesh_builder.h"
 #include "zor/model/stl.h"

@@ -3,10 +3,10 @@
 #include <gtest/gtest.h>
 #include <tbb/task_arena.h>
 
+#include "generators/bodies.h"
+#include "generators/small_meshes.h"
 #include "support/mesh_checks.h"
 #include "support/registration.h"
-#include "tools/generators/bodies.h"
-#include "tools/generators/small_meshes.h"
 #include "zor/model/stl.h"
 #include "zor/model/stl_iterators.h"
 #include "zor/model/unit.h"

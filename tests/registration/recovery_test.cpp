@@ -6,9 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include "generators/bodies.h"
+#include "generators/poses.h"
 #include "support/registration.h"
-#include "tools/generators/bodies.h"
-#include "tools/generators/poses.h"
 #include "zor/model/stl_iterators.h"
 #include "zor/registration/user_operator_stl_registration.h"
 

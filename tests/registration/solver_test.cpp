@@ -6,9 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include "generators/bodies.h"
+#include "generators/small_meshes.h"
 #include "support/registration.h"
-#include "tools/generators/bodies.h"
-#include "tools/generators/small_meshes.h"
 #include "zor/model/stl.h"
 #include "zor/registration/detail/registration_solver.h"
 

@@ -5,9 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include "generators/bodies.h"
+#include "generators/small_meshes.h"
 #include "support/mesh_checks.h"
-#include "tools/generators/bodies.h"
-#include "tools/generators/small_meshes.h"
 #include "zor/model/stl.h"
 #include "zor/services/geom_properties.h"
 #include "zor/services/reduce.h"

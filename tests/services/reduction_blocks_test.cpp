@@ -12,10 +12,10 @@
 #include <gtest/gtest.h>
 #include <oneapi/tbb/task_arena.h>
 
+#include "generators/bodies.h"
+#include "generators/mesh_arrays.h"
+#include "generators/small_meshes.h"
 #include "support/mesh_checks.h"
-#include "tools/generators/bodies.h"
-#include "tools/generators/mesh_arrays.h"
-#include "tools/generators/small_meshes.h"
 #include "zor/model/stl.h"
 #include "zor/services/reduce.h"
 #include "zor/spatial/tree_property.h"

@@ -9,8 +9,8 @@
 
 #include <gtest/gtest.h>
 
-#include "tools/generators/bodies.h"
-#include "tools/generators/small_meshes.h"
+#include "generators/bodies.h"
+#include "generators/small_meshes.h"
 #include "zor/model/stl.h"
 #include "zor/spatial/detail/thread_safe_property.h"
 #include "zor/spatial/object_tree.h"

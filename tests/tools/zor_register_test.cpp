@@ -16,10 +16,10 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "tools/generators/bodies.h"
-#include "tools/generators/poses.h"
-#include "tools/generators/small_meshes.h"
-#include "tools/zor-register/mesh_files.h"
+#include "generators/bodies.h"
+#include "generators/poses.h"
+#include "generators/small_meshes.h"
+#include "zor/files/mesh_files.h"
 #include "zor/model/unit.h"
 
 namespace fs = std::filesystem;
@@ -132,8 +132,8 @@ TEST_F(ZorRegister, AlignRecoversAKnownPoseAndReportsIt) {
   const MMTransformMatrix pose = zorgen::DrawPose(5, 30.0 * ie);
   for (double scale : {1.0, 1000.0}) {  // millimetre files, then metre files read with --scale 1000
     SCOPED_TRACE(scale);
-    zortool::WriteMesh(*body, nullptr, scale, Path("fixed.ply"), false);
-    zortool::WriteMesh(*body, &pose, scale, Path("moving.obj"), false);
+    ZorStlRegistration::WriteMesh(*body, nullptr, scale, Path("fixed.ply"), false);
+    ZorStlRegistration::WriteMesh(*body, &pose, scale, Path("moving.obj"), false);
     const std::string scaleArg = " --scale " + std::to_string(scale);
     const Outcome run = Tool(
         "align moving.obj fixed.ply --json --overlap 1 "
@@ -175,8 +175,8 @@ TEST_F(ZorRegister, AlignRecoversAKnownPoseAndReportsIt) {
 TEST_F(ZorRegister, ADoubtfulResultIsReportedAndWarnedOfButNotAnError) {
   // A ball registered onto a box it is no part of: whatever pose is found, little of the
   // ball lies on the box, and the command must say so rather than report success.
-  zortool::WriteMesh(*zorgen::MakeSphere(15000, 30, 60), nullptr, 1.0, Path("ball.stl"), false);
-  zortool::WriteMesh(*zorgen::MakeBox(40000, 30000, 20000, 12), nullptr, 1.0, Path("box.stl"), false);
+  ZorStlRegistration::WriteMesh(*zorgen::MakeSphere(15000, 30, 60), nullptr, 1.0, Path("ball.stl"), false);
+  ZorStlRegistration::WriteMesh(*zorgen::MakeBox(40000, 30000, 20000, 12), nullptr, 1.0, Path("box.stl"), false);
   const Outcome run = Tool("align ball.stl box.stl --json");
   EXPECT_EQ(run.status, 0);
   EXPECT_NE(run.err.find("warning: the result is doubtful: only "), std::string::npos) << run.err;
@@ -195,8 +195,8 @@ TEST_F(ZorRegister, IcpRecoversAKnownPoseAndRefusesWhatHasNoAxis) {
   const double ie = MUnit::GetIE();
   const auto body = zorgen::MakeSphere(20000, 40, 80, 6000);
   const MMTransformMatrix pose = zorgen::DrawPose(3, 30.0 * ie);
-  zortool::WriteMesh(*body, nullptr, 1.0, Path("fixed.stl"), false);
-  zortool::WriteMesh(*body, &pose, 1.0, Path("moving.ply"), false);
+  ZorStlRegistration::WriteMesh(*body, nullptr, 1.0, Path("fixed.stl"), false);
+  ZorStlRegistration::WriteMesh(*body, &pose, 1.0, Path("moving.ply"), false);
   const nlohmann::json report = ParseJson(Tool("icp moving.ply fixed.stl --json -o moved.off"));
   // Ten point-to-point fits between sparse samples converge slowly: the right pose to
   // within a few degrees (a turn of the relief would be tens of degrees off).
@@ -241,8 +241,8 @@ TEST_F(ZorRegister, MorphLaysAMovedStretchedCopyOnItsBentTargetAndMapsTheDeviati
   auto moving = zorgen::MakeSphere(20000.0, 44, 90, 1500.0);
   moving->Rescale(1.03f, 0.98f, 1.0f, MMVector3i());
   const MMTransformMatrix pose = zorgen::DrawPose(3, 30.0 * ie);
-  zortool::WriteMesh(*target, nullptr, 1.0, Path("target.stl"), false);
-  zortool::WriteMesh(*moving, &pose, 1.0, Path("moving.ply"), false);
+  ZorStlRegistration::WriteMesh(*target, nullptr, 1.0, Path("target.stl"), false);
+  ZorStlRegistration::WriteMesh(*moving, &pose, 1.0, Path("moving.ply"), false);
 
   const nlohmann::json report =
       ParseJson(Tool("morph moving.ply target.stl -o morphed.ply --json --tolerance 0.2 --deviation map.ply"));

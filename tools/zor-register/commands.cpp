@@ -14,10 +14,8 @@
 #include <nlohmann/json.hpp>
 #include <tbb/global_control.h>
 
-#include "tools/generators/bodies.h"
-#include "tools/generators/poses.h"
-#include "tools/zor-register/deviation.h"
-#include "tools/zor-register/mesh_files.h"
+#include "generators/bodies.h"
+#include "generators/poses.h"
 #include "tools/zor-register/progress_bar.h"
 #include "zor/model/unit.h"
 
@@ -26,8 +24,6 @@ namespace {
 
 using Registration = MUserOperatorStlRegistration;
 using Json = nlohmann::ordered_json;
-
-constexpr const char* kStrategyNames[] = {"none", "auto", "axes", "rod", "disc", "ball", "features"};
 
 void Warn(const CommonOptions& common, const std::vector<std::string>& lines) {
   if (common.quiet) return;
@@ -197,36 +193,11 @@ void PrintDeviation(const DeviationOptions& deviation, const std::optional<Devia
 
 }  // namespace
 
-Registration::MParams ToolDefaults() {
-  Registration::MParams p;
-  p.initialAlignment = Registration::AlignAutomatic;
-  return p;
-}
-
 Registration::MParams DemoDefaults() {
-  Registration::MParams p = ToolDefaults();
+  Registration::MParams p = PairDefaults();
   p.overlapFraction = 1.0;
   p.errorTolerance = 0.01;
   return p;
-}
-
-const char* StrategyName(Registration::MInitialAlignment a) {
-  return a >= Registration::AlignNone && a <= Registration::AlignFeatures ? kStrategyNames[a] : "unknown";
-}
-
-bool ParseStrategy(const std::string& name, Registration::MInitialAlignment& out, bool* withFeatures) {
-  if (withFeatures != nullptr) *withFeatures = false;
-  if (withFeatures != nullptr && name == kDefaultStrategy) {
-    out = Registration::AlignAutomatic;
-    *withFeatures = true;
-    return true;
-  }
-  for (int i = 0; i <= Registration::AlignFeatures; ++i)
-    if (name == kStrategyNames[i]) {
-      out = static_cast<Registration::MInitialAlignment>(i);
-      return true;
-    }
-  return false;
 }
 
 int RunAlign(const std::string& movingPath, const std::string& fixedPath, const std::string& output,

@@ -6,11 +6,14 @@
 #include <string>
 #include <vector>
 
-#include "tools/zor-register/mesh_operations.h"
-#include "tools/zor-register/pair_alignment.h"
+#include "zor/files/mesh_files.h"
+#include "zor/pair/pair.h"
 #include "zor/registration/user_operator_stl_registration.h"
 
 namespace zortool {
+
+// The library's pair calls and files, by their short names.
+using namespace ZorStlRegistration;  // NOLINT(google-build-using-namespace): the tool's own namespace
 
 struct CommonOptions {
   double scale = 1.0;    // file units times scale are user units (millimetres)
@@ -19,19 +22,6 @@ struct CommonOptions {
   bool ascii = false;    // text STL and PLY output
   unsigned threads = 0;  // 0: all cores
 };
-
-// The registration parameters as the tool sets them: the library's, except that
-// the strategy starts from the shapes alone (files come with no starting pose).
-MUserOperatorStlRegistration::MParams ToolDefaults();
-
-// Strategy names, and their values: "none", "auto", "axes", "rod", "disc",
-// "ball", "features"; and the command's default, "auto+features": auto, and the
-// feature strategy as well when that result is doubtful (see pair_alignment.h), for
-// which ParseStrategy sets `withFeatures` (when given) and `out` to auto.
-constexpr const char* kDefaultStrategy = "auto+features";
-const char* StrategyName(MUserOperatorStlRegistration::MInitialAlignment a);
-bool ParseStrategy(const std::string& name, MUserOperatorStlRegistration::MInitialAlignment& out,
-                   bool* withFeatures = nullptr);
 
 // A deviation map of the result (see deviation.h), written when `path` is not empty.
 struct DeviationOptions {

@@ -21,7 +21,6 @@
 #include <CLI/CLI.hpp>
 
 #include "tools/zor-register/commands.h"
-#include "tools/zor-register/mesh_files.h"
 
 namespace {
 
@@ -195,7 +194,7 @@ int Run(int argc, char** argv) {
   app.require_subcommand(1);
 
   CommonOptions common;
-  Registration::MParams alignParams = ToolDefaults();
+  Registration::MParams alignParams = PairDefaults();
   std::string alignStrategy, moving, fixed, output;
   CLI::App* align = app.add_subcommand("align", "Register MOVING onto FIXED and print the transform and its error");
   align->add_option("MOVING", moving, "The mesh to move")->required();

@@ -1,4 +1,4 @@
-#include "tools/generators/bodies.h"
+#include "generators/bodies.h"
 
 #include <algorithm>
 #include <cmath>

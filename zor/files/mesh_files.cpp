@@ -1,4 +1,4 @@
-#include "tools/zor-register/mesh_files.h"
+#include "zor/files/mesh_files.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -18,12 +18,12 @@
 #include <limits>
 #include <string_view>
 
-#include "tools/zor-register/deviation.h"
-#include "tools/zor-register/native_readers.h"
+#include "zor/files/deviation_colour.h"
+#include "zor/files/native_readers.h"
 #include "zor/model/stl_iterators.h"
 #include "zor/model/unit.h"
 
-namespace zortool {
+namespace ZorStlRegistration {
 namespace {
 
 constexpr double kGridLimit = 2147483647.0;
@@ -432,4 +432,4 @@ void WriteMesh(const MStlBase& mesh, const MMTransformMatrix* pose, double scale
   out.Commit();
 }
 
-}  // namespace zortool
+}  // namespace ZorStlRegistration

@@ -1,19 +1,16 @@
-#include "tools/zor-register/mesh_operations.h"
+#include "zor/pair/pair_operations.h"
 
 #include <chrono>
 #include <stdexcept>
 #include <utility>
 
-#include "tools/zor-register/mesh_files.h"
 #include "zor/model/unit.h"
 #include "zor/morph/detail/registered_morph.h"
 
-namespace zortool {
+namespace ZorStlRegistration {
 namespace {
 
-using Icp = ZorStlRegistration::MStlBaseOperatorRegistrationICP;
-using ZorStlRegistration::MWrapperOperatorBaseMorph;
-using ZorStlRegistration::MWrapperOperatorMorph;
+using Icp = MStlBaseOperatorRegistrationICP;
 
 // The axis (0, 1, 2) along which `mesh` has no extent, or -1.
 int FlatAxis(const MStlBase& mesh) {
@@ -26,7 +23,7 @@ int FlatAxis(const MStlBase& mesh) {
 }  // namespace
 
 IcpRun IcpPair(const MStlBase& moving, const MStlBase& fixed, const IcpOptions& options, const std::string& movingName,
-               const std::string& fixedName, std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress) {
+               const std::string& fixedName, const std::shared_ptr<ZorSDK::Common::IProgressDelegate>& progress) {
   const double ie = MUnit::GetIE();
   Icp::MParams p = options.params;
   p.moving = &moving;
@@ -48,12 +45,12 @@ IcpRun IcpPair(const MStlBase& moving, const MStlBase& fixed, const IcpOptions& 
   // The reporter counts the starts; the operator tells of each from the thread that ran it.
   std::unique_ptr<ZorSDK::Common::IncrementalProgressReporter> reporter;
   if (progress && p.multiStart) {
-    reporter = std::make_unique<ZorSDK::Common::IncrementalProgressReporter>(std::move(progress), "Multi-start ICP",
+    reporter = std::make_unique<ZorSDK::Common::IncrementalProgressReporter>(progress, "Multi-start ICP",
                                                                              p.directionCount * p.rotationCount, false);
     icp.SetStartObserver([&reporter](std::size_t, std::size_t) { ++*reporter; });
   }
   if (!icp.Operate()) {
-    const bool movingBad = !ZorStlRegistration::AnalyzeMeshAxis(moving).valid;
+    const bool movingBad = !AnalyzeMeshAxis(moving).valid;
     throw InputError("'" + (movingBad ? movingName : fixedName) +
                      "' has no area (all its points on a line): there is no axis to start from");
   }
@@ -120,8 +117,7 @@ MorphRun MorphPair(MStlBase& moving, MStlBase& target, const MorphOptions& optio
       }
     } else {
       if (options.registerFirst) {
-        const ZorStlRegistration::detail::RegisteredStages stages =
-            ZorStlRegistration::detail::RegisterScaleAndAlign(moving, target);
+        const detail::RegisteredStages stages = detail::RegisterScaleAndAlign(moving, target);
         run.registrationSucceeded = stages.registered;
         run.registration = stages.registration;
         for (int i = 0; i < 3; ++i) run.scales[i] = stages.scales[i];
@@ -130,12 +126,12 @@ MorphRun MorphPair(MStlBase& moving, MStlBase& target, const MorphOptions& optio
         run.stages.scaling = stages.scalingSeconds;
         run.stages.icp = stages.icpSeconds;
       }
-      ZorStlRegistration::MWrapperOperatorFieldMorph::SParams params = options.fieldParams;
+      MWrapperOperatorFieldMorph::SParams params = options.fieldParams;
       params.distanceTolerance = run.tolerance;
       params.searchDistance = options.searchDistanceMm * ie;
       params.targetFraction = options.params.targetFraction;
       params.normalAngle = options.params.normalAngle;
-      ZorStlRegistration::MWrapperOperatorFieldMorph field(movingHandle, targetHandle);
+      MWrapperOperatorFieldMorph field(movingHandle, targetHandle);
       field.SetParams(params);
       field.Operate(std::move(progress));
       run.field = field.GetReport();
@@ -153,4 +149,4 @@ MorphRun MorphPair(MStlBase& moving, MStlBase& target, const MorphOptions& optio
   return run;
 }
 
-}  // namespace zortool
+}  // namespace ZorStlRegistration

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "tools/generators/mesh_arrays.h"
+#include "generators/mesh_arrays.h"
 #include "zor/model/stl_base.h"
 
 namespace zorgen {

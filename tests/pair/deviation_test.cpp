@@ -1,6 +1,6 @@
 // The deviation map's distances: their size against a brute-force point-triangle
 // distance, their sign against the side of a closed surface, and the summary.
-#include "tools/zor-register/deviation.h"
+#include "zor/pair/deviation.h"
 
 #include <cmath>
 #include <limits>
@@ -9,7 +9,8 @@
 
 #include <gtest/gtest.h>
 
-#include "tools/generators/small_meshes.h"
+#include "generators/small_meshes.h"
+#include "zor/files/deviation_colour.h"
 #include "zor/spatial/point_triangle_distance.h"
 
 namespace {
@@ -35,7 +36,7 @@ TEST(SignedDistances, MatchBruteForceAndArePositiveOutsideAClosedSurface) {
   for (int i = 0; i < 20; ++i) probes.AddPoint(1000 + i * 30, 600 + i * 20, 400 + i * 10, true);  // off the corner
   MMTransformMatrix lift;
   lift.MakeTranslation(MMVector3d(0, 0, 0));
-  const std::vector<double> distances = zortool::SignedDistances(probes, &lift, *box);
+  const std::vector<double> distances = ZorStlRegistration::SignedDistances(probes, &lift, *box);
   ASSERT_EQ(distances.size(), probes.NumberOfPoints());
   std::size_t i = 0;
   for (const MStlPoint* p = probes.GetFirstPoint(); p != nullptr; p = p->GetNext(), ++i) {
@@ -55,25 +56,25 @@ TEST(SignedDistances, FollowThePose) {
   probe.AddPoint(500, 300, 200, true);  // the centre: 200 inside
   MMTransformMatrix up;
   up.MakeTranslation(MMVector3d(0, 0, 500));  // 300 above the top
-  EXPECT_NEAR(zortool::SignedDistances(probe, nullptr, *box)[0], -200.0, 1e-9);
-  EXPECT_NEAR(zortool::SignedDistances(probe, &up, *box)[0], 300.0, 1e-9);
+  EXPECT_NEAR(ZorStlRegistration::SignedDistances(probe, nullptr, *box)[0], -200.0, 1e-9);
+  EXPECT_NEAR(ZorStlRegistration::SignedDistances(probe, &up, *box)[0], 300.0, 1e-9);
 }
 
 TEST(SummariseDeviation, ShareWithinRangeAndNearestRankPercentile) {
   std::vector<double> distances;
   for (int i = 1; i <= 100; ++i) distances.push_back(i % 2 == 0 ? i : -i);
-  const zortool::DeviationSummary s = zortool::SummariseDeviation(distances, 10.0);
+  const ZorStlRegistration::DeviationSummary s = ZorStlRegistration::SummariseDeviation(distances, 10.0);
   EXPECT_DOUBLE_EQ(s.withinShare, 0.10);
   EXPECT_EQ(s.percentile95, 95.0);
   EXPECT_EQ(s.largest, 100.0);
-  EXPECT_EQ(zortool::SummariseDeviation({}, 1.0).withinShare, 0.0);
+  EXPECT_EQ(ZorStlRegistration::SummariseDeviation({}, 1.0).withinShare, 0.0);
 }
 
 TEST(DeviationColour, GreenWithinRedAboveBlueBelow) {
-  EXPECT_EQ(zortool::DeviationColour(0.5, 1.0), (std::array<std::uint8_t, 3>{0, 200, 0}));
-  EXPECT_EQ(zortool::DeviationColour(5.0, 1.0), (std::array<std::uint8_t, 3>{255, 0, 0}));
-  EXPECT_EQ(zortool::DeviationColour(-5.0, 1.0), (std::array<std::uint8_t, 3>{0, 0, 255}));
-  EXPECT_EQ(zortool::DeviationColour(1.5, 1.0)[1], 128);  // halfway from yellow to red
+  EXPECT_EQ(ZorStlRegistration::DeviationColour(0.5, 1.0), (std::array<std::uint8_t, 3>{0, 200, 0}));
+  EXPECT_EQ(ZorStlRegistration::DeviationColour(5.0, 1.0), (std::array<std::uint8_t, 3>{255, 0, 0}));
+  EXPECT_EQ(ZorStlRegistration::DeviationColour(-5.0, 1.0), (std::array<std::uint8_t, 3>{0, 0, 255}));
+  EXPECT_EQ(ZorStlRegistration::DeviationColour(1.5, 1.0)[1], 128);  // halfway from yellow to red
 }
 
 }  // namespace

@@ -1,11 +1,11 @@
-#include "tools/generators/small_meshes.h"
+#include "generators/small_meshes.h"
 
 #include <cmath>
 #include <cstdint>
 #include <random>
 #include <vector>
 
-#include "tools/generators/mesh_arrays.h"
+#include "generators/mesh_arrays.h"
 
 namespace zorgen {
 

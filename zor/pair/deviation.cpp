@@ -1,4 +1,4 @@
-#include "tools/zor-register/deviation.h"
+#include "zor/pair/deviation.h"
 
 #include <algorithm>
 #include <cmath>
@@ -10,7 +10,7 @@
 #include "zor/services/surface_normals.h"
 #include "zor/spatial/tree_property.h"
 
-namespace zortool {
+namespace ZorStlRegistration {
 namespace {
 
 // The pseudo-normal of `t` at the place `where` of its closest point.
@@ -82,15 +82,4 @@ DeviationSummary SummariseDeviation(const std::vector<double>& distances, double
   return summary;
 }
 
-std::array<std::uint8_t, 3> DeviationColour(double distance, double range) {
-  const double t = range > 0.0 ? distance / range : (distance > 0.0 ? 2.0 : distance < 0.0 ? -2.0 : 0.0);
-  const auto level = [](double share) {
-    return static_cast<std::uint8_t>(std::lround(255.0 * std::clamp(share, 0.0, 1.0)));
-  };
-  if (t > 1.0) return {255, level(2.0 - t), 0};   // yellow at the range, red from twice it
-  if (t < -1.0) return {0, level(2.0 + t), 255};  // cyan at the range, blue from twice it
-  if (std::isnan(t)) return {128, 128, 128};
-  return {0, 200, 0};
-}
-
-}  // namespace zortool
+}  // namespace ZorStlRegistration

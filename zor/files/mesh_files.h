@@ -1,5 +1,5 @@
 #pragma once
-// Mesh files for the command-line tool: reading STL, PLY, OBJ and OFF (see
+// Mesh files: reading STL, PLY, OBJ and OFF (see
 // native_readers.h) into a joined mesh on the integer grid, and writing STL, PLY, OBJ or OFF
 // whole or not at all.
 //
@@ -9,22 +9,16 @@
 
 #include <cstddef>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "zor/files/export.h"
+#include "zor/files/input_error.h"
 #include "zor/model/mesh_builder.h"
 #include "zor/model/stl_base.h"
 #include "zor/model/transform.h"
 
-namespace zortool {
-
-// Bad input from the user: the message is one line and the program exits with
-// status 2.
-class InputError : public std::runtime_error {
-public:
-  using std::runtime_error::runtime_error;
-};
+namespace ZorStlRegistration {
 
 struct LoadedMesh {
   std::unique_ptr<MStlBase> mesh;
@@ -38,33 +32,34 @@ struct LoadedMesh {
 // or unreadable, is not one of the four formats, is malformed, holds no triangle, or has a coordinate that is not
 // finite or that leaves the 32-bit grid at this scale (the message then suggests a
 // --scale).
-LoadedMesh ReadMesh(const std::string& path, double scale);
+ZOR_FILES_API LoadedMesh ReadMesh(const std::string& path, double scale);
 
 // Advice when a mesh spans so few grid steps that rounding costs accuracy, or
 // lies so far out that a move could carry it off the grid: one line each,
 // naming a --scale.
-std::vector<std::string> GridAdvice(const std::string& what, const MStlBase& mesh, double scale);
+ZOR_FILES_API std::vector<std::string> GridAdvice(const std::string& what, const MStlBase& mesh, double scale);
 
 enum class MeshFormat { Stl, Ply, Obj, Off };
 
 // The format the extension of `path` names (any case). Throws InputError for
 // another extension, or when the folder that should hold the file does not
 // exist.
-MeshFormat CheckOutputPath(const std::string& path);
+ZOR_FILES_API MeshFormat CheckOutputPath(const std::string& path);
 
 // Writes `mesh`, moved by `pose` when it is not null, to `path` in the format
 // its extension names: binary STL and PLY unless `ascii`. The file is written
 // beside its destination under a temporary name and renamed over it at the end,
 // so a reader never sees half a file and a failure leaves nothing behind.
 // Throws InputError when the file cannot be written.
-void WriteMesh(const MStlBase& mesh, const MMTransformMatrix* pose, double scale, const std::string& path, bool ascii);
+ZOR_FILES_API void WriteMesh(const MStlBase& mesh, const MMTransformMatrix* pose, double scale, const std::string& path,
+                             bool ascii);
 
 // Writes the deviation map: `mesh` (moved by `pose` when not null) as binary PLY with
 // each vertex's signed distance (`distances`, internal units, one per point in list
 // order) as a float `quality` in file units and its colour (see DeviationColour, with
 // `range` in internal units). Throws InputError unless `path` ends in .ply, and as
 // WriteMesh.
-void WriteDeviationMap(const MStlBase& mesh, const MMTransformMatrix* pose, double scale, const std::string& path,
-                       const std::vector<double>& distances, double range);
+ZOR_FILES_API void WriteDeviationMap(const MStlBase& mesh, const MMTransformMatrix* pose, double scale,
+                                     const std::string& path, const std::vector<double>& distances, double range);
 
-}  // namespace zortool
+}  // namespace ZorStlRegistration

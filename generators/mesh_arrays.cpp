@@ -1,4 +1,4 @@
-#include "tools/generators/mesh_arrays.h"
+#include "generators/mesh_arrays.h"
 
 #include <algorithm>
 #include <array>

@@ -1,13 +1,15 @@
 #pragma once
-// The multi-start ICP and the morph as the tool runs them on meshes in memory: the
-// parameters the tool takes, the checks of the input the operators need, and what a
-// report of each run shows. The command line and the Python package both call these.
+// The multi-start ICP and the morph as a host application runs them, with lengths in
+// millimetres: the checks of the input the operators need, and what a report of each
+// run shows. Bad input throws InputError with a one-line message.
 
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "zor/export.h"
+#include "zor/files/input_error.h"
 #include "zor/icp/stl_base_operator_registration_icp.h"
 #include "zor/model/progress.h"
 #include "zor/model/stl_base.h"
@@ -15,12 +17,12 @@
 #include "zor/morph/wrapper_operator_field_morph.h"
 #include "zor/morph/wrapper_operator_morph.h"
 
-namespace zortool {
+namespace ZorStlRegistration {
 
 // The multi-start ICP: the operator's parameters (meshes aside), with its lengths in
 // millimetres.
 struct IcpOptions {
-  ZorStlRegistration::MStlBaseOperatorRegistrationICP::MParams params;
+  MStlBaseOperatorRegistrationICP::MParams params;
   double maxDistance = 0.0;     // mm; 0: reject by the median rule
   std::vector<double> initial;  // 16 values, row-major, shift in millimetres; empty: the identity
 };
@@ -28,7 +30,7 @@ struct IcpOptions {
 struct IcpRun {
   MMTransformMatrix transform;  // moving onto fixed
   double rms = 0.0;             // internal units
-  ZorStlRegistration::MStlBaseOperatorRegistrationICP::StageTimes times;
+  MStlBaseOperatorRegistrationICP::StageTimes times;
   std::uint64_t starts = 0;  // runs from a start (1 for a single run)
   bool refined = false;      // a run on the larger sample followed
 };
@@ -36,18 +38,19 @@ struct IcpRun {
 // Runs the multi-start ICP of `moving` onto `fixed`; `progress` (may be null) counts the
 // starts. Throws InputError for an initial transform that is not finite, for no starts
 // and for a mesh without area (naming it by `movingName` or `fixedName`).
-IcpRun IcpPair(const MStlBase& moving, const MStlBase& fixed, const IcpOptions& options, const std::string& movingName,
-               const std::string& fixedName, std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress = {});
+ZOR_API IcpRun IcpPair(const MStlBase& moving, const MStlBase& fixed, const IcpOptions& options,
+                       const std::string& movingName, const std::string& fixedName,
+                       const std::shared_ptr<ZorSDK::Common::IProgressDelegate>& progress = {});
 
 // The morph: which one runs (the field morph, or the base morph with its fixed
 // schedule), the parameters of each, the tolerance in millimetres, and whether the
 // meshes are registered and scaled first.
 struct MorphOptions {
   bool baseMorph = false;
-  ZorStlRegistration::MWrapperOperatorBaseMorph::SParams params;  // distanceTolerance comes from toleranceMm
+  MWrapperOperatorBaseMorph::SParams params;  // distanceTolerance comes from toleranceMm
   // distanceTolerance comes from toleranceMm, searchDistance from searchDistanceMm, and
   // targetFraction and normalAngle from `params`, which both morphs share.
-  ZorStlRegistration::MWrapperOperatorFieldMorph::SParams fieldParams;
+  MWrapperOperatorFieldMorph::SParams fieldParams;
   double toleranceMm = 0.05;
   double searchDistanceMm = 0.0;  // the field morph's first reach; 0: a tenth of the moving mesh's diagonal
   bool registerFirst = true;
@@ -55,10 +58,10 @@ struct MorphOptions {
 
 struct MorphRun {
   bool baseMorph = false;
-  ZorStlRegistration::MWrapperOperatorFieldMorph::Report field;     // without baseMorph
-  ZorStlRegistration::MWrapperOperatorBaseMorph::StageTimes morph;  // with baseMorph
-  ZorStlRegistration::MWrapperOperatorMorph::StageTimes stages;     // with registerFirst
-  double total = 0.0;                                               // seconds of the whole run
+  MWrapperOperatorFieldMorph::Report field;     // without baseMorph
+  MWrapperOperatorBaseMorph::StageTimes morph;  // with baseMorph
+  MWrapperOperatorMorph::StageTimes stages;     // with registerFirst
+  double total = 0.0;                           // seconds of the whole run
   // Field morph: distances of the morphed points to the target surface. Base morph: the
   // lengths of the displacements its last measurement gave (0 for a point it found no
   // place for). Internal units.
@@ -78,7 +81,8 @@ struct MorphRun {
 // `progress` (may be null) hears the passes. Throws InputError when the base morph is
 // given points that no triangle uses, or, with registerFirst, when a mesh is flat along
 // an axis; and when the morph carries the mesh off the grid.
-MorphRun MorphPair(MStlBase& moving, MStlBase& target, const MorphOptions& options, const std::string& movingName,
-                   const std::string& targetName, std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress = {});
+ZOR_API MorphRun MorphPair(MStlBase& moving, MStlBase& target, const MorphOptions& options,
+                           const std::string& movingName, const std::string& targetName,
+                           std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress = {});
 
-}  // namespace zortool
+}  // namespace ZorStlRegistration

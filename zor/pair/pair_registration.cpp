@@ -1,4 +1,4 @@
-#include "tools/zor-register/pair_alignment.h"
+#include "zor/pair/pair_registration.h"
 
 #include <algorithm>
 #include <chrono>
@@ -17,10 +17,12 @@
 #include "zor/services/registration_icp.h"
 #include "zor/spatial/tree_property.h"
 
-namespace zortool {
+namespace ZorStlRegistration {
 namespace {
 
 using Registration = MUserOperatorStlRegistration;
+
+constexpr const char* kStrategyNames[] = {"none", "auto", "axes", "rod", "disc", "ball", "features"};
 
 // Points of the moving mesh that the verdict measures: every k-th, for at most this many.
 constexpr std::size_t kVerdictSamples = 20000;
@@ -243,4 +245,31 @@ PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& optio
   return result;
 }
 
-}  // namespace zortool
+MUserOperatorStlRegistration::MParams PairDefaults() {
+  MUserOperatorStlRegistration::MParams p;
+  p.initialAlignment = MUserOperatorStlRegistration::AlignAutomatic;
+  return p;
+}
+
+const char* StrategyName(MUserOperatorStlRegistration::MInitialAlignment a) {
+  return a >= MUserOperatorStlRegistration::AlignNone && a <= MUserOperatorStlRegistration::AlignFeatures
+             ? kStrategyNames[a]
+             : "unknown";
+}
+
+bool ParseStrategy(const std::string& name, MUserOperatorStlRegistration::MInitialAlignment& out, bool* withFeatures) {
+  if (withFeatures != nullptr) *withFeatures = false;
+  if (withFeatures != nullptr && name == kDefaultStrategy) {
+    out = MUserOperatorStlRegistration::AlignAutomatic;
+    *withFeatures = true;
+    return true;
+  }
+  for (int i = 0; i <= MUserOperatorStlRegistration::AlignFeatures; ++i)
+    if (name == kStrategyNames[i]) {
+      out = static_cast<MUserOperatorStlRegistration::MInitialAlignment>(i);
+      return true;
+    }
+  return false;
+}
+
+}  // namespace ZorStlRegistration

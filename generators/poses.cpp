@@ -1,4 +1,4 @@
-#include "tools/generators/poses.h"
+#include "generators/poses.h"
 
 #include <cmath>
 

@@ -1,5 +1,5 @@
 #pragma once
-// The tool's mesh readers: STL (binary and text), PLY (text, binary in either byte
+// The mesh readers: STL (binary and text), PLY (text, binary in either byte
 // order), OBJ and OFF. One pass over the file in memory, linear in its size; every
 // count checked against what the bytes left can hold before anything is allocated,
 // every index against the vertex count, every coordinate for being finite. Files come
@@ -12,7 +12,9 @@
 #include <string_view>
 #include <vector>
 
-namespace zortool {
+#include "zor/files/export.h"
+
+namespace ZorStlRegistration {
 
 // A mesh as a file gives it: coordinates in file units, three vertex numbers per
 // triangle (polygons as fans), and the vertices already joined on equal coordinates.
@@ -28,6 +30,6 @@ struct RawMesh {
 // `path`'s extension (OFF also by its keyword), then text STL (by extension or a
 // leading "solid"). False for a file of none of these kinds. Throws InputError, naming
 // `path`, the place and the reason, for an empty file or a malformed one.
-bool ReadNativeMesh(const std::string& path, std::string_view bytes, RawMesh& raw);
+ZOR_FILES_API bool ReadNativeMesh(const std::string& path, std::string_view bytes, RawMesh& raw);
 
-}  // namespace zortool
+}  // namespace ZorStlRegistration

@@ -10,10 +10,11 @@
 #include <string>
 #include <vector>
 
+#include "zor/export.h"
 #include "zor/model/stl_base.h"
 #include "zor/model/transform.h"
 
-namespace zortool {
+namespace ZorStlRegistration {
 
 // The signed distance of every point of `moving` (in list order, moved by `pose` when it
 // is not null) to the surface of `fixed`, in internal units. The side comes from the
@@ -21,7 +22,8 @@ namespace zortool {
 // two faces' normals on an edge, the angle-weighted normal at a corner), which tells
 // inside from outside exactly on a closed surface. Zero for a fixed mesh without
 // triangles. Runs on all cores; the result does not depend on their number.
-std::vector<double> SignedDistances(const MStlBase& moving, const MMTransformMatrix* pose, const MStlBase& fixed);
+ZOR_API std::vector<double> SignedDistances(const MStlBase& moving, const MMTransformMatrix* pose,
+                                            const MStlBase& fixed);
 
 struct DeviationSummary {
   double range = 0.0;         // the tolerance the colours and the share refer to
@@ -29,10 +31,6 @@ struct DeviationSummary {
   double percentile95 = 0.0;  // of |distance|, nearest rank
   double largest = 0.0;       // largest |distance|
 };
-DeviationSummary SummariseDeviation(const std::vector<double>& distances, double range);
+ZOR_API DeviationSummary SummariseDeviation(const std::vector<double>& distances, double range);
 
-// The colour of a distance: green within the range, yellow to red above it (red from
-// twice the range on), cyan to blue below it.
-std::array<std::uint8_t, 3> DeviationColour(double distance, double range);
-
-}  // namespace zortool
+}  // namespace ZorStlRegistration

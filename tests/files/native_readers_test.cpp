@@ -17,16 +17,16 @@
 
 #include <gtest/gtest.h>
 
-#include "tools/generators/bodies.h"
-#include "tools/zor-register/mesh_files.h"
+#include "generators/bodies.h"
+#include "zor/files/mesh_files.h"
 #include "zor/model/stl.h"
 #include "zor/model/unit.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using zortool::InputError;
-using zortool::ReadMesh;
+using ZorStlRegistration::InputError;
+using ZorStlRegistration::ReadMesh;
 
 struct Files : ::testing::Test {
   void SetUp() override {
@@ -72,8 +72,8 @@ TEST_F(Files, EveryFormatReadsBackExactlyWhatTheToolWrote) {
   const auto body = zorgen::MakeSampleBody(12);
   for (const char* name : {"b.stl", "t.stl", "b.ply", "t.ply", "t.obj", "t.off"}) {
     SCOPED_TRACE(name);
-    zortool::WriteMesh(*body, nullptr, 1.0, Path(name), name[0] == 't');
-    const zortool::LoadedMesh back = ReadMesh(Path(name), 1.0);
+    ZorStlRegistration::WriteMesh(*body, nullptr, 1.0, Path(name), name[0] == 't');
+    const ZorStlRegistration::LoadedMesh back = ReadMesh(Path(name), 1.0);
     EXPECT_EQ(back.mesh->NumberOfPoints(), body->NumberOfPoints());
     EXPECT_EQ(Triangles(*back.mesh), Triangles(*body));
   }
@@ -87,7 +87,7 @@ TEST_F(Files, ObjAndOffVariantsRead) {
   Write("quad.obj",
         "# a unit square and a roof\nmtllib x.mtl\nv 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\nvt 0 0\nvn 0 0 1\n"
         "g part\nusemtl m\ns off\nf 1/1/1 2/1/1 3//1 4\nv 0.5 0.5 1\nf -5 -4 -1\n");
-  const zortool::LoadedMesh obj = ReadMesh(Path("quad.obj"), 1.0);
+  const ZorStlRegistration::LoadedMesh obj = ReadMesh(Path("quad.obj"), 1.0);
   EXPECT_EQ(obj.fileTriangles, 3u);
   EXPECT_EQ(obj.mesh->NumberOfPoints(), 5u);
   // OFF variants: colours after vertices and faces, homogeneous coordinates, counts
@@ -97,7 +97,7 @@ TEST_F(Files, ObjAndOffVariantsRead) {
         "0 1 0 9 9 9 255\n3 0 1 2\n3 0 2 3 1 0 0\n");
   Write("h.off", "4OFF 3 1 3\n0 0 0 1\n2 0 0 2\n0 4 0 4\n3 0 1 2\n");
   EXPECT_EQ(ReadMesh(Path("c.off"), 1.0).fileTriangles, 2u);
-  const zortool::LoadedMesh h = ReadMesh(Path("h.off"), 1.0);
+  const ZorStlRegistration::LoadedMesh h = ReadMesh(Path("h.off"), 1.0);
   EXPECT_EQ(Triangles(*h.mesh).size(), 1u);
   EXPECT_EQ(h.mesh->GetXMax(), std::int32_t(MUnit::GetIE()));  // (2, 0, 0) / 2
   EXPECT_EQ(h.mesh->GetYMax(), std::int32_t(MUnit::GetIE()));  // (0, 4, 0) / 4
@@ -174,7 +174,7 @@ TEST_F(Files, MutatedFilesAreReadOrRefusedNeverAnythingElse) {
   const auto body = zorgen::MakeSampleBody(2);
   std::vector<std::pair<std::string, std::string>> sources;
   for (const char* name : {"b.stl", "t.stl", "b.ply", "t.ply", "t.obj", "t.off"}) {
-    zortool::WriteMesh(*body, nullptr, 1.0, Path(name), name[0] == 't');
+    ZorStlRegistration::WriteMesh(*body, nullptr, 1.0, Path(name), name[0] == 't');
     std::ifstream in(Path(name), std::ios::binary);
     sources.emplace_back(name, std::string(std::istreambuf_iterator<char>(in), {}));
   }
@@ -234,7 +234,7 @@ TEST_F(Files, BigEndianPlyWithPolygonsAndExtraPropertiesReads) {
   ply += std::string("\x00\x03", 2) + Be32(0) + Be32(1) + Be32(4);
   ply += Be32(0) + Be32(1);
   Write("big.ply", ply);
-  const zortool::LoadedMesh loaded = ReadMesh(Path("big.ply"), 1.0);
+  const ZorStlRegistration::LoadedMesh loaded = ReadMesh(Path("big.ply"), 1.0);
   EXPECT_EQ(loaded.fileVertices, 5u);
   EXPECT_EQ(loaded.fileTriangles, 3u);  // the quad as a fan of two
   ASSERT_EQ(loaded.mesh->NumberOfPoints(), 5u);

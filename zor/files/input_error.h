@@ -1,0 +1,15 @@
+#pragma once
+// Bad input from a user: a missing or malformed file, a parameter out of range, a mesh
+// an operation cannot take. The message is one line that names what was wrong; a
+// command-line program shows it and exits with status 2.
+
+#include <stdexcept>
+
+namespace ZorStlRegistration {
+
+class InputError : public std::runtime_error {
+public:
+  using std::runtime_error::runtime_error;
+};
+
+}  // namespace ZorStlRegistration

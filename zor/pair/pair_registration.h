@@ -1,0 +1,78 @@
+#pragma once
+// The registration of one mesh onto another as a host application wants it: files and
+// scans come with no starting pose, so the operator starts from the shapes' automatic
+// choice, and when that result is doubtful it tries the feature strategy as well and
+// keeps the better; then a point-to-plane finish on the full meshes; and a verdict on
+// what was found (the overlap, its RMS, and whether the result is doubtful and why).
+// MUserOperatorStlRegistration stays available for callers that want the operator's
+// own defaults and behaviour.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "zor/export.h"
+#include "zor/model/progress.h"
+#include "zor/model/stl_base.h"
+#include "zor/model/transform.h"
+#include "zor/registration/user_operator_stl_registration.h"
+
+namespace ZorStlRegistration {
+
+// What the result shows of itself, on up to kVerdictSamples of the moving mesh's points
+// placed by it: the share within `distance` of the fixed surface (the overlap found)
+// and the RMS distance of those.
+struct Verdict {
+  double distance = 0.0;  // internal units
+  double overlap = 0.0;   // 0..1
+  double rms = 0.0;       // internal units
+  bool doubtful = false;
+  std::string reason;  // why it is doubtful; empty when it is not
+};
+
+// The registration parameters of the pair call: the operator's, except that the
+// strategy starts from the shapes alone (AlignAutomatic).
+ZOR_API MUserOperatorStlRegistration::MParams PairDefaults();
+
+// Strategy names, and their values: "none", "auto", "axes", "rod", "disc", "ball",
+// "features"; and the pair call's default, "auto+features": auto, and the feature
+// strategy as well when that result is doubtful, for which ParseStrategy sets
+// `withFeatures` (when given) and `out` to auto. False for an unknown name.
+constexpr const char* kDefaultStrategy = "auto+features";
+ZOR_API const char* StrategyName(MUserOperatorStlRegistration::MInitialAlignment a);
+ZOR_API bool ParseStrategy(const std::string& name, MUserOperatorStlRegistration::MInitialAlignment& out,
+                           bool* withFeatures = nullptr);
+
+struct PairOptions {
+  MUserOperatorStlRegistration::MParams params = PairDefaults();
+  // The default: automatic, and features as well when that result is doubtful.
+  bool withFeatures = true;
+  bool polish = true;  // point-to-plane ICP on the full meshes after the operator
+};
+
+struct PairResult {
+  MMTransformMatrix transform;  // moving onto fixed
+  double error = 0.0;           // internal units, the operator's measure
+  std::uint64_t inliers = 0;
+  MUserOperatorStlRegistration::MInitialAlignment used = MUserOperatorStlRegistration::AlignNone;
+  MUserOperatorStlRegistration::StageTimes times;  // of the run kept
+  bool triedFeatures = false;
+  bool polished = false;
+  double polishSeconds = 0.0;
+  Verdict verdict;
+};
+
+// Measures `pose` (moving onto fixed) as Verdict says. The fixed mesh's triangle tree is
+// built on first use and kept with the mesh.
+ZOR_API Verdict JudgePose(const MStlBase& moving, const MStlBase& fixed, const MMTransformMatrix& pose,
+                          double distance);
+
+// Registers `moving` onto `fixed` (lengths of `options.params` in user units, usually
+// millimetres). Throws std::out_of_range when a pose
+// carries the moving mesh off the grid (as the operator does). With reduceMeshes on (the
+// default) the meshes are only read, and other threads may read them meanwhile; with it
+// off the search places them by writing their coordinates for the time of the run.
+ZOR_API PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& options,
+                             std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress = {});
+
+}  // namespace ZorStlRegistration
