@@ -221,10 +221,9 @@ void RunShape(const Options& o, Shape shape, long size) {
         ++used[run.strategy];
         if (d > basin && o.failures) {
           const MMTransformMatrix residual = run.found * truth;
-          const double trace = residual.GetElement(0, 0) + residual.GetElement(1, 1) + residual.GetElement(2, 2);
           std::printf("    miss %-9s %-14s pose %2d: %s, rms %.3f mm, off by %.1f deg, error %.3f mm\n",
-                      ShapeName(shape), c.name, k, run.strategy.c_str(), d / 1000.0,
-                      std::acos(std::max(-1.0, std::min(1.0, (trace - 1.0) / 2.0))) * 57.29577951308232, run.error);
+                      ShapeName(shape), c.name, k, run.strategy.c_str(), d / 1000.0, RotationDegrees(residual),
+                      run.error);
         }
       }
       std::string strategies;

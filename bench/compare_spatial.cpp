@@ -27,6 +27,7 @@
 
 #include "generators/bodies.h"
 #include "zor/model/stl.h"
+#include "zor/model/stopwatch.h"
 #include "zor/spatial/object_tree.h"
 
 namespace {
@@ -36,7 +37,7 @@ using Clock = std::chrono::steady_clock;
 double Seconds(const std::function<void()>& f) {
   const auto t0 = Clock::now();
   f();
-  return std::chrono::duration<double>(Clock::now() - t0).count();
+  return ZorSDK::Common::SecondsSince(t0);
 }
 
 // Best of `reps` timings (the machine is shared with nothing, but caches and pages

@@ -18,6 +18,7 @@
 #include "generators/poses.h"
 #include "zor/files/deviation_colour.h"
 #include "zor/files/mesh_files.h"
+#include "zor/model/stopwatch.h"
 #include "zor/pair/deviation.h"
 
 namespace {
@@ -28,7 +29,7 @@ double MedianSeconds(Work work) {
   for (int run = 0; run < 3; ++run) {
     const auto start = std::chrono::steady_clock::now();
     work();
-    seconds.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    seconds.push_back(ZorSDK::Common::SecondsSince(start));
   }
   std::sort(seconds.begin(), seconds.end());
   return seconds[1];
@@ -76,7 +77,7 @@ int main(int argc, char** argv) {
     // Once: the first call pays for the triangle tree, as the tool's one call does.
     const auto start = std::chrono::steady_clock::now();
     distances = ZorStlRegistration::SignedDistances(*body, &shift, *body);
-    const double measure = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    const double measure = ZorSDK::Common::SecondsSince(start);
     const double write =
         MedianSeconds([&] { ZorStlRegistration::WriteDeviationMap(*body, &shift, 1.0, path, distances, 300.0); });
     std::printf("%-10zu %12.3f %10.3f %8.1f\n", body->GetNumberOfTriangles(), measure, write,

@@ -22,6 +22,7 @@
 #include "generators/bodies.h"
 #include "generators/poses.h"
 #include "zor/alignment/surface_sampling.h"
+#include "zor/model/stopwatch.h"
 #include "zor/model/unit.h"
 #include "zor/registration/detail/registration_solver.h"
 #include "zor/registration/user_operator_stl_registration.h"
@@ -65,9 +66,8 @@ struct Accuracy {
 // How far `found` * `pose` is from the identity.
 Accuracy Residual(const MMTransformMatrix& found, const MMTransformMatrix& pose, const MeshArrays& m) {
   const MMTransformMatrix d = found * pose;
-  double trace = d.GetElement(0, 0) + d.GetElement(1, 1) + d.GetElement(2, 2);
   Accuracy a;
-  a.degrees = std::acos(std::max(-1.0, std::min(1.0, (trace - 1.0) / 2.0))) * 180.0 / 3.141592653589793;
+  a.degrees = RotationDegrees(d);
   double lo[3] = {1e300, 1e300, 1e300}, hi[3] = {-1e300, -1e300, -1e300};
   for (std::size_t i = 0; i < m.xyz.size(); ++i) {
     lo[i % 3] = std::min(lo[i % 3], m.xyz[i]);
@@ -169,7 +169,7 @@ void IterationCost(long samples) {
         solver.MoveRecords(step);
         solver.MeanError();
       }
-      seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+      seconds += ZorSDK::Common::SecondsSince(start);
     }
   });
   std::printf("one refinement iteration, %zu samples on %zu triangles, 1 thread: %.3f ms\n", points.size(),

@@ -61,8 +61,7 @@ MeshArrays MakeBody(const std::string& body, long size, double noise) {
 void Residual(const MMTransformMatrix& found, const MMTransformMatrix& pose, const MeshArrays& m, double& degrees,
               double& millimetres) {
   const MMTransformMatrix r = found * pose;
-  const double trace = r.GetElement(0, 0) + r.GetElement(1, 1) + r.GetElement(2, 2);
-  degrees = std::acos(std::max(-1.0, std::min(1.0, 0.5 * (trace - 1.0)))) * 180.0 / 3.141592653589793;
+  degrees = RotationDegrees(r);
   MMVector3d centre;
   const std::size_t points = m.xyz.size() / 3;
   for (std::size_t i = 0; i < points; ++i) centre += MMVector3d(m.xyz[3 * i], m.xyz[3 * i + 1], m.xyz[3 * i + 2]);

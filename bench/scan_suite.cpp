@@ -27,6 +27,7 @@
 #include "bench/bench_args.h"
 #include "generators/poses.h"
 #include "zor/files/mesh_files.h"
+#include "zor/model/stopwatch.h"
 #include "zor/model/unit.h"
 #include "zor/pair/pair_registration.h"
 
@@ -134,13 +135,12 @@ int main(int argc, char** argv) {
           if (mode == "features") options.params.initialAlignment = Registration::AlignFeatures;
           const auto start = std::chrono::steady_clock::now();
           const ZorStlRegistration::PairResult r = ZorStlRegistration::AlignPair(moving, *fixed.mesh, options);
-          const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+          const double seconds = ZorSDK::Common::SecondsSince(start);
 
           // The result times the placement is the identity when the pose was found.
           MMTransformMatrix residual = r.transform;
           residual.PostMultiply(placement);
-          const double trace = residual.GetElement(0, 0) + residual.GetElement(1, 1) + residual.GetElement(2, 2);
-          const double angle = std::acos(std::clamp(0.5 * (trace - 1.0), -1.0, 1.0)) * kDegrees;
+          const double angle = RotationDegrees(residual);
           MMVector3d moved = centre;
           residual.Transform(moved, false);
           const double shift = Length(moved - centre);

@@ -16,3 +16,20 @@ function(zor_target_options target)
     message(FATAL_ERROR "ZOR_SANITIZE must be empty, address or thread, not '${ZOR_SANITIZE}'")
   endif()
 endfunction()
+
+# A shared library of the package: its alias ZorStlRegistration::<name>, the project's
+# options, the export macro defined while it builds (`building`), includes from the
+# repository root (installed under include/), and its install into the export set.
+function(zor_add_library name building)
+  add_library(${name} SHARED ${ARGN})
+  add_library(ZorStlRegistration::${name} ALIAS ${name})
+  zor_target_options(${name})
+  target_compile_definitions(${name} PRIVATE ${building})
+  target_include_directories(${name} PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  install(TARGETS ${name} EXPORT ZorStlRegistrationTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endfunction()

@@ -33,6 +33,7 @@
 #include "progress.h"
 #include "zor/files/deviation_colour.h"
 #include "zor/files/mesh_files.h"
+#include "zor/model/stopwatch.h"
 #include "zor/model/unit.h"
 #include "zor/pair/deviation.h"
 #include "zor/pair/pair.h"
@@ -744,7 +745,7 @@ a dimple and a groove, so that exactly one pose lays a copy on it; about this ma
         py::gil_scoped_release release;
         const auto start = std::chrono::steady_clock::now();
         ZorStlRegistration::AlignPair(moving->Stl(), fixed->Stl(), options);
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        return ZorSDK::Common::SecondsSince(start);
       },
       py::arg("moving"), py::arg("fixed"));
   m.attr("__version__") = ZOR_VERSION;

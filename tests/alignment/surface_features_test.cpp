@@ -34,10 +34,9 @@ double Median(std::vector<double> v) {
 std::pair<double, double> Residual(const MMTransformMatrix& a, const MMTransformMatrix& b, const MMVector3d& at) {
   MMTransformMatrix r = a;
   r.PostMultiply(b);
-  const double trace = r.GetElement(0, 0) + r.GetElement(1, 1) + r.GetElement(2, 2);
   MMVector3d moved = at;
   r.Transform(moved, false);
-  return {std::acos(std::clamp(0.5 * (trace - 1.0), -1.0, 1.0)) * 57.29577951308232, Length(moved - at)};
+  return {RotationDegrees(r), Length(moved - at)};
 }
 
 // For each keypoint of `a` whose place (moved by `pose`) has a keypoint of `b` within

@@ -11,11 +11,8 @@
 
 namespace zortest {
 
-// The angle of the rotation part of `m`, in degrees.
-inline double RotationDegrees(const MMTransformMatrix& m) {
-  const double trace = m.GetElement(0, 0) + m.GetElement(1, 1) + m.GetElement(2, 2);
-  return std::acos(std::max(-1.0, std::min(1.0, (trace - 1.0) / 2.0))) * 180.0 / 3.141592653589793;
-}
+// The angle of the rotation part of a transform, in degrees.
+using ::RotationDegrees;
 
 // The largest distance between the points of `mesh` moved by `a` and by `b`: how far
 // apart two poses put the mesh anywhere.

@@ -15,14 +15,14 @@
 #include "zor/icp/detail/icp_iteration.h"
 #include "zor/icp/iso_sphere.h"
 #include "zor/model/stl_iterators.h"
+#include "zor/model/stopwatch.h"
 #include "zor/services/geom_properties.h"
 
 namespace ZorStlRegistration {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double SecondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+using ZorSDK::Common::Clock;
+using ZorSDK::Common::SecondsSince;
 
 constexpr double kTwoPi = 6.283185307179586;
 

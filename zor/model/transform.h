@@ -6,6 +6,7 @@
 // Threading: const members may be called from any number of threads at once; no const
 // member writes to the object.
 
+#include <cmath>
 #include <cstdint>
 #include <vector>
 
@@ -126,3 +127,11 @@ private:
   bool _InverseTransform(MMVector3d& out, const MMVector3d& in, bool direction) const override;
   void _Update();
 };
+
+// The angle of the rotation part of `m` in degrees, from its trace (clamped, so that a
+// matrix a rounding away from a rotation still gives an angle).
+inline double RotationDegrees(const MMTransformMatrix& m) {
+  const double trace = m.GetElement(0, 0) + m.GetElement(1, 1) + m.GetElement(2, 2);
+  const double cosine = (trace - 1.0) / 2.0;
+  return std::acos(cosine < -1.0 ? -1.0 : cosine > 1.0 ? 1.0 : cosine) * 180.0 / 3.141592653589793;
+}

@@ -13,6 +13,7 @@
 #include <oneapi/tbb/parallel_reduce.h>
 #include <oneapi/tbb/task_group.h>
 
+#include "zor/model/stopwatch.h"
 #include "zor/morph/vertex_ring_iterator.h"
 #include "zor/spatial/nearest_query.h"
 #include "zor/spatial/point_triangle_distance.h"
@@ -22,7 +23,8 @@ namespace {
 
 using ZorMesh::StlBase::Handle::Triangle;
 using ZorMesh::StlBase::Handle::Vertex;
-using Clock = std::chrono::steady_clock;
+using ZorSDK::Common::Clock;
+using ZorSDK::Common::SecondsSince;
 
 // A hinted search starts with its bound above the hint's squared distance by this share
 // of the square of (mesh diagonal + twice the hint's distance): 100 times the rounding
@@ -46,8 +48,6 @@ struct DualRecord {
   MStlPoint* moving = nullptr;
   bool valid = false;
 };
-
-double Seconds(Clock::time_point since) { return std::chrono::duration<double>(Clock::now() - since).count(); }
 
 std::vector<Vertex> VerticesInListOrder(const MStlBase& mesh) {
   std::vector<Vertex> vertices;
@@ -324,7 +324,7 @@ void MWrapperOperatorMorphingCorrespondence::_DualPass(MDataMask<MStlPoint, std:
   // order, so each entry lists its target vertices in that order.
   for (const DualRecord& record : records)
     if (record.valid) dualMap.GetInfo(record.moving->GetMaskIndex()).push_back(record.target);
-  passTimes.dual = Seconds(start);
+  passTimes.dual = SecondsSince(start);
 }
 
 void MWrapperOperatorMorphingCorrespondence::_MainPass(ResultAdapter& result,
@@ -382,5 +382,5 @@ void MWrapperOperatorMorphingCorrespondence::_MainPass(ResultAdapter& result,
     result.SetInfo(v, d);
   };
   ParallelOver(movingVertices.size(), displace);
-  passTimes.main = Seconds(start);
+  passTimes.main = SecondsSince(start);
 }

@@ -10,6 +10,7 @@
 
 #include "zor/model/stl_base.h"
 #include "zor/model/stl_guards.h"
+#include "zor/model/stopwatch.h"
 #include "zor/morph/detail/morph_step.h"
 #include "zor/morph/morphing_correspondence.h"
 
@@ -17,7 +18,8 @@ namespace ZorStlRegistration {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using ZorSDK::Common::Clock;
+using ZorSDK::Common::SecondsSince;
 
 constexpr double kPi = 3.141592653589793;
 // Distances and the search radius before the first measurement: far beyond any mesh.
@@ -27,8 +29,6 @@ constexpr double kSearchMargin = 1.5;
 // The angle schedule has an entry per possible reduction of smoothing; past this many
 // the entries would all be the same, and the schedule stops growing.
 constexpr std::size_t kLongestSchedule = std::size_t(1) << 16;
-
-double Seconds(Clock::time_point since) { return std::chrono::duration<double>(Clock::now() - since).count(); }
 
 MWrapperOperatorBaseMorph::StlImpl CheckedHandle(MWrapperOperatorBaseMorph::StlImpl handle, const char* which) {
   if (handle.GetStl() == nullptr)
@@ -102,14 +102,14 @@ void MWrapperOperatorBaseMorph::Operate(std::shared_ptr<ZorSDK::Common::IProgres
   MWrapperOperatorMorphingCorrespondence correspondence(moving, target);
   correspondence.SetProgressDelegate(std::move(progress));
   MWrapperOperatorMorphingCorrespondence::ResultAdapter adapter(displacementMask);
-  stageTimes.setup += Seconds(stage);
+  stageTimes.setup += SecondsSince(stage);
   const auto measure = [&](bool useNormals) {
     correspondence.Operate(adapter, angle(), searchDistance, true, useNormals);
     stageTimes.dualPass += correspondence.GetPassTimes().dual;
     stageTimes.mainPass += correspondence.GetPassTimes().main;
     const Clock::time_point statisticsStart = Clock::now();
     _ComputeStatistics();
-    stageTimes.statistics += Seconds(statisticsStart);
+    stageTimes.statistics += SecondsSince(statisticsStart);
   };
   measure(true);
 
@@ -130,7 +130,7 @@ void MWrapperOperatorBaseMorph::Operate(std::shared_ptr<ZorSDK::Common::IProgres
   }
   stageTimes.iterations = iteration;
   rings.reset();
-  stageTimes.total = Seconds(start);
+  stageTimes.total = SecondsSince(start);
 }
 
 void MWrapperOperatorBaseMorph::_MorphingStep() {
@@ -138,11 +138,11 @@ void MWrapperOperatorBaseMorph::_MorphingStep() {
     const Clock::time_point stage = Clock::now();
     rings = std::make_unique<detail::MeshRings>();
     rings->Build(*moving.GetStl());
-    stageTimes.setup += Seconds(stage);
+    stageTimes.setup += SecondsSince(stage);
   }
   const Clock::time_point stage = Clock::now();
   detail::MorphingStep(*rings, *displacementMask, params.initialStep);
-  stageTimes.step += Seconds(stage);
+  stageTimes.step += SecondsSince(stage);
   _SmoothStl(params.smoothingPasses);
   params.initialStep = detail::NextStep(params.initialStep, params.stepRetention);
 }
@@ -151,7 +151,7 @@ void MWrapperOperatorBaseMorph::_SmoothStl(std::size_t passes) {
   if (passes == 0) return;
   const Clock::time_point stage = Clock::now();
   detail::SmoothStl(*rings, *smoothingMask, passes);
-  stageTimes.smoothing += Seconds(stage);
+  stageTimes.smoothing += SecondsSince(stage);
 }
 
 void MWrapperOperatorBaseMorph::_ComputeStatistics() {

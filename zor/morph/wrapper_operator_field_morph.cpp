@@ -13,6 +13,7 @@
 
 #include "zor/model/stl_base.h"
 #include "zor/model/stl_guards.h"
+#include "zor/model/stopwatch.h"
 #include "zor/morph/detail/field_levels.h"
 #include "zor/spatial/nearest_query.h"
 #include "zor/spatial/point_triangle_distance.h"
@@ -22,9 +23,10 @@ namespace ZorStlRegistration {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using detail::FieldLevel;
 using detail::PlaneTerm;
+using ZorSDK::Common::Clock;
+using ZorSDK::Common::SecondsSince;
 
 constexpr double kPi = 3.141592653589793;
 // The first smoothing length, as a share of the moving mesh's diagonal: the first field
@@ -56,8 +58,6 @@ constexpr double kOnEdge = 1e-9;
 constexpr double kFloorShare = 0.2;
 // A gain of the 95th percentile below this share counts as none.
 constexpr double kStallGain = 0.01;
-
-double Seconds(Clock::time_point since) { return std::chrono::duration<double>(Clock::now() - since).count(); }
 
 template <typename Body>
 void ForEach(std::size_t count, const Body& body) {
@@ -287,13 +287,13 @@ void MWrapperOperatorFieldMorph::Operate(std::shared_ptr<ZorSDK::Common::IProgre
   report.levels = levels.size();
   const FieldLevel& fine = levels[0];
   const TargetSurface surface(target.GetStl());
-  report.setup = Seconds(stage);
+  report.setup = SecondsSince(stage);
 
   std::vector<MMVector3d> field(levels.back().rest.size());
   if (n == 0 || surface.Empty() || arrays.triangles.empty()) {
     report.stop = n == 0 || arrays.triangles.empty() ? StopReason::NothingToMorph : StopReason::NoMatch;
     report.unmatched = n;
-    report.total = Seconds(start);
+    report.total = SecondsSince(start);
     return;
   }
 
@@ -340,7 +340,7 @@ void MWrapperOperatorFieldMorph::Operate(std::shared_ptr<ZorSDK::Common::IProgre
     }
     const PassSummary pass = MatchLevel(surface, current, field, level == 0 ? normals : current.normals, cosine, reach,
                                         tolerance, terms, distances);
-    report.correspondence += Seconds(stage);
+    report.correspondence += SecondsSince(stage);
     ++report.passes;
     ++reporter;
     if (pass.matched == 0 && !everMatched) {
@@ -378,7 +378,7 @@ void MWrapperOperatorFieldMorph::Operate(std::shared_ptr<ZorSDK::Common::IProgre
     const detail::FieldWeights weights{ratio2 * ratio2, kMembraneShare * ratio2, 0.0, kRidge};
     detail::SolveField(current, terms, weights, level == 0 ? kFineSolverSteps : kSolverSteps, kSolverTolerance, field,
                        scratch);
-    report.solve += Seconds(stage);
+    report.solve += SecondsSince(stage);
     if (report.passes >= params.maxPasses) {
       stop = StopReason::PassLimit;
       break;
@@ -422,8 +422,8 @@ void MWrapperOperatorFieldMorph::Operate(std::shared_ptr<ZorSDK::Common::IProgre
   report.fractionWithin /= static_cast<double>(n);
   report.p95Distance = Quantile(std::move(final), 0.95);
   if (stop == StopReason::NoMatch) report.unmatched = n;
-  report.measure = Seconds(stage);
-  report.total = Seconds(start);
+  report.measure = SecondsSince(stage);
+  report.total = SecondsSince(start);
 }
 
 }  // namespace ZorStlRegistration

@@ -6,6 +6,7 @@
 
 #include "zor/model/stl_base.h"
 #include "zor/model/stl_iterators.h"
+#include "zor/model/stopwatch.h"
 #include "zor/morph/detail/registered_morph.h"
 #include "zor/registration/user_operator_stl_registration.h"
 #include "zor/services/registration_icp.h"
@@ -14,7 +15,8 @@ namespace ZorStlRegistration {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using ZorSDK::Common::Clock;
+using ZorSDK::Common::SecondsSince;
 
 // The refining ICP works on about this many moving points.
 constexpr double kIcpPoints = 2000.0;
@@ -26,8 +28,6 @@ constexpr std::size_t kIcpIterations = 4000;
 constexpr double kIcpDistanceThreshold = 100000.0;
 // Update flags: normals and extremes.
 constexpr unsigned long kNormalsAndExtremes = 65;
-
-double Seconds(Clock::time_point since) { return std::chrono::duration<double>(Clock::now() - since).count(); }
 
 }  // namespace
 
@@ -72,13 +72,13 @@ RegisteredStages RegisterScaleAndAlign(MStlBase& movingMesh, MStlBase& targetMes
   out.registered = rigid.Operate();
   if (out.registered) rigid.GetTransformation(out.registration);
   ApplyTransform(movingMesh, out.registration);
-  out.registrationSeconds = Seconds(stage);
+  out.registrationSeconds = SecondsSince(stage);
 
   stage = Clock::now();
   const BoxScaling scaling = ScalingToBox(movingMesh, targetMesh);
   std::copy(scaling.scale, scaling.scale + 3, out.scales);
   movingMesh.Rescale(scaling.scale[0], scaling.scale[1], scaling.scale[2], scaling.centre);
-  out.scalingSeconds = Seconds(stage);
+  out.scalingSeconds = SecondsSince(stage);
 
   stage = Clock::now();
   const MMTransformMatrix identity;
@@ -94,7 +94,7 @@ RegisteredStages RegisterScaleAndAlign(MStlBase& movingMesh, MStlBase& targetMes
   icp.Operate();  // its transform is applied whatever the outcome: the identity on failure
   out.icp = icp.GetTransformToBeAppliedToMoving();
   ApplyTransform(movingMesh, out.icp);
-  out.icpSeconds = Seconds(stage);
+  out.icpSeconds = SecondsSince(stage);
   return out;
 }
 
@@ -113,8 +113,8 @@ void MWrapperOperatorMorph::Operate(std::shared_ptr<ZorSDK::Common::IProgressDel
   const Clock::time_point stage = Clock::now();
   morph.Operate(std::move(progress));
   moving.GetStl()->Update(kNormalsAndExtremes, true);
-  stageTimes.morph = Seconds(stage);
-  stageTimes.total = Seconds(start);
+  stageTimes.morph = SecondsSince(stage);
+  stageTimes.total = SecondsSince(start);
 }
 
 void MWrapperOperatorMorph::_Register() {

@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "zor/model/stopwatch.h"
 #include "zor/model/unit.h"
 #include "zor/morph/detail/registered_morph.h"
 
@@ -144,7 +145,7 @@ MorphRun MorphPair(MStlBase& moving, MStlBase& target, const MorphOptions& optio
     throw InputError(std::string("the morph carried the moving mesh off the 32-bit grid (") + e.what() +
                      "); try a smaller scale");
   }
-  run.total = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  run.total = ZorSDK::Common::SecondsSince(start);
   run.stages.total = run.total;
   return run;
 }

@@ -12,6 +12,7 @@
 #include <tbb/parallel_for.h>
 #include <tbb/parallel_invoke.h>
 
+#include "zor/model/stopwatch.h"
 #include "zor/model/unit.h"
 #include "zor/services/reduce.h"
 #include "zor/services/registration_icp.h"
@@ -19,6 +20,9 @@
 
 namespace ZorStlRegistration {
 namespace {
+
+using ZorSDK::Common::Clock;
+using ZorSDK::Common::SecondsSince;
 
 using Registration = MUserOperatorStlRegistration;
 
@@ -41,10 +45,6 @@ constexpr double kMostLooseness = 0.5;
 constexpr std::size_t kWidePolishSamples = 10000;
 constexpr std::size_t kPolishSamples = 40000;
 constexpr std::size_t kPolishIterations = 50;
-
-double Seconds(std::chrono::steady_clock::time_point since) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
-}
 
 struct Run {
   MMTransformMatrix transform;
@@ -184,7 +184,7 @@ PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& optio
     if (!options.polish || r.polished) return;
     const auto start = std::chrono::steady_clock::now();
     r.polished = Polish(moving, fixed, distance, r.transform);
-    r.polishSeconds = Seconds(start);
+    r.polishSeconds = SecondsSince(start);
     r.verdict = JudgePose(moving, fixed, r.transform, distance);
   };
 
@@ -210,7 +210,7 @@ PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& optio
     searchMoving = reducedMoving.get();
     searchFixed = reducedFixed.get();
     params.reduceMeshes = false;
-    reduction = Seconds(start);
+    reduction = SecondsSince(start);
   }
   const auto search = [&](Registration::MInitialAlignment strategy) {
     Run run = RunOperator(*searchMoving, *searchFixed, params, strategy, progress);

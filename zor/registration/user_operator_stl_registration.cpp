@@ -10,15 +10,15 @@
 #include "zor/alignment/normal_orientation_index.h"
 #include "zor/alignment/surface_sampling.h"
 #include "zor/model/stl_guards.h"
+#include "zor/model/stopwatch.h"
 #include "zor/model/unit.h"
 #include "zor/registration/detail/registration_solver.h"
 #include "zor/services/reduce.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double SecondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+using ZorSDK::Common::Clock;
+using ZorSDK::Common::SecondsSince;
 
 // Latitude rows of the matcher's grid of normal directions, poles included.
 constexpr std::uint64_t kMatcherRows = 19;
