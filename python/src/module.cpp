@@ -37,6 +37,7 @@
 #include "zor/model/unit.h"
 #include "zor/pair/deviation.h"
 #include "zor/pair/pair.h"
+#include "zor/pair/pair_parameters.h"
 #include "zor/pair/pair_registration.h"
 #include "zor/spatial/tree_property.h"
 
@@ -48,25 +49,24 @@ using Icp = ZorStlRegistration::MStlBaseOperatorRegistrationICP;
 
 // ---- parameters ------------------------------------------------------------------
 
-std::uint64_t Count(const char* name, long long value, long long low, long long high = 1000000000) {
-  if (value < low || value > high)
-    throw std::invalid_argument(std::string(name) + " must be in [" + std::to_string(low) + ", " +
-                                std::to_string(high) + "]; got " + std::to_string(value));
-  return static_cast<std::uint64_t>(value);
-}
-
-// A finite number in [low, high], or in (low, high] when `openLow`.
-double Within(const char* name, double value, double low, double high, bool openLow) {
-  if (!std::isfinite(value) || value < low || (openLow && value <= low) || value > high) {
-    const std::string top = std::isinf(high) ? "inf" : py::str(py::float_(high)).cast<std::string>();
-    throw std::invalid_argument(std::string(name) + " must be in " + (openLow ? "(" : "[") +
-                                py::str(py::float_(low)).cast<std::string>() + ", " + top + "]; got " +
+// `value` when `range` holds it; otherwise ValueError naming the keyword and the range.
+double Within(const ZorStlRegistration::ParameterRange& range, double value) {
+  if (!range.Contains(value))
+    throw std::invalid_argument(std::string(range.name) + " must be in " + range.Describe() + "; got " +
                                 py::str(py::float_(value)).cast<std::string>());
-  }
   return value;
 }
 
+std::uint64_t Count(const ZorStlRegistration::ParameterRange& range, long long value) {
+  if (!range.Contains(static_cast<double>(value)))
+    throw std::invalid_argument(std::string(range.name) + " must be in " + range.Describe() + "; got " +
+                                std::to_string(value));
+  return static_cast<std::uint64_t>(value);
+}
+
 constexpr double kInf = std::numeric_limits<double>::infinity();
+constexpr ZorStlRegistration::ParameterRange kThreadCount{"n", 1, 1 << 20, false, true};
+namespace PairRanges = ZorStlRegistration::PairRanges;
 
 // ---- meshes held for a run ---------------------------------------------------------
 
@@ -199,21 +199,21 @@ RegisterResult Register(const py::object& movingObject, const py::object& fixedO
   if (!ZorStlRegistration::ParseStrategy(strategy, p.initialAlignment, &options.withFeatures))
     throw std::invalid_argument("unknown strategy '" + strategy +
                                 "' (auto+features, none, auto, axes, rod, disc, ball, features)");
-  p.sampleCount = Count("samples", samples, 1);
-  p.overlapFraction = Within("overlap", overlap, 0.0, 1.0, true);
-  p.errorTolerance = Within("error_tolerance", errorTolerance, 0.0, kInf, false);
-  p.iterationCount = Count("iterations", iterations, 0);
+  p.sampleCount = Count(PairRanges::kSamples, samples);
+  p.overlapFraction = Within(PairRanges::kOverlap, overlap);
+  p.errorTolerance = Within(PairRanges::kErrorTolerance, errorTolerance);
+  p.iterationCount = Count(PairRanges::kIterations, iterations);
   p.reduceMeshes = reduce;
-  p.reduceTolerance = Within("reduce_tolerance", reduceTolerance, 0.0, kInf, true);
-  p.slideStep = Within("slide_step", slideStep, 0.0, kInf, true);
+  p.reduceTolerance = Within(PairRanges::kReduceTolerance, reduceTolerance);
+  p.slideStep = Within(PairRanges::kSlideStep, slideStep);
   p.useNormals = normals;
   p.flipNormals = flipNormals;
-  p.normalRadius = Within("normal_radius", normalRadius, 0.0, kInf, true);
-  p.maxNormalAngle = Within("max_normal_angle", maxNormalAngle, 0.0, 180.0, true);
-  p.normalWeight = Within("normal_weight", normalWeight, 0.0, 1.0, false);
-  p.sphereRingSteps = Count("sphere_rings", sphereRings, 1);
-  p.sphereSpinSteps = Count("sphere_spins", sphereSpins, 1);
-  p.axisRotationSteps = Count("axis_steps", axisSteps, 1);
+  p.normalRadius = Within(PairRanges::kNormalRadius, normalRadius);
+  p.maxNormalAngle = Within(PairRanges::kMaxNormalAngle, maxNormalAngle);
+  p.normalWeight = Within(PairRanges::kNormalWeight, normalWeight);
+  p.sphereRingSteps = Count(PairRanges::kSphereRings, sphereRings);
+  p.sphereSpinSteps = Count(PairRanges::kSphereSpins, sphereSpins);
+  p.axisRotationSteps = Count(PairRanges::kAxisSteps, axisSteps);
   options.polish = polish;
   const auto [moving, fixed] = Operands(movingObject, "moving", fixedObject, "fixed");
   const std::shared_ptr<Progress> bar = Progress::From(progress);
@@ -261,16 +261,16 @@ IcpResult RunIcp(const py::object& movingObject, const py::object& fixedObject, 
   ZorStlRegistration::IcpOptions options;
   Icp::MParams& p = options.params;
   p.multiStart = !single;
-  p.directionCount = Count("directions", directions, 1);
-  p.rotationCount = Count("rotations", rotations, 1);
-  p.maxIterations = Count("iterations", iterations, 0);
-  p.sampleCount = Count("samples", samples, 1);
+  p.directionCount = Count(PairRanges::kDirections, directions);
+  p.rotationCount = Count(PairRanges::kRotations, rotations);
+  p.maxIterations = Count(PairRanges::kIcpIterations, iterations);
+  p.sampleCount = Count(PairRanges::kIcpSamples, samples);
   p.allowScale = allowScale;
   p.useNormals = normals;
-  p.distanceFactor = Within("distance_factor", distanceFactor, 0.0, kInf, true);
-  options.maxDistance = Within("max_distance", maxDistance, 0.0, kInf, false);
+  p.distanceFactor = Within(PairRanges::kDistanceFactor, distanceFactor);
+  options.maxDistance = Within(PairRanges::kMaxDistance, maxDistance);
   p.refine = refine;
-  p.refineFactor = Count("refine_factor", refineFactor, 1);
+  p.refineFactor = Count(PairRanges::kRefineFactor, refineFactor);
   if (!initial.is_none()) {
     TransformFrom(initial, "initial");  // checks it
     const auto values = py::array_t<double, py::array::c_style | py::array::forcecast>::ensure(
@@ -308,16 +308,16 @@ MorphResult Morph(const py::object& movingObject, const py::object& targetObject
   if (method != "field" && method != "base")
     throw py::value_error("method must be 'field' or 'base', not '" + method + "'");
   options.baseMorph = method == "base";
-  options.searchDistanceMm = Within("search_distance", searchDistance, 0.0, kInf, false);
-  options.fieldParams.smoothing = Within("smoothing", smoothing, 0.0, kInf, true);
-  options.fieldParams.maxPasses = Count("max_passes", maxPasses, 1, 100000);
-  options.toleranceMm = Within("tolerance", tolerance, 0.0, kInf, true);
+  options.searchDistanceMm = Within(PairRanges::kSearchDistance, searchDistance);
+  options.fieldParams.smoothing = Within(PairRanges::kSmoothing, smoothing);
+  options.fieldParams.maxPasses = Count(PairRanges::kMaxPasses, maxPasses);
+  options.toleranceMm = Within(PairRanges::kTolerance, tolerance);
   auto& p = options.params;
-  p.targetFraction = Within("target_fraction", targetFraction, 0.0, 1.0, true);
-  p.initialStep = Within("initial_step", initialStep, 0.0, 1.0, true);
-  p.stepRetention = Within("step_retention", stepRetention, 0.0, 1.0, false);
-  p.normalAngle = Within("normal_angle", normalAngle, 0.0, 180.0, false);
-  p.smoothingPasses = Count("smoothing_passes", smoothingPasses, 0, 1000);
+  p.targetFraction = Within(PairRanges::kTargetFraction, targetFraction);
+  p.initialStep = Within(PairRanges::kInitialStep, initialStep);
+  p.stepRetention = Within(PairRanges::kStepRetention, stepRetention);
+  p.normalAngle = Within(PairRanges::kNormalAngle, normalAngle);
+  p.smoothingPasses = Count(PairRanges::kSmoothingPasses, smoothingPasses);
   const auto [moving, target] = Operands(movingObject, "moving", targetObject, "target");
   const std::shared_ptr<Progress> bar = Progress::From(progress);
 
@@ -416,7 +416,7 @@ DeviationResult Deviation(const py::object& movingObject, const py::object& fixe
   if (!transform.is_none()) pose = TransformFrom(transform, "transform");
   const double ie = MUnit::GetIE();
   std::optional<double> rangeMm;
-  if (!range.is_none()) rangeMm = Within("range", py::float_(range).cast<double>(), 0.0, kInf, true);
+  if (!range.is_none()) rangeMm = Within(PairRanges::kDeviationRange, py::float_(range).cast<double>());
 
   std::vector<double> distances;
   ZorStlRegistration::DeviationSummary summary;
@@ -460,7 +460,7 @@ DeviationResult Deviation(const py::object& movingObject, const py::object& fixe
 }
 
 std::shared_ptr<Mesh> Load(const std::filesystem::path& path, double scale) {
-  Within("scale", scale, 0.0, kInf, true);
+  Within(PairRanges::kScale, scale);
   std::error_code error;
   if (!std::filesystem::exists(path, error) && !error) {
     errno = ENOENT;
@@ -478,7 +478,7 @@ std::shared_ptr<Mesh> Load(const std::filesystem::path& path, double scale) {
 }
 
 void Save(const Mesh& mesh, const std::filesystem::path& path, double scale, bool ascii) {
-  Within("scale", scale, 0.0, kInf, true);
+  Within(PairRanges::kScale, scale);
   py::gil_scoped_release release;
   const MeshLocks locks({&mesh}, false);
   ZorStlRegistration::WriteMesh(mesh.Stl(), nullptr, scale, path.string(), ascii);
@@ -501,7 +501,7 @@ std::shared_ptr<Mesh> Transformed(const Mesh& mesh, const py::object& matrix) {
 // the smallest of several caps in force holds.
 class ThreadLimit {
 public:
-  explicit ThreadLimit(long long n) : count(Count("n", n, 1, 1 << 20)) {}
+  explicit ThreadLimit(long long n) : count(Count(kThreadCount, n)) {}
   ThreadLimit& Enter() {
     if (limit) throw std::runtime_error("this zor.threads block is already entered");
     limit.emplace(tbb::global_control::max_allowed_parallelism, count);
@@ -727,7 +727,7 @@ run in the process at n while the block runs (the smallest of nested caps holds)
   m.def(
       "sample_body",
       [](long long triangles) {
-        Count("triangles", triangles, 12, 20000000);
+        Count(PairRanges::kSampleTriangles, triangles);
         const int n = std::max(1, static_cast<int>(std::lround(std::sqrt(static_cast<double>(triangles) / 12.0))));
         py::gil_scoped_release release;
         return std::make_shared<Mesh>(zorgen::MakeSampleBody(n));

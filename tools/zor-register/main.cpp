@@ -21,33 +21,31 @@
 #include <CLI/CLI.hpp>
 
 #include "tools/zor-register/commands.h"
+#include "zor/pair/pair_parameters.h"
 
 namespace {
 
 using namespace zortool;
 using Registration = MUserOperatorStlRegistration;
 
-// A finite number in [low, high], or in (low, high] when `openLow`.
-CLI::Validator Within(double low, double high, bool openLow) {
-  const std::string range = (openLow ? "(" : "[") + CLI::detail::to_string(low) + ", " +
-                            (std::isinf(high) ? std::string("inf") : CLI::detail::to_string(high)) + "]";
+// A number that `range` holds.
+CLI::Validator Within(const ParameterRange& range) {
   return CLI::Validator(
-      [=](std::string& text) -> std::string {
+      [range](std::string& text) -> std::string {
         char* end = nullptr;
         const double v = std::strtod(text.c_str(), &end);
         if (end == text.c_str() || *end != '\0') return "'" + text + "' is not a number";
-        if (!std::isfinite(v) || v < low || (openLow && v <= low) || v > high)
-          return "'" + text + "' is outside " + range;
+        if (!range.Contains(v)) return "'" + text + "' is outside " + range.Describe();
         return std::string();
       },
-      range);
+      range.Describe());
 }
 
 void AddCommonOptions(CLI::App& cmd, CommonOptions& common, bool json) {
   cmd.add_option("--scale", common.scale,
                  "File units times this are millimetres (0.001 for micrometre "
                  "files, 1000 for metres)")
-      ->check(Within(0.0, HUGE_VAL, true))
+      ->check(Within(PairRanges::kScale))
       ->capture_default_str();
   cmd.add_flag("-q,--quiet", common.quiet, "No progress bar and no warnings");
   cmd.add_option("--threads", common.threads, "Worker threads (0: all cores)")->capture_default_str();
@@ -74,62 +72,56 @@ void AddRegistrationOptions(CLI::App& cmd, Registration::MParams& p, std::string
           "STRATEGY"))
       ->capture_default_str()
       ->group("Registration");
-  const auto number = [&](const char* name, double& field, const char* help, double low, double high, bool openLow) {
-    cmd.add_option(name, field, help)->check(Within(low, high, openLow))->capture_default_str()->group("Registration");
+  const auto number = [&](const char* name, auto& field, const char* help, const ParameterRange& range) {
+    cmd.add_option(name, field, help)->check(Within(range))->capture_default_str()->group("Registration");
   };
-  const auto count = [&](const char* name, std::uint64_t& field, const char* help, std::uint64_t low) {
-    cmd.add_option(name, field, help)
-        ->check(Within(static_cast<double>(low), HUGE_VAL, false))
-        ->capture_default_str()
-        ->group("Registration");
-  };
-  count("--samples", p.sampleCount, "Samples drawn on the moving mesh", 1);
-  number("--overlap", p.overlapFraction, "Share of the samples expected to lie on the fixed mesh", 0.0, 1.0, true);
-  number("--error-tolerance", p.errorTolerance, "Refinement stops below this mean distance (mm)", 0.0, HUGE_VAL, false);
-  count("--iterations", p.iterationCount, "Refinement iterations at most (0: no refinement)", 0);
+  number("--samples", p.sampleCount, "Samples drawn on the moving mesh", PairRanges::kSamples);
+  number("--overlap", p.overlapFraction, "Share of the samples expected to lie on the fixed mesh",
+         PairRanges::kOverlap);
+  number("--error-tolerance", p.errorTolerance, "Refinement stops below this mean distance (mm)",
+         PairRanges::kErrorTolerance);
+  number("--iterations", p.iterationCount, "Refinement iterations at most (0: no refinement)", PairRanges::kIterations);
   cmd.add_flag("!--no-reduce", p.reduceMeshes, "Work on the full meshes, not on reduced copies")->group("Registration");
-  number("--reduce-tolerance", p.reduceTolerance, "Largest distance the reduced copies may stray (mm)", 0.0, HUGE_VAL,
-         true);
-  number("--slide-step", p.slideStep, "Step of the slide along a long axis (mm)", 0.0, HUGE_VAL, true);
+  number("--reduce-tolerance", p.reduceTolerance, "Largest distance the reduced copies may stray (mm)",
+         PairRanges::kReduceTolerance);
+  number("--slide-step", p.slideStep, "Step of the slide along a long axis (mm)", PairRanges::kSlideStep);
   cmd.add_flag("--normals", p.useNormals, "Match with surface normals as well as distances")->group("Registration");
   cmd.add_flag("--flip-normals", p.flipNormals, "Negate the moving mesh's normals (implies --normals)")
       ->group("Registration");
-  number("--normal-radius", p.normalRadius, "Neighbourhood of the fitted normals (mm)", 0.0, HUGE_VAL, true);
-  number("--max-normal-angle", p.maxNormalAngle, "Largest angle between matched normals (degrees)", 0.0, 180.0, true);
-  number("--normal-weight", p.normalWeight, "Weight of the normals against the distance", 0.0, 1.0, false);
-  count("--sphere-rings", p.sphereRingSteps, "Latitude steps of the directions the ball strategy tries", 1);
-  count("--sphere-spins", p.sphereSpinSteps, "Turns about each direction the ball strategy tries", 1);
-  count("--axis-steps", p.axisRotationSteps, "Turns about a symmetry axis the rod and disc strategies try", 1);
+  number("--normal-radius", p.normalRadius, "Neighbourhood of the fitted normals (mm)", PairRanges::kNormalRadius);
+  number("--max-normal-angle", p.maxNormalAngle, "Largest angle between matched normals (degrees)",
+         PairRanges::kMaxNormalAngle);
+  number("--normal-weight", p.normalWeight, "Weight of the normals against the distance", PairRanges::kNormalWeight);
+  number("--sphere-rings", p.sphereRingSteps, "Latitude steps of the directions the ball strategy tries",
+         PairRanges::kSphereRings);
+  number("--sphere-spins", p.sphereSpinSteps, "Turns about each direction the ball strategy tries",
+         PairRanges::kSphereSpins);
+  number("--axis-steps", p.axisRotationSteps, "Turns about a symmetry axis the rod and disc strategies try",
+         PairRanges::kAxisSteps);
 }
 
 void AddIcpOptions(CLI::App& cmd, IcpOptions& o) {
   ZorStlRegistration::MStlBaseOperatorRegistrationICP::MParams& p = o.params;
-  const auto count = [&](const char* name, std::uint64_t& field, const char* help, std::uint64_t low) {
-    cmd.add_option(name, field, help)
-        ->check(Within(static_cast<double>(low), 1e9, false))
-        ->capture_default_str()
-        ->group("ICP");
+  const auto number = [&](const char* name, auto& field, const char* help, const ParameterRange& range) {
+    cmd.add_option(name, field, help)->check(Within(range))->capture_default_str()->group("ICP");
   };
   cmd.add_flag("!--single", p.multiStart, "One run from --initial instead of the search over starts")->group("ICP");
-  count("--directions", p.directionCount, "Directions the moving mesh's axis is aimed at", 1);
-  count("--rotations", p.rotationCount, "Spins about the axis at each direction", 1);
-  count("--iterations", p.maxIterations, "Fits in each run", 0);
-  count("--samples", p.sampleCount, "Points drawn from each mesh", 1);
+  number("--directions", p.directionCount, "Directions the moving mesh's axis is aimed at", PairRanges::kDirections);
+  number("--rotations", p.rotationCount, "Spins about the axis at each direction", PairRanges::kRotations);
+  number("--iterations", p.maxIterations, "Fits in each run", PairRanges::kIcpIterations);
+  number("--samples", p.sampleCount, "Points drawn from each mesh", PairRanges::kIcpSamples);
   cmd.add_flag("--allow-scale", p.allowScale, "Also fit a uniform scale")->group("ICP");
   cmd.add_flag("!--no-normals", p.useNormals, "Keep pairs whatever their normals")->group("ICP");
-  cmd.add_option("--distance-factor", p.distanceFactor, "Reject pairs beyond this times the median squared distance")
-      ->check(Within(0.0, HUGE_VAL, true))
-      ->capture_default_str()
-      ->group("ICP");
-  cmd.add_option("--max-distance", o.maxDistance, "Reject pairs farther apart than this (mm) instead")
-      ->check(Within(0.0, HUGE_VAL, true))
-      ->group("ICP");
+  number("--distance-factor", p.distanceFactor, "Reject pairs beyond this times the median squared distance",
+         PairRanges::kDistanceFactor);
+  number("--max-distance", o.maxDistance, "Reject pairs farther apart than this (mm) instead (0: the median rule)",
+         PairRanges::kMaxDistance);
   cmd.add_option("--initial", o.initial, "Start of --single: 16 numbers, row-major, shift in file units")
       ->expected(16)
       ->delimiter(',')
       ->group("ICP");
   cmd.add_flag("!--no-refine", p.refine, "Skip the final run on a larger sample")->group("ICP");
-  count("--refine-factor", p.refineFactor, "How many times larger that sample is", 1);
+  number("--refine-factor", p.refineFactor, "How many times larger that sample is", PairRanges::kRefineFactor);
 }
 
 void AddDeviationOptions(CLI::App& cmd, DeviationOptions& d) {
@@ -139,14 +131,14 @@ void AddDeviationOptions(CLI::App& cmd, DeviationOptions& d) {
       ->group("Deviation map");
   cmd.add_option("--deviation-range", d.range,
                  "Distance (file units) within which the map is green; default 3 times the reported error")
-      ->check(Within(0.0, HUGE_VAL, true))
+      ->check(Within(PairRanges::kDeviationRange))
       ->group("Deviation map");
 }
 
 void AddMorphOptions(CLI::App& cmd, MorphOptions& o) {
   ZorStlRegistration::MWrapperOperatorBaseMorph::SParams& p = o.params;
-  const auto number = [&](const char* name, double& field, const char* help, double low, double high, bool openLow) {
-    cmd.add_option(name, field, help)->check(Within(low, high, openLow))->capture_default_str()->group("Morph");
+  const auto number = [&](const char* name, auto& field, const char* help, const ParameterRange& range) {
+    cmd.add_option(name, field, help)->check(Within(range))->capture_default_str()->group("Morph");
   };
   ZorStlRegistration::MWrapperOperatorFieldMorph::SParams& f = o.fieldParams;
   cmd.add_flag("!--no-register", o.registerFirst, "Morph the meshes as they lie: no registration, scaling or ICP first")
@@ -155,27 +147,24 @@ void AddMorphOptions(CLI::App& cmd, MorphOptions& o) {
                "Run the base morph (steps toward each vertex's nearest place, position smoothing, no pass limit) "
                "instead of the field morph")
       ->group("Morph");
-  number("--tolerance", o.toleranceMm, "A vertex has arrived within this distance of the target (mm)", 0.0, HUGE_VAL,
-         true);
-  number("--target-fraction", p.targetFraction, "Stop once this share of the vertices has arrived", 0.0, 1.0, true);
+  number("--tolerance", o.toleranceMm, "A vertex has arrived within this distance of the target (mm)",
+         PairRanges::kTolerance);
+  number("--target-fraction", p.targetFraction, "Stop once this share of the vertices has arrived",
+         PairRanges::kTargetFraction);
   number("--normal-angle", p.normalAngle, "Largest angle between a vertex's and a target triangle's normal (degrees)",
-         0.0, 180.0, false);
+         PairRanges::kNormalAngle);
   number("--search-distance", o.searchDistanceMm,
-         "Field morph: farthest match of the first pass (mm); 0: a tenth of MOVING's diagonal", 0.0, HUGE_VAL, false);
-  number("--smoothing", f.smoothing, "Field morph: final smoothing length of the displacement field (mean edges)", 0.0,
-         HUGE_VAL, true);
-  cmd.add_option("--max-passes", f.maxPasses, "Field morph: matching passes at most")
-      ->check(Within(1.0, 100000.0, false))
-      ->capture_default_str()
-      ->group("Morph");
-  number("--initial-step", p.initialStep, "Base morph: share of the displacement the first step applies", 0.0, 1.0,
-         true);
+         "Field morph: farthest match of the first pass (mm); 0: a tenth of MOVING's diagonal",
+         PairRanges::kSearchDistance);
+  number("--smoothing", f.smoothing, "Field morph: final smoothing length of the displacement field (mean edges)",
+         PairRanges::kSmoothing);
+  number("--max-passes", f.maxPasses, "Field morph: matching passes at most", PairRanges::kMaxPasses);
+  number("--initial-step", p.initialStep, "Base morph: share of the displacement the first step applies",
+         PairRanges::kInitialStep);
   number("--step-retention", p.stepRetention,
-         "Base morph: share of the way to a whole step that each step keeps missing", 0.0, 1.0, false);
-  cmd.add_option("--smoothing-passes", p.smoothingPasses, "Base morph: smoothing passes after each step")
-      ->check(Within(0.0, 1000.0, false))
-      ->capture_default_str()
-      ->group("Morph");
+         "Base morph: share of the way to a whole step that each step keeps missing", PairRanges::kStepRetention);
+  number("--smoothing-passes", p.smoothingPasses, "Base morph: smoothing passes after each step",
+         PairRanges::kSmoothingPasses);
 }
 
 int Fail(int status, const std::string& message) {
@@ -240,7 +229,7 @@ int Run(int argc, char** argv) {
   CLI::App* demoCmd = app.add_subcommand("demo", "Register a built-in sample body back from a random pose");
   demoCmd->add_option("--seed", demo.seed, "Seed of the pose")->capture_default_str();
   demoCmd->add_option("--triangles", demo.triangles, "About this many triangles in the sample body")
-      ->check(Within(12, 2e7, false))
+      ->check(Within(PairRanges::kSampleTriangles))
       ->capture_default_str();
   demoCmd->add_option("--save", demo.saveFolder, "Write the body and its copy to DIR/fixed.stl and DIR/moving.stl");
   demoCmd->add_flag("--ascii", common.ascii, "Save STL as text rather than binary");

@@ -14,6 +14,7 @@
 #include "zor/model/progress.h"
 #include "zor/model/stl_base.h"
 #include "zor/model/transform.h"
+#include "zor/model/unit.h"
 #include "zor/morph/wrapper_operator_field_morph.h"
 #include "zor/morph/wrapper_operator_morph.h"
 
@@ -42,6 +43,12 @@ ZOR_API IcpRun IcpPair(const MStlBase& moving, const MStlBase& fixed, const IcpO
                        const std::string& movingName, const std::string& fixedName,
                        const std::shared_ptr<ZorSDK::Common::IProgressDelegate>& progress = {});
 
+// The morphs' own tolerance (MWrapperOperatorFieldMorph::SParams, internal units) in
+// millimetres at the grid in force.
+inline double DefaultMorphToleranceMm() {
+  return MWrapperOperatorFieldMorph::SParams().distanceTolerance / MUnit::GetIE();
+}
+
 // The morph: which one runs (the field morph, or the base morph with its fixed
 // schedule), the parameters of each, the tolerance in millimetres, and whether the
 // meshes are registered and scaled first.
@@ -51,7 +58,7 @@ struct MorphOptions {
   // distanceTolerance comes from toleranceMm, searchDistance from searchDistanceMm, and
   // targetFraction and normalAngle from `params`, which both morphs share.
   MWrapperOperatorFieldMorph::SParams fieldParams;
-  double toleranceMm = 0.05;
+  double toleranceMm = DefaultMorphToleranceMm();
   double searchDistanceMm = 0.0;  // the field morph's first reach; 0: a tenth of the moving mesh's diagonal
   bool registerFirst = true;
 };
