@@ -14,7 +14,6 @@
 
 #include "zor/model/stopwatch.h"
 #include "zor/model/unit.h"
-#include "zor/services/reduce.h"
 #include "zor/services/registration_icp.h"
 #include "zor/spatial/tree_property.h"
 
@@ -53,17 +52,6 @@ struct Run {
   Registration::MInitialAlignment used = Registration::AlignNone;
   Registration::StageTimes times;
 };
-
-// A reduced copy of `mesh` as the operator makes it, or null when reduction would
-// leave it as it is.
-std::unique_ptr<MStlBase> Reduced(MStlBase& mesh, double bound) {
-  MStlBaseOperatorReduceExBase::MParams p;
-  p.distance = bound;
-  MStlBaseOperatorReduceEx<MStlBaseContainer> reduce(MStlBaseContainer(&mesh), p);
-  std::unique_ptr<MStlBase> copy;
-  reduce.OperateOnCopy(copy);
-  return copy;
-}
 
 Run RunOperator(MStlBase& moving, MStlBase& fixed, Registration::MParams params,
                 Registration::MInitialAlignment strategy,
@@ -188,8 +176,8 @@ PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& optio
     r.verdict = JudgePose(moving, fixed, r.transform, distance);
   };
 
-  // Both runs search on the same reduced meshes, so they are reduced once here, as
-  // the operator would reduce them; the finish and the verdict use the full meshes.
+  // Both runs search on the same reduced meshes, so they are reduced once here; the
+  // finish and the verdict use the full meshes.
   Registration::MParams params = options.params;
   MStlBase* searchMoving = &moving;
   MStlBase* searchFixed = &fixed;
@@ -198,15 +186,11 @@ PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& optio
   if (params.reduceMeshes) {
     const auto start = std::chrono::steady_clock::now();
     const double bound = params.reduceTolerance * MUnit::GetIE();
-    // A mesh that reduction leaves whole is searched on a copy all the same: the
-    // operator places the meshes it is given by writing their coordinates, and the
-    // caller's meshes may be read by other threads meanwhile.
-    const auto reducedOrCopied = [bound](MStlBase& mesh) {
-      std::unique_ptr<MStlBase> copy = Reduced(mesh, bound);
-      return copy != nullptr ? std::move(copy) : std::make_unique<MStlBase>(mesh);
-    };
-    tbb::parallel_invoke([&] { reducedMoving = reducedOrCopied(moving); },
-                         [&] { reducedFixed = reducedOrCopied(fixed); });
+    // The operator's own reduction, once for every run; a mesh it leaves whole is
+    // searched on a copy all the same, since the operator places the meshes it is given
+    // by writing their coordinates and the caller's may be read meanwhile.
+    tbb::parallel_invoke([&] { reducedMoving = ReducedSearchCopy(moving, bound); },
+                         [&] { reducedFixed = ReducedSearchCopy(fixed, bound); });
     searchMoving = reducedMoving.get();
     searchFixed = reducedFixed.get();
     params.reduceMeshes = false;

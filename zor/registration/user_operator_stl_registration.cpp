@@ -30,13 +30,9 @@ constexpr std::size_t kProgressBase = 6;
 constexpr std::int32_t kReducePasses = 5;
 constexpr double kReduceMinGainPercent = 10.0;
 
-// Reduces a clone in place so that every vertex stays within `bound` (internal units);
-// a reduction that cannot meet its bound leaves the clone as it was, which is as good
-// an input.
-// The reduced copy of `mesh`, or a plain copy when reduction would leave it as it is:
-// the run must own what it places and indexes, since callers may share an input mesh
-// between runs. `mesh` is only read.
-std::unique_ptr<MStlBase> ReducedCopy(MStlBase& mesh, double bound) {
+}  // namespace
+
+std::unique_ptr<MStlBase> ReducedSearchCopy(MStlBase& mesh, double bound) {
   MStlBaseOperatorReduceExBase::MParams reduction;
   reduction.distance = bound;
   reduction.maxPasses = kReducePasses;
@@ -47,8 +43,6 @@ std::unique_ptr<MStlBase> ReducedCopy(MStlBase& mesh, double bound) {
   if (copy == nullptr) copy = std::make_unique<MStlBase>(mesh, nullptr);
   return copy;
 }
-
-}  // namespace
 
 MUserOperatorStlRegistration::MUserOperatorStlRegistration() = default;
 
@@ -184,8 +178,8 @@ bool MUserOperatorStlRegistration::_Operate() {
     // The two reductions only read their meshes (which may be one mesh) and each gives
     // the same result on any number of threads, so they run side by side.
     const double bound = params.reduceTolerance * units;
-    tbb::parallel_invoke([&] { reducedFixed = ReducedCopy(*workingFixed, bound); },
-                         [&] { reducedMoving = ReducedCopy(*workingMoving, bound); });
+    tbb::parallel_invoke([&] { reducedFixed = ReducedSearchCopy(*workingFixed, bound); },
+                         [&] { reducedMoving = ReducedSearchCopy(*workingMoving, bound); });
     workingFixed = reducedFixed.get();
     workingMoving = reducedMoving.get();
   }

@@ -219,3 +219,11 @@ private:
   };
   std::unique_ptr<SlideShared> slideShared;
 };
+
+// The mesh Operate searches on when reduceMeshes is on: a copy of `mesh` reduced so
+// that every vertex stays within `bound` (internal units), or a plain copy when
+// reduction would leave it as it is (a run must own what it places and indexes, since
+// callers may share an input mesh between runs). `mesh` is only read. Callers that run
+// the operator several times on the same pair reduce once with this and switch
+// reduceMeshes off.
+ZOR_API std::unique_ptr<MStlBase> ReducedSearchCopy(MStlBase& mesh, double bound);
