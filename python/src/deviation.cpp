@@ -1,0 +1,133 @@
+// zor.closest_points and zor.deviation: where one mesh lies against another.
+
+#include "zor/pair/deviation.h"
+
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl/filesystem.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <filesystem>
+#include <limits>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <shared_mutex>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include <tbb/blocked_range.h>
+#include <tbb/global_control.h>
+#include <tbb/parallel_for.h>
+
+#include "generators/bodies.h"
+#include "mesh_arrays.h"
+#include "operations.h"
+#include "progress.h"
+#include "zor/files/deviation_colour.h"
+#include "zor/files/mesh_files.h"
+#include "zor/model/stopwatch.h"
+#include "zor/model/unit.h"
+#include "zor/pair/pair.h"
+#include "zor/pair/pair_parameters.h"
+#include "zor/pair/pair_registration.h"
+#include "zor/spatial/tree_property.h"
+
+namespace zorpy {
+
+using Registration = MUserOperatorStlRegistration;
+using Icp = ZorStlRegistration::MStlBaseOperatorRegistrationICP;
+
+py::tuple ClosestPoints(const py::object& meshObject, const py::object& points) {
+  const std::shared_ptr<Mesh> mesh = Mesh::From(meshObject, "mesh");
+  NeedTriangles(*mesh, "given");
+  const auto queries = PointArray(points, "points");
+  const py::ssize_t k = queries.shape(0);
+  py::array_t<double> closest({k, py::ssize_t{3}});
+  py::array_t<double> distances(k);
+  py::array_t<std::int64_t> triangles(k);
+  const double* q = queries.data();
+  double* c = closest.mutable_data();
+  double* d = distances.mutable_data();
+  std::int64_t* t = triangles.mutable_data();
+  {
+    py::gil_scoped_release release;
+    const MeshLocks locks({mesh.get()}, false);
+    const double ie = MUnit::GetIE();
+    const std::vector<std::uint32_t>& numbers = mesh->TriangleNumbers();
+    const MeshQueries::TriangleTreeHolder* holder = MeshQueries::GetTriangleTree(MeshQueries::MeshHandle(&mesh->Stl()));
+    tbb::parallel_for(tbb::blocked_range<py::ssize_t>(0, k, 256), [&](const tbb::blocked_range<py::ssize_t>& range) {
+      for (py::ssize_t i = range.begin(); i != range.end(); ++i) {
+        MeshQueries::ClosestTriangle found;
+        const MMVector3d query(q[3 * i] * ie, q[3 * i + 1] * ie, q[3 * i + 2] * ie);
+        MeshQueries::FindNearestTriangle(*holder, query, kInf, found);
+        const MMVector3d p = found.GetClosestPoint();
+        for (int a = 0; a < 3; ++a) c[3 * i + a] = p[a] / ie;
+        d[i] = found.distance / ie;
+        t[i] = numbers[found.triangle.GetMaskIndex()];
+      }
+    });
+  }
+  return py::make_tuple(closest, distances, triangles);
+}
+
+DeviationResult Deviation(const py::object& movingObject, const py::object& fixedObject, const py::object& transform,
+                          const py::object& range) {
+  const std::shared_ptr<Mesh> moving = Mesh::From(movingObject, "moving");
+  const std::shared_ptr<Mesh> fixed = Mesh::From(fixedObject, "fixed");
+  NeedTriangles(*fixed, "fixed");
+  std::optional<MMTransformMatrix> pose;
+  if (!transform.is_none()) pose = TransformFrom(transform, "transform");
+  const double ie = MUnit::GetIE();
+  std::optional<double> rangeMm;
+  if (!range.is_none()) rangeMm = Within(PairRanges::kDeviationRange, py::float_(range).cast<double>());
+
+  std::vector<double> distances;
+  ZorStlRegistration::DeviationSummary summary;
+  {
+    py::gil_scoped_release release;
+    const MeshLocks locks({moving.get(), fixed.get()}, false);
+    distances = ZorStlRegistration::SignedDistances(moving->Stl(), pose ? &*pose : nullptr, fixed->Stl());
+    double within = 0.0;
+    if (rangeMm)
+      within = *rangeMm * ie;
+    else {
+      // Three times the median distance: the bulk of a good fit shows green, what stands
+      // out shows in colour. One grid step at least.
+      std::vector<double> magnitudes(distances.size());
+      std::transform(distances.begin(), distances.end(), magnitudes.begin(), [](double v) { return std::abs(v); });
+      if (!magnitudes.empty()) {
+        const auto middle = magnitudes.begin() + static_cast<std::ptrdiff_t>(magnitudes.size() / 2);
+        std::nth_element(magnitudes.begin(), middle, magnitudes.end());
+        within = 3.0 * *middle;
+      }
+      within = std::max(within, 1.0);
+    }
+    summary = ZorStlRegistration::SummariseDeviation(distances, within);
+  }
+  DeviationResult out;
+  const py::ssize_t n = static_cast<py::ssize_t>(distances.size());
+  out.distances = py::array_t<double>(n);
+  out.colours = py::array_t<std::uint8_t>({n, py::ssize_t{3}});
+  double* d = out.distances.mutable_data();
+  std::uint8_t* c = out.colours.mutable_data();
+  for (py::ssize_t i = 0; i < n; ++i) {
+    d[i] = distances[i] / ie;
+    const auto rgb = ZorStlRegistration::DeviationColour(distances[i], summary.range);
+    std::copy(rgb.begin(), rgb.end(), c + 3 * i);
+  }
+  out.range = summary.range / ie;
+  out.within_share = summary.withinShare;
+  out.percentile95 = summary.percentile95 / ie;
+  out.largest = summary.largest / ie;
+  return out;
+}
+
+}  // namespace zorpy

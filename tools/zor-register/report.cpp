@@ -1,0 +1,182 @@
+#include "tools/zor-register/report.h"
+
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "tools/zor-register/progress_bar.h"
+#include "zor/model/unit.h"
+
+namespace zortool {
+
+void Warn(const CommonOptions& common, const std::vector<std::string>& lines) {
+  if (common.quiet) return;
+  for (const std::string& line : lines) std::fprintf(stderr, "zor-register: warning: %s\n", line.c_str());
+}
+
+// Reads a mesh file and passes its grid advice on to the user.
+LoadedMesh ReadWithWarnings(const std::string& path, const CommonOptions& common) {
+  LoadedMesh m = ReadMesh(path, common.scale);
+  Warn(common, m.warnings);
+  return m;
+}
+
+// Caps the worker threads for the life of the object when `threads` is not 0.
+std::optional<tbb::global_control> LimitThreads(unsigned threads) {
+  if (threads == 0) return std::nullopt;
+  return std::make_optional<tbb::global_control>(tbb::global_control::max_allowed_parallelism, threads);
+}
+
+// Rotation angle (radians) and unit axis of the rotation part of `m`.
+double AngleAxis(const MMTransformMatrix& m, MMVector3d& axis) {
+  const auto e = [&](int r, int c) { return m.GetElement(r, c); };
+  axis = MMVector3d(e(2, 1) - e(1, 2), e(0, 2) - e(2, 0), e(1, 0) - e(0, 1));
+  const double angle = std::atan2(0.5 * Length(axis), 0.5 * (e(0, 0) + e(1, 1) + e(2, 2) - 1.0));
+  if (angle > 3.0) {
+    // Near a half turn the skew part vanishes; the axis is the largest column
+    // of R + I, signed to agree with what remains of the skew part.
+    int k = 0;
+    for (int i = 1; i < 3; ++i)
+      if (e(i, i) > e(k, k)) k = i;
+    MMVector3d column(e(0, k), e(1, k), e(2, k));
+    column[k] += 1.0;
+    if (Dot(column, axis) < 0.0) column = column * -1.0;
+    axis = column;
+  }
+  if (Normalize(axis) == 0.0) axis = MMVector3d(0, 0, 1);
+  return angle;
+}
+
+std::string DescribePose(const MMTransformMatrix& pose, double toUser) {
+  MMVector3d axis;
+  const double angle = AngleAxis(pose, axis) * 180.0 / M_PI;
+  const MMVector3d t = pose.GetTranslation() * toUser;
+  char text[200];
+  std::snprintf(text, sizeof text,
+                "turn %.6f deg about (%.6f, %.6f, %.6f), then shift (%.4f, "
+                "%.4f, %.4f) mm",
+                angle, axis[0], axis[1], axis[2], t[0], t[1], t[2]);
+  return text;
+}
+
+// The transform in file units: the rotation stands, the shift is divided by the
+// scale.
+double FileElement(const MMTransformMatrix& m, int r, int c, double toFile) {
+  return c == 3 && r < 3 ? m.GetElement(r, c) * toFile : m.GetElement(r, c);
+}
+
+// Runs `registration` with a progress bar when stderr is a terminal; a move
+// that would carry the moving mesh off the grid is the input's fault.
+void Operate(Registration& registration, const CommonOptions& common) {
+  if (!common.quiet && isatty(STDERR_FILENO)) registration.SetProgressDelegate(std::make_shared<ProgressBar>());
+  const auto limit = LimitThreads(common.threads);
+  try {
+    registration.Operate();
+  } catch (const std::out_of_range& e) {
+    throw InputError(std::string("the registration carried the moving mesh off the 32-bit grid (") + e.what() +
+                     "); try a smaller --scale");
+  }
+}
+
+void PrintStageTimes(const Registration::StageTimes& s) {
+  std::printf(
+      "time      %.3f s (reduction %.3f, sampling %.3f, index %.3f, "
+      "alignment %.3f, refinement %.3f; %llu "
+      "iterations)\n",
+      s.total, s.reduction, s.sampling, s.index, s.alignment, s.refinement,
+      static_cast<unsigned long long>(s.iterations));
+}
+
+Json StageTimesJson(const Registration::StageTimes& s) {
+  return Json{{"reduction", s.reduction}, {"sampling", s.sampling},     {"index", s.index},
+              {"alignment", s.alignment}, {"refinement", s.refinement}, {"total", s.total}};
+}
+
+// The transform as rows of file units, for JSON.
+Json TransformJson(const MMTransformMatrix& transform, double toFile) {
+  Json rows = Json::array();
+  for (int r = 0; r < 4; ++r) {
+    Json row = Json::array();
+    for (int c = 0; c < 4; ++c) row.push_back(FileElement(transform, r, c, toFile));
+    rows.push_back(row);
+  }
+  return rows;
+}
+
+void PrintTransform(const MMTransformMatrix& transform, double toFile) {
+  std::printf(
+      "transform moving onto fixed (row-major, points as column "
+      "vectors, file units):\n");
+  for (int r = 0; r < 4; ++r) {
+    for (int c = 0; c < 4; ++c) std::printf("%16.9f", FileElement(transform, r, c, toFile));
+    std::printf("\n");
+  }
+}
+
+void PrintMeshes(const std::string& movingPath, const LoadedMesh& moving, const std::string& fixedPath,
+                 const LoadedMesh& fixed) {
+  for (const auto* side : {&moving, &fixed})
+    std::printf("%-9s %s: %zu points, %zu triangles\n", side == &moving ? "moving" : "fixed",
+                (side == &moving ? movingPath : fixedPath).c_str(), side->mesh->NumberOfPoints(),
+                side->mesh->GetNumberOfTriangles());
+}
+
+Json MeshJson(const std::string& path, const LoadedMesh& m) {
+  return Json{{"file", path},
+              {"points", m.mesh->NumberOfPoints()},
+              {"triangles", m.mesh->GetNumberOfTriangles()},
+              {"vertices_joined", m.joined.pointsMerged},
+              {"degenerate_dropped", m.joined.trianglesSkipped}};
+}
+
+// The deviation map's path is checked before any work, so that a bad name costs nothing.
+void CheckDeviationPath(const DeviationOptions& deviation) {
+  if (deviation.path.empty()) return;
+  const std::string& path = deviation.path;
+  if (path.size() < 4 ||
+      (path.compare(path.size() - 4, 4, ".ply") != 0 && path.compare(path.size() - 4, 4, ".PLY") != 0))
+    throw InputError("--deviation '" + path + "': the deviation map is written as PLY; name it .ply");
+  CheckOutputPath(path);
+}
+
+// Writes the deviation map of `moving` (moved by `pose` when not null) against `fixed`
+// and gives its summary in file units; nothing when no map was asked for. The range
+// defaults to three times `reportedError` (file units), and to one grid step when that
+// is zero.
+std::optional<DeviationSummary> MakeDeviationMap(const DeviationOptions& deviation, const MStlBase& moving,
+                                                 const MMTransformMatrix* pose, const MStlBase& fixed,
+                                                 double reportedError, const CommonOptions& common) {
+  if (deviation.path.empty()) return std::nullopt;
+  const double gridPerFileUnit = common.scale * MUnit::GetIE();
+  double range = (deviation.range > 0.0 ? deviation.range : 3.0 * reportedError) * gridPerFileUnit;
+  if (!(range > 0.0)) range = 1.0;
+  const std::vector<double> distances = SignedDistances(moving, pose, fixed);
+  WriteDeviationMap(moving, pose, common.scale, deviation.path, distances, range);
+  DeviationSummary summary = SummariseDeviation(distances, range);
+  summary.range /= gridPerFileUnit;
+  summary.percentile95 /= gridPerFileUnit;
+  summary.largest /= gridPerFileUnit;
+  return summary;
+}
+
+void AddDeviation(Json& report, const DeviationOptions& deviation, const std::optional<DeviationSummary>& summary) {
+  if (!summary) return;
+  report["deviation"] = Json{{"map", deviation.path},
+                             {"range", summary->range},
+                             {"within_range", summary->withinShare},
+                             {"p95", summary->percentile95},
+                             {"largest", summary->largest}};
+}
+
+void PrintDeviation(const DeviationOptions& deviation, const std::optional<DeviationSummary>& summary) {
+  if (!summary) return;
+  std::printf("deviation %.2f%% of the vertices within +-%.6g file units; 95%% within %.6g, largest %.6g\n",
+              100.0 * summary->withinShare, summary->range, summary->percentile95, summary->largest);
+  std::printf("wrote     %s (deviation map: signed distance as vertex quality, and colours)\n", deviation.path.c_str());
+}
+
+}  // namespace zortool

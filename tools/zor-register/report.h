@@ -1,0 +1,69 @@
+#pragma once
+// What the subcommands share in what they print: warnings, poses and transforms, stage
+// times, the meshes read, the JSON report's parts, and the deviation map of a result.
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+#include <tbb/global_control.h>
+
+#include "tools/zor-register/commands.h"
+
+namespace zortool {
+
+using Registration = MUserOperatorStlRegistration;
+using Json = nlohmann::ordered_json;
+
+void Warn(const CommonOptions& common, const std::vector<std::string>& lines);
+
+// Reads a mesh file and passes its grid advice on to the user.
+LoadedMesh ReadWithWarnings(const std::string& path, const CommonOptions& common);
+
+// Caps the worker threads for the life of the object when `threads` is not 0.
+std::optional<tbb::global_control> LimitThreads(unsigned threads);
+
+// Rotation angle (radians) and unit axis of the rotation part of `m`.
+double AngleAxis(const MMTransformMatrix& m, MMVector3d& axis);
+
+std::string DescribePose(const MMTransformMatrix& pose, double toUser);
+
+// The transform in file units: the rotation stands, the shift is divided by the
+// scale.
+double FileElement(const MMTransformMatrix& m, int r, int c, double toFile);
+
+// Runs `registration` with a progress bar when stderr is a terminal; a move
+// that would carry the moving mesh off the grid is the input's fault.
+void Operate(Registration& registration, const CommonOptions& common);
+
+void PrintStageTimes(const Registration::StageTimes& s);
+
+Json StageTimesJson(const Registration::StageTimes& s);
+
+// The transform as rows of file units, for JSON.
+Json TransformJson(const MMTransformMatrix& transform, double toFile);
+
+void PrintTransform(const MMTransformMatrix& transform, double toFile);
+
+void PrintMeshes(const std::string& movingPath, const LoadedMesh& moving, const std::string& fixedPath,
+                 const LoadedMesh& fixed);
+
+Json MeshJson(const std::string& path, const LoadedMesh& m);
+
+// The deviation map's path is checked before any work, so that a bad name costs nothing.
+void CheckDeviationPath(const DeviationOptions& deviation);
+
+// Writes the deviation map of `moving` (moved by `pose` when not null) against `fixed`
+// and gives its summary in file units; nothing when no map was asked for. The range
+// defaults to three times `reportedError` (file units), and to one grid step when that
+// is zero.
+std::optional<DeviationSummary> MakeDeviationMap(const DeviationOptions& deviation, const MStlBase& moving,
+                                                 const MMTransformMatrix* pose, const MStlBase& fixed,
+                                                 double reportedError, const CommonOptions& common);
+
+void AddDeviation(Json& report, const DeviationOptions& deviation, const std::optional<DeviationSummary>& summary);
+
+void PrintDeviation(const DeviationOptions& deviation, const std::optional<DeviationSummary>& summary);
+
+}  // namespace zortool
