@@ -3,7 +3,11 @@
 // of up to half the diagonal, in four cases (full or 70% partial copy, clean or with
 // Gaussian vertex noise of 0.2% of the diagonal), registered back onto the clean body,
 // by the rigid registration operator (strategy auto unless --strategy), by the
-// multi-start ICP operator (its defaults), or by both side by side on the same copies.
+// multi-start ICP operator (its defaults), by the pair call (AlignPair: auto, the
+// feature strategy when that result is doubtful, the finish and the verdict; its
+// strategy column reads pair-<used>, with "?" when the verdict doubts it), or by any of
+// them side by side on the same copies (--operator registration,pair; both: registration
+// and icp; all: the three).
 //
 // A pose counts as recovered when the registered moving mesh lies on the fixed one:
 // the RMS distance of its vertices to the fixed surface is within the noise level plus
@@ -16,7 +20,7 @@
 //
 //   bench_alignment [--sizes 10000,100000] [--poses 50] [--threads 2]
 //                   [--shapes featured,box,rod,disc,ball] [--strategy auto]
-//                   [--tolerance 0.1] [--overlap 0.8] [--operator registration|icp|both]
+//                   [--tolerance 0.1] [--overlap 0.8] [--operator registration|icp|pair|both|all]
 //                   [--failures]
 #include <algorithm>
 #include <chrono>
@@ -38,6 +42,7 @@
 #include "generators/poses.h"
 #include "zor/alignment/normal_orientation_index.h"
 #include "zor/icp/stl_base_operator_registration_icp.h"
+#include "zor/pair/pair_registration.h"
 #include "zor/registration/user_operator_stl_registration.h"
 
 namespace {
@@ -56,20 +61,8 @@ struct Options {
   bool failures = false;
   bool registration = true;  // run the rigid registration operator
   bool icp = false;          // run the multi-start ICP operator
+  bool pair = false;         // run the pair call (AlignPair): fallback, finish and verdict
 };
-
-const char* StrategyName(Op::MInitialAlignment a) {
-  switch (a) {
-    case Op::AlignNone: return "none";
-    case Op::AlignAutomatic: return "auto";
-    case Op::AlignAxes: return "axes";
-    case Op::AlignRod: return "rod";
-    case Op::AlignDisc: return "disc";
-    case Op::AlignBall: return "ball";
-    case Op::AlignFeatures: return "features";
-  }
-  return "?";
-}
 
 bool ParseOptions(int argc, char** argv, Options& o) {
   for (int i = 1; i < argc; ++i) {
@@ -102,14 +95,18 @@ bool ParseOptions(int argc, char** argv, Options& o) {
       }
     } else if (flag == "--operator") {
       const std::string v = value;
-      if (v != "registration" && v != "icp" && v != "both") return false;
-      o.registration = v != "icp";
-      o.icp = v != "registration";
+      o.registration = o.icp = o.pair = false;
+      for (const std::string& name : zorbench::ParseNames(value)) {
+        if (name == "registration" || name == "both" || name == "all") o.registration = true;
+        if (name == "icp" || name == "both" || name == "all") o.icp = true;
+        if (name == "pair" || name == "all") o.pair = true;
+        if (name != "registration" && name != "icp" && name != "pair" && name != "both" && name != "all") return false;
+      }
     } else if (flag == "--strategy") {
       bool known = false;
       for (Op::MInitialAlignment a :
            {Op::AlignNone, Op::AlignAutomatic, Op::AlignAxes, Op::AlignRod, Op::AlignDisc, Op::AlignBall})
-        if (std::string(value) == StrategyName(a)) o.strategy = a, known = true;
+        if (std::string(value) == ZorStlRegistration::StrategyName(a)) o.strategy = a, known = true;
       if (!known) return false;
     } else {
       return false;
@@ -178,8 +175,23 @@ void RunShape(const Options& o, Shape shape, long size) {
     Run run;
     registration.GetTransformation(run.found);
     run.searchMs = registration.GetStageTimes().alignment * 1000.0;
-    run.strategy = StrategyName(registration.GetAlignmentUsed());
+    run.strategy = ZorStlRegistration::StrategyName(registration.GetAlignmentUsed());
     run.error = registration.GetError();
+    return run;
+  };
+  const auto pairCopy = [&](const MStlBase& moving) {
+    ZorStlRegistration::PairOptions options;
+    options.params.initialAlignment = o.strategy;
+    options.params.errorTolerance = o.errorTolerance;
+    options.params.overlapFraction = o.overlap;
+    options.withFeatures = o.strategy == Op::AlignAutomatic;
+    const ZorStlRegistration::PairResult r =
+        ZorStlRegistration::AlignPair(const_cast<MStlBase&>(moving), *fixed, options);
+    Run run;
+    run.found = r.transform;
+    run.searchMs = r.times.alignment * 1000.0;
+    run.strategy = std::string("pair-") + ZorStlRegistration::StrategyName(r.used) + (r.verdict.doubtful ? "?" : "");
+    run.error = r.error / 1000.0;
     return run;
   };
   const auto icpCopy = [&](const MStlBase& moving) {
@@ -200,8 +212,8 @@ void RunShape(const Options& o, Shape shape, long size) {
                        Case{"partial+noise", 0.7, true}}) {
     const double threshold = (c.noise ? noiseLevel : 0.0) + 0.001 * clean.diagonal;
     const double basin = (c.noise ? noiseLevel : 0.0) + 0.01 * clean.diagonal;
-    for (int which = 0; which < 2; ++which) {
-      if (which == 0 ? !o.registration : !o.icp) continue;
+    for (int which = 0; which < 3; ++which) {
+      if (!(which == 0 ? o.registration : which == 1 ? o.icp : o.pair)) continue;
       // The same copies for every operator.
       std::mt19937 rng(20261121u + static_cast<unsigned>(size) + 7919u * static_cast<unsigned>(shape));
       std::vector<double> times, searchTimes, rms;
@@ -211,7 +223,7 @@ void RunShape(const Options& o, Shape shape, long size) {
         const MMTransformMatrix truth = UniformPose(rng, 0.5 * clean.diagonal);
         const std::unique_ptr<MStlBase> moving = MakeMovedCopy(c.noise ? noisy : clean, truth, c.keep);
         const auto start = std::chrono::steady_clock::now();
-        const Run run = which == 0 ? registerCopy(*moving) : icpCopy(*moving);
+        const Run run = which == 0 ? registerCopy(*moving) : which == 1 ? icpCopy(*moving) : pairCopy(*moving);
         times.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
         searchTimes.push_back(run.searchMs);
         const double d = RmsToSurface(*moving, run.found, surface);
@@ -246,13 +258,13 @@ int main(int argc, char** argv) {
         stderr,
         "usage: bench_alignment [--sizes 10000,100000] [--poses 50] [--threads 2]\n"
         "                       [--shapes featured,box,rod,disc,ball] [--strategy auto|none|axes|rod|disc|ball]\n"
-        "                       [--tolerance 0.1] [--overlap 0.8] [--operator registration|icp|both]\n"
+        "                       [--tolerance 0.1] [--overlap 0.8] [--operator registration|icp|pair|both|all]\n"
         "                       [--failures]\n");
     return 2;
   }
   std::printf(
       "strategy %s, %d poses, %d threads, errorTolerance %g mm, overlapFraction %g; rms in mm; times median ms\n\n",
-      StrategyName(o.strategy), o.poses, o.threads, o.errorTolerance, o.overlap);
+      ZorStlRegistration::StrategyName(o.strategy), o.poses, o.threads, o.errorTolerance, o.overlap);
   std::printf(
       "| body     | triangles | case          | strategy used      | recovered | found | Operate | search | rms median "
       "| "
