@@ -26,6 +26,11 @@ struct Verdict {
   double distance = 0.0;  // internal units
   double overlap = 0.0;   // 0..1
   double rms = 0.0;       // internal units
+  // Share of the measured points that lie off the fixed surface where that surface
+  // is: farther than `distance`, with their nearest fixed place inside it rather than
+  // on its open border. A right pose of a partial scan leaves the part it does not share
+  // beyond the fixed scan's border; a wrong one lays it over or through the fixed surface.
+  double inconsistent = 0.0;
   bool doubtful = false;
   std::string reason;  // why it is doubtful; empty when it is not
 };

@@ -1,0 +1,62 @@
+// The verdict on a pose: a right pose of a partial scan is sound, and a wrong pose that
+// still leaves part of the moving mesh on the fixed one is doubtful.
+#include <cstdint>
+#include <memory>
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "generators/bodies.h"
+#include "zor/model/stl.h"
+#include "zor/pair/pair_registration.h"
+
+namespace {
+
+// Removes every triangle of `mesh` whose centroid lies below height `z` (micrometres),
+// leaving an open scan-like patch.
+void CutBelow(MStlBase& mesh, double z) {
+  std::set<MStlTriangleCell*> below;
+  for (const MStlPoint* p = mesh.GetFirstPoint(); p != nullptr; p = p->GetNext())
+    for (std::uint16_t k = 0; k < p->GetNumberOfNeighbourTriangles(); ++k) {
+      MStlTriangleCell* cell = p->GetNeighbourTriangle(k);
+      const MStlTriangle* t = cell->GetData();
+      if (t->GetVertex(0)[2] + t->GetVertex(1)[2] + t->GetVertex(2)[2] < 3.0 * z) below.insert(cell);
+    }
+  for (MStlTriangleCell* cell : below) mesh.RemoveTriangle(cell, MStlBase::RemoveFreePoints);
+}
+
+constexpr double kDistance = 900.0;  // the pair call's verdict distance with the default reduction bound
+
+// A bumpy sphere seen from above (the fixed scan) and the same body seen farther
+// around (the moving scan): where the moving scan goes beyond the fixed one, its
+// points lie past the fixed scan's border.
+struct Scans {
+  std::unique_ptr<MStlBase> fixed = zorgen::MakeSphere(20000.0, 40, 80, 2000.0);
+  std::unique_ptr<MStlBase> moving = zorgen::MakeSphere(20000.0, 36, 72, 2000.0);
+  Scans() {
+    CutBelow(*fixed, 0.0);
+    CutBelow(*moving, -9000.0);
+  }
+};
+
+TEST(Verdict, ARightPoseOfAPartialScanIsSound) {
+  const Scans scans;
+  const ZorStlRegistration::Verdict v =
+      ZorStlRegistration::JudgePose(*scans.moving, *scans.fixed, MMTransformMatrix(), kDistance);
+  EXPECT_FALSE(v.doubtful) << v.reason;
+  EXPECT_GT(v.overlap, 0.6);
+  EXPECT_LT(v.inconsistent, 0.05);  // what goes beyond the fixed scan lies past its border
+}
+
+TEST(Verdict, AWrongPoseOverTheFixedSurfaceIsDoubtfulThoughPartOfItTouches) {
+  const Scans scans;
+  MMTransformMatrix turn;
+  turn.MakeRotation(MMVector3d(), MMVector3d(0, 0, 1), 0.6);  // the bumps no longer meet
+  const ZorStlRegistration::Verdict v = ZorStlRegistration::JudgePose(*scans.moving, *scans.fixed, turn, kDistance);
+  EXPECT_TRUE(v.doubtful);
+  EXPECT_GT(v.overlap, 0.3);  // as much as lies on the fixed surface would pass for a small overlap
+  EXPECT_GT(v.inconsistent, 0.35);
+  EXPECT_NE(v.reason.find("off the fixed surface"), std::string::npos) << v.reason;
+}
+
+}  // namespace
