@@ -18,7 +18,6 @@
 #include "generators/poses.h"
 #include "tools/zor-register/progress_bar.h"
 #include "tools/zor-register/report.h"
-#include "tools/zor-register/report.h"
 #include "zor/model/unit.h"
 
 namespace zortool {
