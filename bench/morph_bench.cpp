@@ -10,9 +10,16 @@
 //
 //   bench_morph [--sizes 10000,200000] [--threads 1,2] [--bodies smooth,featured]
 //               [--cases bend,twist,bump,partial-moving,partial-target] [--registered | --field]
+//               [--surface-only] [--meshes FILE,..]
+//
+// --meshes morphs real meshes instead of the generated bodies: each file is scaled so
+// that its largest extent is 200 mm, and its target is the deformed mesh simplified to
+// 60% of its triangles (meshoptimizer), so that the target's triangles differ from the
+// moving mesh's and it keeps only some of its points. --sizes does not apply to them.
 //
 // --field runs the field morph (MWrapperOperatorFieldMorph) with its defaults instead of
-// the base morph, and prints its stage times and its stop rule.
+// the base morph, and prints its stage times and its stop rule; --surface-only runs it
+// without its field over space (SParams::spaceField false).
 //
 // --registered runs the whole registered morph (MWrapperOperatorMorph) instead, on the
 // moving body scaled by a few percent per axis and placed under a seeded pose, and
@@ -34,6 +41,7 @@
 #include <string>
 #include <vector>
 
+#include <meshoptimizer.h>
 #include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
@@ -41,6 +49,7 @@
 #include "bench/bench_args.h"
 #include "generators/bodies.h"
 #include "generators/poses.h"
+#include "zor/files/mesh_files.h"
 #include "zor/model/stl.h"
 #include "zor/morph/detail/registered_morph.h"
 #include "zor/morph/wrapper_operator_field_morph.h"
@@ -96,6 +105,7 @@ Deformation MakeDeformation(const std::string& name, const Box& box) {
 
 struct Row {
   double registration = 0, scaling = 0, icp = 0, morph = 0;  // seconds, registered runs only
+  double space = 0;                                          // field morph: the field over space, ms
   double iterations = 0, dual = 0, main = 0, step = 0, smoothing = 0, total = 0, maxDistance = 0;
   double meanSurface = 0, maxSurface = 0, within = 0, meanTruth = 0;
   long flipped = 0;
@@ -103,9 +113,54 @@ struct Row {
   std::string stop;
 };
 
-Row RunCase(zorgen::Shape shape, const std::string& name, long triangles, int threads, bool registered, bool field) {
-  const zorgen::MeshArrays source = zorgen::MakeShape(shape, triangles);
-  zorgen::MeshArrays target = zorgen::MakeShape(shape, triangles + triangles / 4);
+// A body: its moving mesh and, for a deformation, its target before it is deformed
+// (tessellated otherwise).
+struct Body {
+  std::string name;
+  zorgen::MeshArrays source, target;
+};
+
+Body GeneratedBody(zorgen::Shape shape, long triangles) {
+  return Body{zorgen::ShapeName(shape), zorgen::MakeShape(shape, triangles),
+              zorgen::MakeShape(shape, triangles + triangles / 4)};
+}
+
+// A mesh file scaled to 200 mm along its largest extent; its target is the same surface
+// simplified to 60% of the triangles, on the same points.
+Body FileBody(const std::string& path) {
+  const ZorStlRegistration::LoadedMesh loaded = ZorStlRegistration::ReadMesh(path, 1.0);
+  Body body;
+  body.name = path.substr(path.find_last_of('/') + 1);
+  zorgen::MeshArrays& m = body.source;
+  std::vector<std::uint32_t> placeOf(loaded.mesh->GetMasks().GetPointMaskSize());
+  for (MStlPoint* p = loaded.mesh->GetFirstPoint(); p != nullptr; p = p->GetNext()) {
+    placeOf[p->GetMaskIndex()] = static_cast<std::uint32_t>(m.xyz.size() / 3);
+    for (std::size_t k = 0; k < 3; ++k) m.xyz.push_back(p->GetDouble()[k]);
+  }
+  for (auto it = loaded.mesh->BeginTriangle(); it != loaded.mesh->EndTriangle(); ++it)
+    for (std::size_t k = 0; k < 3; ++k)
+      m.indices.push_back(placeOf[static_cast<const MStlTriangle*>(it)->GetPoint(k)->GetMaskIndex()]);
+  const Box box = BoxOf(m);
+  const double scale = 200000.0 / (2.0 * std::max({box.half[0], box.half[1], box.half[2]}));
+  for (double& x : m.xyz) x = std::round(x * scale);
+  zorgen::SetDiagonal(m);
+  body.target = m;
+  std::vector<float> xyz(m.xyz.begin(), m.xyz.end());
+  std::vector<std::uint32_t> simplified(m.indices.size());
+  const std::size_t kept =
+      meshopt_simplify(simplified.data(), m.indices.data(), m.indices.size(), xyz.data(), m.xyz.size() / 3,
+                       3 * sizeof(float), m.indices.size() * 6 / 10 / 3 * 3, 0.01f, 0, nullptr);
+  simplified.resize(kept);
+  body.target.indices = simplified;
+  return body;
+}
+
+bool surfaceOnly = false;
+
+Row RunCase(const Body& body, const std::string& name, int threads, bool registered, bool field) {
+  const zorgen::MeshArrays& source = body.source;
+  zorgen::MeshArrays target = body.target;
+  const long triangles = static_cast<long>(source.indices.size() / 3);
   const bool partialTarget = name == "partial-target", partialMoving = name == "partial-moving";
   const Deformation deform = MakeDeformation(partialTarget || partialMoving ? "bump" : name, BoxOf(source));
   for (std::size_t i = 0; i < target.xyz.size(); i += 3) {
@@ -135,10 +190,14 @@ Row RunCase(zorgen::Shape shape, const std::string& name, long triangles, int th
   ZorStlRegistration::MWrapperOperatorFieldMorph fieldMorph(MWrapperOperatorBaseMorph::StlImpl(moving.get()),
                                                             MWrapperOperatorBaseMorph::StlImpl(fixed.get()));
   if (field) {
+    ZorStlRegistration::MWrapperOperatorFieldMorph::SParams params;
+    params.spaceField = !surfaceOnly;
+    fieldMorph.SetParams(params);
     arena.execute([&] { fieldMorph.Operate(nullptr); });
     const auto& rep = fieldMorph.GetReport();
     row.iterations = static_cast<double>(rep.passes);
-    row.dual = rep.setup * 1000.0, row.main = rep.correspondence * 1000.0, row.step = rep.solve * 1000.0;
+    row.dual = rep.setup * 1000.0, row.space = rep.space * 1000.0, row.main = rep.correspondence * 1000.0,
+    row.step = rep.solve * 1000.0;
     row.smoothing = rep.measure * 1000.0, row.total = rep.total, row.maxDistance = rep.p95Distance;
     row.stop = ZorStlRegistration::StopReasonName(rep.stop);
   } else if (registered) {
@@ -212,11 +271,12 @@ int main(int argc, char** argv) {
   std::vector<long> sizes = {10000, 200000}, threads = {1, 2};
   std::vector<std::string> cases = {"bend", "twist", "bump", "partial-moving"};
   std::vector<zorgen::Shape> bodies = {zorgen::Shape::Smooth, zorgen::Shape::Featured};
+  std::vector<std::string> meshes;
   bool registered = false, field = false;
   for (int i = 1; i < argc; i += 2) {
     const std::string flag = argv[i];
-    if (flag == "--registered" || flag == "--field") {
-      (flag == "--field" ? field : registered) = true;
+    if (flag == "--registered" || flag == "--field" || flag == "--surface-only") {
+      (flag == "--field" ? field : flag == "--registered" ? registered : surfaceOnly) = true;
       --i;
       continue;
     }
@@ -232,6 +292,12 @@ int main(int argc, char** argv) {
       bodies.clear();
       if (list.find("smooth") != std::string::npos) bodies.push_back(zorgen::Shape::Smooth);
       if (list.find("featured") != std::string::npos) bodies.push_back(zorgen::Shape::Featured);
+    } else if (flag == "--meshes") {
+      for (std::string list = argv[i + 1]; !list.empty();) {
+        const std::size_t comma = list.find(',');
+        meshes.push_back(list.substr(0, comma));
+        list = comma == std::string::npos ? "" : list.substr(comma + 1);
+      }
     } else if (flag == "--cases") {
       cases.clear();
       for (std::string list = argv[i + 1]; !list.empty();) {
@@ -242,7 +308,8 @@ int main(int argc, char** argv) {
     } else {
       std::fprintf(stderr,
                    "usage: bench_morph [--sizes N,..] [--threads T,..] [--bodies smooth,featured] "
-                   "[--cases bend,twist,bump,partial-moving,partial-target] [--registered | --field]\n");
+                   "[--cases bend,twist,bump,partial-moving,partial-target] [--registered | --field [--surface-only]] "
+                   "[--meshes FILE,..]\n");
       return 2;
     }
   }
@@ -250,10 +317,11 @@ int main(int argc, char** argv) {
     std::printf(
         "field morph, defaults (tolerance 50 um); stage times in ms; lengths in um\n| body | case | triangles | "
         "threads "
-        "| passes | setup | matching | solving | measuring | total s | stop | p95 to surface (covered) | mean to "
+        "| passes | setup | space | matching | solving | measuring | total s | stop | p95 to surface (covered) | mean "
+        "to "
         "surface | max to surface | within %% | flipped | mean to truth "
         "|\n|---|---|---|---|---|---|---|---|---|---|---|"
-        "---|---|---|---|---|---|\n");
+        "---|---|---|---|---|---|---|\n");
   else if (registered)
     std::printf(
         "registered morph (MWrapperOperatorMorph), defaults; the moving body scaled by 1.03, 0.98, 1.02 and under a "
@@ -266,27 +334,35 @@ int main(int argc, char** argv) {
         "| threads | iter | dual | main | step | smooth | total s | GetMaxDistance | mean to surface | max to surface "
         "| "
         "within %% | flipped | mean to truth |\n|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|\n");
-  for (const zorgen::Shape shape : bodies)
+  std::vector<std::function<Body()>> makers;
+  for (const std::string& path : meshes) makers.emplace_back([path] { return FileBody(path); });
+  if (meshes.empty())
+    for (const zorgen::Shape shape : bodies)
+      for (long size : sizes) makers.emplace_back([shape, size] { return GeneratedBody(shape, size); });
+  for (const auto& make : makers) {
+    const Body body = make();
+    const long size = static_cast<long>(body.source.indices.size() / 3);
     for (const std::string& name : cases)
-      for (long size : sizes)
-        for (long t : threads) {
-          const Row r = RunCase(shape, name, size, static_cast<int>(t), registered, field);
-          std::printf("| %s | %s | %ld | %ld | ", zorgen::ShapeName(shape), name.c_str(), size, t);
-          if (field) {
-            std::printf("%.0f | %.0f | %.0f | %.0f | %.0f | %.2f | %s | %.1f | %.2f | %.1f | %.2f | %ld | %.1f |\n",
-                        r.iterations, r.dual, r.main, r.step, r.smoothing, r.total, r.stop.c_str(), r.p95Covered,
-                        r.meanSurface, r.maxSurface, r.within, r.flipped, r.meanTruth);
-            std::fflush(stdout);
-            continue;
-          }
-          if (registered)
-            std::printf("%.2f | %.3f | %.2f | %.2f | %.0f | ", r.registration, r.scaling, r.icp, r.morph, r.iterations);
-          else
-            std::printf("%.0f | %.1f | %.1f | %.1f | %.1f | ", r.iterations, r.dual, r.main, r.step, r.smoothing);
-          std::printf("%.2f | %.1f | %.2f | %.1f | %.2f | %ld | %.1f |\n", r.total, r.maxDistance, r.meanSurface,
-                      r.maxSurface, r.within, r.flipped, r.meanTruth);
+      for (long t : threads) {
+        const Row r = RunCase(body, name, static_cast<int>(t), registered, field);
+        std::printf("| %s | %s | %ld | %ld | ", body.name.c_str(), name.c_str(), size, t);
+        if (field) {
+          std::printf(
+              "%.0f | %.0f | %.0f | %.0f | %.0f | %.0f | %.2f | %s | %.1f | %.2f | %.1f | %.2f | %ld | %.1f |\n",
+              r.iterations, r.dual, r.space, r.main, r.step, r.smoothing, r.total, r.stop.c_str(), r.p95Covered,
+              r.meanSurface, r.maxSurface, r.within, r.flipped, r.meanTruth);
           std::fflush(stdout);
+          continue;
         }
+        if (registered)
+          std::printf("%.2f | %.3f | %.2f | %.2f | %.0f | ", r.registration, r.scaling, r.icp, r.morph, r.iterations);
+        else
+          std::printf("%.0f | %.1f | %.1f | %.1f | %.1f | ", r.iterations, r.dual, r.main, r.step, r.smoothing);
+        std::printf("%.2f | %.1f | %.2f | %.1f | %.2f | %ld | %.1f |\n", r.total, r.maxDistance, r.meanSurface,
+                    r.maxSurface, r.within, r.flipped, r.meanTruth);
+        std::fflush(stdout);
+      }
+  }
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
   std::printf("\npeak resident memory: %.0f MB\n", static_cast<double>(usage.ru_maxrss) / 1024.0);

@@ -54,6 +54,7 @@ public:
     std::size_t maxPasses = 60;         // correspondence passes of all levels together
     std::size_t stallPasses = 4;        // passes without 1% gain of the 95th percentile that end the run
     std::size_t coarsestPoints = 3000;  // the coarsest level has at most about this many points
+    bool spaceField = true;             // start with the field over space (see above)
   };
 
   enum class StopReason : std::uint8_t {
@@ -78,8 +79,9 @@ public:
     std::size_t folded = 0;       // triangles whose normal turned by more than 90 degrees
     // Seconds.
     double setup = 0.0;           // levels, target tree
-    double correspondence = 0.0;  // all matching passes
-    double solve = 0.0;           // all field solves
+    double space = 0.0;           // the field over space: its matching and fitting
+    double correspondence = 0.0;  // matching passes of the surface levels
+    double solve = 0.0;           // field solves of the surface levels
     double measure = 0.0;         // the final distances
     double total = 0.0;
   };
