@@ -78,7 +78,7 @@ constexpr std::size_t kFirstCells = 2;
 constexpr std::size_t kLastCells = 8;
 constexpr std::size_t kSpacePasses = 3;
 constexpr std::size_t kSpacePoints = 5000;
-constexpr std::size_t kSpaceSolverSteps = 40;
+constexpr std::size_t kSpaceSolverSteps = 20;
 constexpr double kSpaceBending = 0.001;
 constexpr double kSpaceRidge = 0.001;
 // After the field over space, the surface levels start at this share of its finest

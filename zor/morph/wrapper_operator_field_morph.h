@@ -4,17 +4,24 @@
 // target is only read. Beside MWrapperOperatorBaseMorph, which slides each point to its
 // own nearest place and smooths positions, this morph regularises the deformation:
 //
-// - Each point carries a displacement from where it started. A pass matches every
-//   point to the nearest target triangle that faces its way (within `normalAngle`, not
-//   on the target's open border, within the search distance) and solves for the
-//   displacement field that best lays the points on the planes of their matches while
-//   keeping the field smooth (point-to-plane terms plus the membrane energy of the
-//   field). A mesh already on its target does not move; a smooth stretch keeps its
-//   volume; the displacement along the surface, which no match can see, comes from
-//   the neighbours, so points follow the deformation instead of sliding.
-// - Coarse to fine: the field is first solved on coarse aggregates of the points with a
-//   long smoothing length, then handed down level by level while the length shrinks to
-//   `smoothing` mean edges on the mesh itself.
+// - First a field over space (unless `spaceField` is off): a sum of smooth lattices
+//   over the moving mesh's box, coarse to fine, fitted to point-to-plane matches of a
+//   few thousand points. A motion along the surface, which no match on that part can
+//   see (the ends of a bend seen from the side, a twist), moves the surface along its
+//   normal elsewhere on the body, and one field over space carries it across. A
+//   local motion that a coarse lattice can only explain by a stretch of the whole body
+//   (a dent on the tip of a featureless ellipsoid) is taken as that stretch: the
+//   matches cannot tell the two apart there.
+// - Then the surface levels: each point carries a displacement on top of the field
+//   over space. A pass matches every point to the nearest target triangle that faces
+//   its way (within `normalAngle`, not on the target's open border, within the search
+//   distance) and solves for the displacement field that best lays the points on the
+//   planes of their matches while keeping the field smooth (point-to-plane terms plus
+//   the bending and membrane energy of the field). A mesh already on its target does
+//   not move; a smooth stretch keeps its volume.
+// - Coarse to fine on the surface too: the field is first solved on coarse aggregates
+//   of the points with a long smoothing length, then handed down level by level while
+//   the length shrinks to `smoothing` mean edges on the mesh itself.
 // - Points without a match (the target does not cover them) keep the deformation of
 //   their neighbours and are counted.
 // - The run always ends: when the share `targetFraction` of the matched points lies
