@@ -100,8 +100,9 @@ MorphResult Morph(const py::object& movingObject, const py::object& targetObject
     out.p95_distance = f.p95Distance / ie;
     out.unmatched = f.unmatched;
     out.folded = f.folded;
-    morphSeconds = py::dict(py::arg("setup") = f.setup, py::arg("matching") = f.correspondence,
-                            py::arg("solving") = f.solve, py::arg("measuring") = f.measure, py::arg("total") = f.total);
+    morphSeconds =
+        py::dict(py::arg("setup") = f.setup, py::arg("space") = f.space, py::arg("matching") = f.correspondence,
+                 py::arg("solving") = f.solve, py::arg("measuring") = f.measure, py::arg("total") = f.total);
   }
   if (registerFirst) {
     out.registration_succeeded = r.registrationSucceeded;

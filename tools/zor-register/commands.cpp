@@ -202,11 +202,8 @@ int RunMorph(const std::string& movingPath, const std::string& targetPath, const
       run.baseMorph
           ? Json{{"setup", m.setup},         {"dual_pass", m.dualPass},    {"main_pass", m.mainPass}, {"step", m.step},
                  {"smoothing", m.smoothing}, {"statistics", m.statistics}, {"total", m.total}}
-          : Json{{"setup", f.setup},
-                 {"matching", f.correspondence},
-                 {"solving", f.solve},
-                 {"measuring", f.measure},
-                 {"total", f.total}};
+          : Json{{"setup", f.setup},   {"space", f.space},       {"matching", f.correspondence},
+                 {"solving", f.solve}, {"measuring", f.measure}, {"total", f.total}};
   if (common.json) {
     Json report{{"moving", MeshJson(movingPath, moving)},     {"target", MeshJson(targetPath, target)},
                 {"registered", options.registerFirst},        {"max_distance", largest},
@@ -269,8 +266,8 @@ int RunMorph(const std::string& movingPath, const std::string& targetPath, const
     std::printf("setup %.3f, dual passes %.3f, main passes %.3f, steps %.3f, smoothing %.3f)\n", m.setup, m.dualPass,
                 m.mainPass, m.step, m.smoothing);
   else
-    std::printf("setup %.3f, matching %.3f, solving %.3f, measuring %.3f)\n", f.setup, f.correspondence, f.solve,
-                f.measure);
+    std::printf("setup %.3f, field over space %.3f, matching %.3f, solving %.3f, measuring %.3f)\n", f.setup, f.space,
+                f.correspondence, f.solve, f.measure);
   if (!output.empty()) std::printf("wrote     %s\n", output.c_str());
   PrintDeviation(deviation, map);
   return 0;

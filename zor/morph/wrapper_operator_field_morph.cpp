@@ -358,7 +358,9 @@ void MWrapperOperatorFieldMorph::Operate(std::shared_ptr<ZorSDK::Common::IProgre
     const std::size_t m = points.rest.size();
     std::vector<MMVector3d> before(m), now(m), zero(m);
     detail::SpaceFitScratch spaceScratch;
-    for (std::size_t cells = kFirstCells; cells <= kLastCells && report.passes + 1 < params.maxPasses; cells *= 2) {
+    bool settled = false;
+    for (std::size_t cells = kFirstCells; cells <= kLastCells && !settled && report.passes + 1 < params.maxPasses;
+         cells *= 2) {
       ForEach(m, [&](std::size_t i) { before[i] = space.At(points.rest[i]); });
       detail::SpaceLattice& lattice = space.AddLattice(cells);
       for (std::size_t pass = 0; pass < kSpacePasses && report.passes + 1 < params.maxPasses; ++pass) {
@@ -366,11 +368,18 @@ void MWrapperOperatorFieldMorph::Operate(std::shared_ptr<ZorSDK::Common::IProgre
         ForEach(m, [&](std::size_t i) { now[i] = space.At(points.rest[i]); });
         const PassSummary found =
             MatchLevel(surface, points, now, zero, points.normals, cosine, reach, tolerance, terms, distances);
-        // The terms' places back to rest, then forward by the other lattices alone.
+        // The fit takes the places as matched (MatchLevel took them back by the field).
         ForEach(m, [&](std::size_t i) { terms[i].place = terms[i].place + now[i]; });
         ++report.passes;
         ++reporter;
         everMatched = everMatched || found.matched > 0;
+        // Already on the target within the tolerance (a mesh in place): nothing is left
+        // for a field over space to see.
+        settled = found.matched > 0 && found.p95 < tolerance;
+        if (settled) {
+          report.space += SecondsSince(stage);
+          break;
+        }
         detail::FitLattice(lattice, points.rest, before, terms, {kSpaceBending, kSpaceRidge}, kSpaceSolverSteps,
                            kSolverTolerance, spaceScratch);
         report.space += SecondsSince(stage);
