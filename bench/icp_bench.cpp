@@ -6,12 +6,16 @@
 //
 //   bench_icp [--sizes 10000,100000,1000000] [--threads 1,2] [--poses 5] [--save DIR]
 //
+// The digest column hashes the bits of every result transform of the row, so that two
+// builds that give the same transforms, every digit, print the same digest.
+//
 // --save DIR also writes each size's body and moved copies as PLY (millimetres) with
 // the true poses, for the side-by-side peer (bench/peers/open3d_multistart_icp.py).
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -30,6 +34,17 @@ namespace {
 using Icp = ZorStlRegistration::MStlBaseOperatorRegistrationICP;
 
 using zorbench::ParseList;
+
+// FNV-1a over the bits of the transform's sixteen elements.
+std::uint64_t Digest(std::uint64_t hash, const MMTransformMatrix& t) {
+  for (int e = 0; e < 16; ++e) {
+    const double v = t.GetElement(e / 4, e % 4);
+    std::uint64_t bits;
+    std::memcpy(&bits, &v, sizeof bits);
+    for (int b = 0; b < 8; ++b) hash = (hash ^ ((bits >> (8 * b)) & 0xFFu)) * 1099511628211ull;
+  }
+  return hash;
+}
 
 double Median(std::vector<double> v) {
   std::sort(v.begin(), v.end());
@@ -61,8 +76,8 @@ int main(int argc, char** argv) {
   std::printf("multi-start ICP, defaults; featured body under %d seeded poses; times are medians in ms\n", poses);
   std::printf(
       "| triangles | threads | total | sampling | tree | analysis | search | refinement | iteration us x threads "
-      "|\n");
-  std::printf("|---|---|---|---|---|---|---|---|---|\n");
+      "| digest |\n");
+  std::printf("|---|---|---|---|---|---|---|---|---|---|\n");
   for (long size : sizes) {
     const zorgen::MeshArrays body = zorgen::MakeShape(zorgen::Shape::Featured, size);
     const auto fixed = zorgen::MakeMesh(body);
@@ -83,6 +98,7 @@ int main(int argc, char** argv) {
     }
     for (long t : threads) {
       std::vector<double> total, sampling, tree, analysis, search, refinement;
+      std::uint64_t digest = 14695981039346656037ull;
       tbb::task_arena arena(static_cast<int>(t));
       for (int k = 0; k < poses; ++k) {
         const auto moving = zorgen::MakeMovedCopy(body, zorgen::DrawPose(static_cast<std::uint64_t>(k + 1), 60000.0));
@@ -94,6 +110,7 @@ int main(int argc, char** argv) {
         const auto start = std::chrono::steady_clock::now();
         arena.execute([&] { icp.Operate(); });
         total.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
+        digest = Digest(digest, icp.GetTransformMatrix());
         const Icp::StageTimes& s = icp.GetStageTimes();
         sampling.push_back(s.sampling * 1e3);
         tree.push_back(s.tree * 1e3);
@@ -103,9 +120,9 @@ int main(int argc, char** argv) {
       }
       // The search runs 360 starts of 11 measurements each.
       const double iteration = Median(search) * 1000.0 * static_cast<double>(t) / (360.0 * 11.0);
-      std::printf("| %9zu | %7ld | %7.1f | %8.2f | %6.2f | %8.2f | %7.1f | %10.2f | %8.1f |\n",
+      std::printf("| %9zu | %7ld | %7.1f | %8.2f | %6.2f | %8.2f | %7.1f | %10.2f | %8.1f | %016llx |\n",
                   fixed->GetNumberOfTriangles(), t, Median(total), Median(sampling), Median(tree), Median(analysis),
-                  Median(search), Median(refinement), iteration);
+                  Median(search), Median(refinement), iteration, static_cast<unsigned long long>(digest));
       std::fflush(stdout);
     }
   }

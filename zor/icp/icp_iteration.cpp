@@ -32,6 +32,15 @@ SampleTree::SampleTree(std::vector<SamplePoint>&& points) {
   MeshQueries::detail::TreeParams treeParams;
   treeParams.leafSize = kSampleLeafSize;
   tree.Build(treeParams, std::move(points));
+  const std::vector<SamplePoint>& sorted = tree.GetObjects();
+  positions.x.resize(sorted.size());
+  positions.y.resize(sorted.size());
+  positions.z.resize(sorted.size());
+  for (std::size_t i = 0; i < sorted.size(); ++i) {
+    positions.x[i] = sorted[i].position[0];
+    positions.y[i] = sorted[i].position[1];
+    positions.z[i] = sorted[i].position[2];
+  }
 }
 
 RigidFit FitRigid(const std::vector<Point3>& moved, const std::vector<Point3>& matched, bool allowScale) {
@@ -151,7 +160,7 @@ MStlBaseOperatorRegistrationICP::IcpResult MStlBaseOperatorRegistrationICP::_Run
       // The nearest fixed sample. The last match lies at a known distance from the new
       // place, which bounds the search; a bound a little wider than that distance finds
       // the same nearest sample as an unbounded search, only with less of the tree.
-      const detail::SampleDistance distance(objects, p.Data());
+      const detail::SampleDistance distance(fixedTree->Positions(), p.Data());
       double bound2 = std::numeric_limits<double>::infinity();
       if (w.matchedIndex[i] != MeshQueries::kNoObject) bound2 = distance(w.matchedIndex[i]) * (1.0 + 1e-9) + 1e-300;
       std::uint32_t found = MeshQueries::NearestObjectIndex(tree, distance, bound2);

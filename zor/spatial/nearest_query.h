@@ -20,6 +20,7 @@
 #include <cstring>
 #include <limits>
 #include <type_traits>
+#include <utility>
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
@@ -99,6 +100,13 @@ constexpr bool PrefetchesTree() {
   return !TreeInCache<ObjectDistance>::value;
 }
 
+// Whether a distance policy computes four consecutive distances at once (Four(i, d)).
+template <typename ObjectDistance, typename = void>
+struct ComputesFour : std::false_type {};
+template <typename ObjectDistance>
+struct ComputesFour<ObjectDistance, std::void_t<decltype(std::declval<const ObjectDistance&>().Four(
+                                        std::uint32_t{}, static_cast<double*>(nullptr)))>> : std::true_type {};
+
 // The state of one search: the bound to beat and the best object so far.
 template <typename ObjectDistance>
 struct NearestQuery {
@@ -123,11 +131,16 @@ struct NearestQuery {
     };
     std::uint32_t i = begin;
     for (; i + 4 <= end; i += 4) {
-      const double d0 = (*distance)(i), d1 = (*distance)(i + 1), d2 = (*distance)(i + 2), d3 = (*distance)(i + 3);
-      take(d0, i);
-      take(d1, i + 1);
-      take(d2, i + 2);
-      take(d3, i + 3);
+      double d[4];
+      if constexpr (ComputesFour<ObjectDistance>::value) {
+        distance->Four(i, d);
+      } else {
+        d[0] = (*distance)(i), d[1] = (*distance)(i + 1), d[2] = (*distance)(i + 2), d[3] = (*distance)(i + 3);
+      }
+      take(d[0], i);
+      take(d[1], i + 1);
+      take(d[2], i + 2);
+      take(d[3], i + 3);
     }
     for (; i < end; ++i) take((*distance)(i), i);
     bestDistance2 = bound2;
