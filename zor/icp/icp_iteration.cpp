@@ -147,16 +147,29 @@ MStlBaseOperatorRegistrationICP::IcpResult MStlBaseOperatorRegistrationICP::_Run
   const std::uint64_t measurements =
       params.maxIterations == std::numeric_limits<std::uint64_t>::max() ? 0 : params.maxIterations + 1;
   for (std::uint64_t iteration = 0; iteration < measurements; ++iteration) {
-    w.moved.clear();
-    w.matched.clear();
-    w.movedNormals.clear();
-    w.matchedNormals.clear();
-    w.distances2.clear();
+    w.moved.resize(n);
+    w.matched.resize(n);
+    w.movedNormals.resize(params.useNormals ? n : 0);
+    w.matchedNormals.resize(params.useNormals ? n : 0);
+    w.distances2.resize(n);
     w.rejected.clear();
+    // The present transform in locals: the products and sums of MMTransformMatrix's
+    // Transform, in its order, without a virtual call and a class test per sample. A
+    // projective transform (never made by the fits) takes the general path.
+    const bool projective = current.GetClass() == MMTransformClass::Projective;
+    double a[3][4];
+    for (unsigned short r = 0; r < 3; ++r)
+      for (unsigned short c = 0; c < 4; ++c) a[r][c] = current.GetElement(r, c);
     for (std::size_t i = 0; i < n; ++i) {
       const SamplePoint& s = movingSample[i];
       MMVector3d p;
-      current.Transform(p, MMVector3d(s.position[0], s.position[1], s.position[2]), false);
+      const double x = s.position[0], y = s.position[1], z = s.position[2];
+      if (projective)
+        current.Transform(p, MMVector3d(x, y, z), false);
+      else
+        p = MMVector3d(a[0][0] * x + a[0][1] * y + a[0][2] * z + a[0][3],
+                       a[1][0] * x + a[1][1] * y + a[1][2] * z + a[1][3],
+                       a[2][0] * x + a[2][1] * y + a[2][2] * z + a[2][3]);
       // The nearest fixed sample. The last match lies at a known distance from the new
       // place, which bounds the search; a bound a little wider than that distance finds
       // the same nearest sample as an unbounded search, only with less of the tree.
@@ -173,16 +186,17 @@ MStlBaseOperatorRegistrationICP::IcpResult MStlBaseOperatorRegistrationICP::_Run
       if (found != MeshQueries::kNoObject)
         for (int k = 0; k < 3; ++k) q[k] = objects[found].position[k], qNormal[k] = objects[found].normal[k];
       if (params.useNormals) {
-        MMVector3d m;
-        current.Transform(m, MMVector3d(s.normal[0], s.normal[1], s.normal[2]), true);
+        const double u = s.normal[0], v = s.normal[1], t = s.normal[2];
+        MMVector3d m(a[0][0] * u + a[0][1] * v + a[0][2] * t, a[1][0] * u + a[1][1] * v + a[1][2] * t,
+                     a[2][0] * u + a[2][1] * v + a[2][2] * t);
         Normalize(m);
-        w.movedNormals.push_back(Point3{{m[0], m[1], m[2]}});
-        w.matchedNormals.push_back(qNormal);
+        w.movedNormals[i] = Point3{{m[0], m[1], m[2]}};
+        w.matchedNormals[i] = qNormal;
       }
-      w.moved.push_back(Point3{{p[0], p[1], p[2]}});
-      w.matched.push_back(q);
+      w.moved[i] = Point3{{p[0], p[1], p[2]}};
+      w.matched[i] = q;
       const double dx = p[0] - q[0], dy = p[1] - q[1], dz = p[2] - q[2];
-      w.distances2.push_back(dx * dx + dy * dy + dz * dz);
+      w.distances2[i] = dx * dx + dy * dy + dz * dz;
     }
 
     // In the first iteration a wrong scale makes distances meaningless: no cap then.

@@ -173,36 +173,42 @@ bool MStlBaseOperatorRegistrationICP::Operate() {
   MMTransformMatrix base;
   base.MakeTranslation(ToVector(fixedAxis.centre) - c);
 
-  // Each direction keeps its best run in its own entry; the workers reuse their buffers
-  // from run to run.
-  std::vector<IcpResult> best(directions.size());
+  // Each start keeps its run in its own entry (a task per start, so that two or many
+  // workers share the 360 evenly); the workers reuse their buffers from run to run.
+  // The runs are then folded in start order, as one loop over them would.
+  const auto spins = static_cast<std::size_t>(params.rotationCount);
+  const std::size_t startsTotal = directions.size() * spins;
+  std::vector<IcpResult> runs(startsTotal);
+  std::vector<MMTransformMatrix> tilts(directions.size());
+  for (std::size_t i = 0; i < directions.size(); ++i) {
+    // Turn the axis onto the direction (a rounding past +-1 of the cosine of unit
+    // vectors is taken as +-1); antiparallel vectors give no turn axis and no turn.
+    const MMVector3d& d = directions[i];
+    tilts[i].MakeRotation(c, Cross(a, d), std::acos(std::clamp(Dot(a, d), -1.0, 1.0)));
+  }
   tbb::enumerable_thread_specific<detail::IcpWorkspace> workspaces;
   std::atomic<std::size_t> startsDone{0};
-  const std::size_t startsTotal = directions.size() * static_cast<std::size_t>(params.rotationCount);
-  const auto searchDirections = [&](const tbb::blocked_range<std::size_t>& r) {
+  const auto searchStarts = [&](const tbb::blocked_range<std::size_t>& r) {
     detail::IcpWorkspace& workspace = workspaces.local();
-    for (std::size_t i = r.begin(); i != r.end(); ++i) {
-      const MMVector3d& d = directions[i];
-      // Turn the axis onto the direction (a rounding past +-1 of the cosine of unit
-      // vectors is taken as +-1); antiparallel vectors give no turn axis and no turn.
-      MMTransformMatrix tilt;
-      tilt.MakeRotation(c, Cross(a, d), std::acos(std::clamp(Dot(a, d), -1.0, 1.0)));
-      for (std::uint64_t k = 0; k < params.rotationCount; ++k) {
-        MMTransformMatrix spin;
-        spin.MakeRotation(c, a, static_cast<double>(k) * kTwoPi / static_cast<double>(params.rotationCount));
-        // Spin about the axis, then turn the axis onto d, then lay the centres together.
-        MMTransformMatrix startPose = base;
-        startPose.PostMultiply(tilt * spin);
-        const IcpResult run = _RunIcp(startPose, workspace);
-        if (detail::IsBetter(run, best[i])) best[i] = run;
-        if (startObserver) startObserver(++startsDone, startsTotal);
-      }
+    for (std::size_t s = r.begin(); s != r.end(); ++s) {
+      const std::size_t i = s / spins, k = s % spins;
+      MMTransformMatrix spin;
+      spin.MakeRotation(c, a, static_cast<double>(k) * kTwoPi / static_cast<double>(params.rotationCount));
+      // Spin about the axis, then turn the axis onto d, then lay the centres together.
+      MMTransformMatrix startPose = base;
+      startPose.PostMultiply(tilts[i] * spin);
+      runs[s] = _RunIcp(startPose, workspace);
+      if (startObserver) startObserver(++startsDone, startsTotal);
     }
   };
   tbb::task_group_context context;
-  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, directions.size(), 1), searchDirections, tbb::auto_partitioner(),
-                    context);
-  // The winner by direction order, so that equal runs resolve the same way every time.
+  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, startsTotal, 1), searchStarts, tbb::auto_partitioner(), context);
+  // The best run of each direction by spin order, then the winner by direction order, so
+  // that equal runs resolve the same way every time.
+  std::vector<IcpResult> best(directions.size());
+  for (std::size_t i = 0; i < directions.size(); ++i)
+    for (std::size_t k = 0; k < spins; ++k)
+      if (detail::IsBetter(runs[i * spins + k], best[i])) best[i] = runs[i * spins + k];
   IcpResult winner = best[0];
   for (std::size_t i = 1; i < best.size(); ++i)
     if (detail::IsBetter(best[i], winner)) winner = best[i];

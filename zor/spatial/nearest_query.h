@@ -61,6 +61,18 @@ inline double BoxDistance2(const Box& box, const double* q) {
     tz = tz < 0.0 ? 0.0 : tz;
     return (_mm_cvtsd_f64(t) + _mm_cvtsd_f64(_mm_unpackhi_pd(t, t))) + tz * tz;
   }
+  if constexpr (std::is_same_v<std::decay_t<decltype(box.minCorner[0])>, double>) {
+    // The same operations on x and y at once, in the order of the loop below.
+    const __m128d lo = _mm_loadu_pd(&box.minCorner[0]);
+    const __m128d hi = _mm_loadu_pd(&box.maxCorner[0]);
+    const __m128d p = _mm_loadu_pd(q);
+    __m128d t = _mm_max_pd(_mm_sub_pd(lo, p), _mm_sub_pd(p, hi));
+    t = _mm_max_pd(_mm_setzero_pd(), t);
+    t = _mm_mul_pd(t, t);
+    double tz = std::max(box.minCorner[2] - q[2], q[2] - box.maxCorner[2]);
+    tz = tz < 0.0 ? 0.0 : tz;
+    return (_mm_cvtsd_f64(t) + _mm_cvtsd_f64(_mm_unpackhi_pd(t, t))) + tz * tz;
+  }
 #endif
   double sum = 0.0;
   for (int k = 0; k < 3; ++k) {
