@@ -7,7 +7,9 @@
 // feature strategy when that result is doubtful, the finish and the verdict; its
 // strategy column reads pair-<used>, with "?" when the verdict doubts it), or by any of
 // them side by side on the same copies (--operator registration,pair; both: registration
-// and icp; all: the three).
+// and icp; all: the three). icp-pair runs the multi-start ICP as the tool and the
+// package do (IcpPair: the search, then the finish on the full meshes and the verdict;
+// its strategy column reads icp-pair, with "?" when the verdict doubts it).
 //
 // A pose counts as recovered when the registered moving mesh lies on the fixed one:
 // the RMS distance of its vertices to the fixed surface is within the noise level plus
@@ -20,8 +22,8 @@
 //
 //   bench_alignment [--sizes 10000,100000] [--poses 50] [--threads 2]
 //                   [--shapes featured,box,rod,disc,ball] [--strategy auto]
-//                   [--tolerance 0.1] [--overlap 0.8] [--operator registration|icp|pair|both|all]
-//                   [--failures]
+//                   [--tolerance 0.1] [--overlap 0.8]
+//                   [--operator registration|icp|icp-pair|pair|both|all] [--failures]
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -42,6 +44,7 @@
 #include "generators/poses.h"
 #include "zor/alignment/normal_orientation_index.h"
 #include "zor/icp/stl_base_operator_registration_icp.h"
+#include "zor/pair/pair_operations.h"
 #include "zor/pair/pair_registration.h"
 #include "zor/registration/user_operator_stl_registration.h"
 
@@ -62,6 +65,7 @@ struct Options {
   bool registration = true;  // run the rigid registration operator
   bool icp = false;          // run the multi-start ICP operator
   bool pair = false;         // run the pair call (AlignPair): fallback, finish and verdict
+  bool icpPair = false;      // run the ICP pair call (IcpPair): search, finish and verdict
 };
 
 bool ParseOptions(int argc, char** argv, Options& o) {
@@ -95,12 +99,15 @@ bool ParseOptions(int argc, char** argv, Options& o) {
       }
     } else if (flag == "--operator") {
       const std::string v = value;
-      o.registration = o.icp = o.pair = false;
+      o.registration = o.icp = o.pair = o.icpPair = false;
       for (const std::string& name : zorbench::ParseNames(value)) {
         if (name == "registration" || name == "both" || name == "all") o.registration = true;
         if (name == "icp" || name == "both" || name == "all") o.icp = true;
         if (name == "pair" || name == "all") o.pair = true;
-        if (name != "registration" && name != "icp" && name != "pair" && name != "both" && name != "all") return false;
+        if (name == "icp-pair") o.icpPair = true;
+        if (name != "registration" && name != "icp" && name != "pair" && name != "icp-pair" && name != "both" &&
+            name != "all")
+          return false;
       }
     } else if (flag == "--strategy") {
       bool known = false;
@@ -208,12 +215,23 @@ void RunShape(const Options& o, Shape shape, long size) {
     return run;
   };
 
+  const auto icpPairCopy = [&](const MStlBase& moving) {
+    const ZorStlRegistration::IcpRun r =
+        ZorStlRegistration::IcpPair(moving, *fixed, ZorStlRegistration::IcpOptions(), "moving", "fixed");
+    Run run;
+    run.found = r.transform;
+    run.searchMs = r.times.search * 1000.0;
+    run.strategy = std::string("icp-pair") + (r.verdict.doubtful ? "?" : "");
+    run.error = r.rms / 1000.0;
+    return run;
+  };
+
   for (const Case c : {Case{"full", 1.0, false}, Case{"full+noise", 1.0, true}, Case{"partial", 0.7, false},
                        Case{"partial+noise", 0.7, true}}) {
     const double threshold = (c.noise ? noiseLevel : 0.0) + 0.001 * clean.diagonal;
     const double basin = (c.noise ? noiseLevel : 0.0) + 0.01 * clean.diagonal;
-    for (int which = 0; which < 3; ++which) {
-      if (!(which == 0 ? o.registration : which == 1 ? o.icp : o.pair)) continue;
+    for (int which = 0; which < 4; ++which) {
+      if (!(which == 0 ? o.registration : which == 1 ? o.icp : which == 2 ? o.pair : o.icpPair)) continue;
       // The same copies for every operator.
       std::mt19937 rng(20261121u + static_cast<unsigned>(size) + 7919u * static_cast<unsigned>(shape));
       std::vector<double> times, searchTimes, rms;
@@ -223,7 +241,10 @@ void RunShape(const Options& o, Shape shape, long size) {
         const MMTransformMatrix truth = UniformPose(rng, 0.5 * clean.diagonal);
         const std::unique_ptr<MStlBase> moving = MakeMovedCopy(c.noise ? noisy : clean, truth, c.keep);
         const auto start = std::chrono::steady_clock::now();
-        const Run run = which == 0 ? registerCopy(*moving) : which == 1 ? icpCopy(*moving) : pairCopy(*moving);
+        const Run run = which == 0   ? registerCopy(*moving)
+                        : which == 1 ? icpCopy(*moving)
+                        : which == 2 ? pairCopy(*moving)
+                                     : icpPairCopy(*moving);
         times.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
         searchTimes.push_back(run.searchMs);
         const double d = RmsToSurface(*moving, run.found, surface);
@@ -258,7 +279,8 @@ int main(int argc, char** argv) {
         stderr,
         "usage: bench_alignment [--sizes 10000,100000] [--poses 50] [--threads 2]\n"
         "                       [--shapes featured,box,rod,disc,ball] [--strategy auto|none|axes|rod|disc|ball]\n"
-        "                       [--tolerance 0.1] [--overlap 0.8] [--operator registration|icp|pair|both|all]\n"
+        "                       [--tolerance 0.1] [--overlap 0.8]\n"
+        "                       [--operator registration|icp|icp-pair|pair|both|all]\n"
         "                       [--failures]\n");
     return 2;
   }

@@ -47,7 +47,7 @@ using Icp = ZorStlRegistration::MStlBaseOperatorRegistrationICP;
 IcpResult RunIcp(const py::object& movingObject, const py::object& fixedObject, bool single, long long directions,
                  long long rotations, long long iterations, long long samples, bool allowScale, bool normals,
                  double distanceFactor, double maxDistance, const py::object& initial, bool refine,
-                 long long refineFactor, const py::object& progress) {
+                 long long refineFactor, bool polish, const py::object& progress) {
   ZorStlRegistration::IcpOptions options;
   Icp::MParams& p = options.params;
   p.multiStart = !single;
@@ -61,6 +61,7 @@ IcpResult RunIcp(const py::object& movingObject, const py::object& fixedObject, 
   options.maxDistance = Within(PairRanges::kMaxDistance, maxDistance);
   p.refine = refine;
   p.refineFactor = Count(PairRanges::kRefineFactor, refineFactor);
+  options.polish = polish;
   if (!initial.is_none()) {
     TransformFrom(initial, "initial");  // checks it
     const auto values = py::array_t<double, py::array::c_style | py::array::forcecast>::ensure(
@@ -82,10 +83,15 @@ IcpResult RunIcp(const py::object& movingObject, const py::object& fixedObject, 
   out.rms_error = r.rms / MUnit::GetIE();
   out.starts = r.starts;
   out.refined = r.refined;
+  out.polished = r.polished;
+  out.overlap = r.verdict.overlap;
+  out.overlap_rms = r.verdict.rms / MUnit::GetIE();
+  out.doubtful = r.verdict.doubtful;
+  out.doubt = r.verdict.reason;
   const Icp::StageTimes& t = r.times;
-  out.seconds =
-      py::dict(py::arg("sampling") = t.sampling, py::arg("tree") = t.tree, py::arg("analysis") = t.analysis,
-               py::arg("search") = t.search, py::arg("refinement") = t.refinement, py::arg("total") = t.total);
+  out.seconds = py::dict(py::arg("sampling") = t.sampling, py::arg("tree") = t.tree, py::arg("analysis") = t.analysis,
+                         py::arg("search") = t.search, py::arg("refinement") = t.refinement,
+                         py::arg("polish") = r.polishSeconds, py::arg("total") = t.total + r.polishSeconds);
   return out;
 }
 

@@ -176,8 +176,11 @@ FileNotFoundError for a missing file and ValueError for a malformed one, naming 
          &RegisterResult::overlap_distance, &RegisterResult::doubtful, &RegisterResult::doubt,
          &RegisterResult::seconds);
   py::class_<IcpResult> icpResult(m, "IcpResult", "What zor.icp found.");
-  Fields(icpResult, {"transform", "rms_error", "starts", "refined", "seconds"}, &IcpResult::transform,
-         &IcpResult::rms_error, &IcpResult::starts, &IcpResult::refined, &IcpResult::seconds);
+  Fields(icpResult,
+         {"transform", "rms_error", "starts", "refined", "polished", "overlap", "overlap_rms", "doubtful", "doubt",
+          "seconds"},
+         &IcpResult::transform, &IcpResult::rms_error, &IcpResult::starts, &IcpResult::refined, &IcpResult::polished,
+         &IcpResult::overlap, &IcpResult::overlap_rms, &IcpResult::doubtful, &IcpResult::doubt, &IcpResult::seconds);
   py::class_<MorphResult> morphResult(m, "MorphResult", "What zor.morph made.");
   Fields(morphResult,
          {"vertices", "triangles", "mesh", "max_distance", "mean_distance", "fraction_within", "tolerance",
@@ -234,7 +237,8 @@ stage. The interpreter is free for other threads while it runs.)");
         py::arg("iterations") = i.maxIterations, py::arg("samples") = i.sampleCount,
         py::arg("allow_scale") = i.allowScale, py::arg("normals") = i.useNormals,
         py::arg("distance_factor") = i.distanceFactor, py::arg("max_distance") = 0.0, py::arg("initial") = py::none(),
-        py::arg("refine") = i.refine, py::arg("refine_factor") = i.refineFactor, py::arg("progress") = py::none(),
+        py::arg("refine") = i.refine, py::arg("refine_factor") = i.refineFactor, py::arg("polish") = true,
+        py::arg("progress") = py::none(),
         R"(Registers moving onto fixed by ICP started from many orientations.
 
 single: one run from initial instead of the search over starts.
@@ -244,10 +248,12 @@ allow_scale: also fit a uniform scale. normals: reject pairs whose normals diffe
 distance_factor: reject pairs beyond this times the median squared distance;
 max_distance: reject pairs farther apart than this (mm) instead (0: the median rule).
 initial: 4x4 start of the single run (shift in mm). refine, refine_factor: a last run on
-a sample this many times larger. progress: as in register.
+a sample this many times larger. polish: finish with point-to-plane ICP on the full
+meshes, as register does. progress: as in register.
 
-Returns an IcpResult: transform (4x4, shift in mm), rms_error (mm), starts, refined,
-seconds by stage.)");
+Returns an IcpResult: transform (4x4, shift in mm), rms_error (mm, of the search, before
+the finish), starts, refined, polished, overlap, overlap_rms (mm), doubtful and doubt
+(why), seconds by stage.)");
 
   const ZorStlRegistration::MorphOptions mo;
   m.def("morph", &Morph, py::arg("moving"), py::arg("target"), py::kw_only(), py::arg("register") = mo.registerFirst,

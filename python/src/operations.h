@@ -86,6 +86,10 @@ struct IcpResult {
   double rms_error = 0.0;
   std::uint64_t starts = 0;
   bool refined = false;
+  bool polished = false;
+  double overlap = 0.0, overlap_rms = 0.0;
+  bool doubtful = false;
+  std::string doubt;
   py::dict seconds;
 };
 
@@ -117,7 +121,7 @@ RegisterResult Register(const py::object& movingObject, const py::object& fixedO
 IcpResult RunIcp(const py::object& movingObject, const py::object& fixedObject, bool single, long long directions,
                  long long rotations, long long iterations, long long samples, bool allowScale, bool normals,
                  double distanceFactor, double maxDistance, const py::object& initial, bool refine,
-                 long long refineFactor, const py::object& progress);
+                 long long refineFactor, bool polish, const py::object& progress);
 MorphResult Morph(const py::object& movingObject, const py::object& targetObject, bool registerFirst,
                   const std::string& method, double tolerance, double targetFraction, double normalAngle,
                   double searchDistance, double smoothing, long long maxPasses, double initialStep,

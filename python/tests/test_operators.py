@@ -30,8 +30,12 @@ def test_icp_recovers_a_pose_from_its_search_and_from_a_start(body, moved, pose)
     near = turn(25.0, (0, 0, 1), (3.0, -2.0, 1.0))
     start = body.transformed(near)
     result = zor.icp(start, body, samples=2000)
-    assert rotation_error_deg(result.transform, near) < 0.5
+    assert rotation_error_deg(result.transform, near) < 0.05  # finished on the full meshes
     assert result.starts == 360 and result.refined and result.rms_error < 0.5
+    assert result.polished and not result.doubtful and result.overlap > 0.95
+    assert result.seconds["total"] >= result.seconds["polish"] > 0
+    searched = zor.icp(start, body, samples=2000, polish=False)
+    assert not searched.polished and rotation_error_deg(searched.transform, near) < 0.5
     single = zor.icp(start, body, single=True, initial=np.linalg.inv(near), iterations=30)
     assert single.starts == 1 and rotation_error_deg(single.transform, near) < 0.5
 

@@ -60,6 +60,11 @@ class IcpResult:
     rms_error: float
     starts: int
     refined: bool
+    polished: bool
+    overlap: float
+    overlap_rms: float
+    doubtful: bool
+    doubt: str
     seconds: Dict[str, float]
     def as_dict(self) -> Dict[str, Any]: ...
 
@@ -141,6 +146,7 @@ def icp(
     initial: Optional[npt.ArrayLike] = None,
     refine: bool = True,
     refine_factor: int = 10,
+    polish: bool = True,
     progress: _Progress = None,
 ) -> IcpResult: ...
 def morph(

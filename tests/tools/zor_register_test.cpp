@@ -198,10 +198,17 @@ TEST_F(ZorRegister, IcpRecoversAKnownPoseAndRefusesWhatHasNoAxis) {
   ZorStlRegistration::WriteMesh(*body, nullptr, 1.0, Path("fixed.stl"), false);
   ZorStlRegistration::WriteMesh(*body, &pose, 1.0, Path("moving.ply"), false);
   const nlohmann::json report = ParseJson(Tool("icp moving.ply fixed.stl --json -o moved.off"));
-  // Ten point-to-point fits between sparse samples converge slowly: the right pose to
-  // within a few degrees (a turn of the relief would be tens of degrees off).
-  ExpectRecovered(pose, 1.0, report, 0.1, 2.0);
-  EXPECT_LT(report["rms_error"].get<double>(), 2.0);  // mm
+  // The finish lays the search's pose on the surface.
+  ExpectRecovered(pose, 1.0, report, 0.01, 0.05);
+  EXPECT_TRUE(report["polished"].get<bool>());
+  EXPECT_FALSE(report["doubtful"].get<bool>());
+  EXPECT_GT(report["overlap"].get<double>(), 0.99);
+  EXPECT_LT(report["rms_error"].get<double>(), 2.0);  // mm, of the search
+  // Without it, ten point-to-point fits between sparse samples converge slowly: the
+  // right pose to within a few degrees (a turn of the relief would be tens of degrees off).
+  const nlohmann::json searched = ParseJson(Tool("icp moving.ply fixed.stl --json --no-polish"));
+  ExpectRecovered(pose, 1.0, searched, 0.1, 2.0);
+  EXPECT_FALSE(searched["polished"].get<bool>());
   EXPECT_EQ(report["starts"], 360);
   EXPECT_EQ(report["refined_samples"], 5000);
   EXPECT_TRUE(fs::exists(dir / "moved.off"));

@@ -132,6 +132,9 @@ int RunIcp(const std::string& movingPath, const std::string& fixedPath, const st
   const std::optional<DeviationSummary> map =
       MakeDeviationMap(deviation, *moving.mesh, &transform, *fixed.mesh, rms, common);
   const auto& t = run.times;
+  const Verdict& verdict = run.verdict;
+  if (verdict.doubtful && !common.quiet)
+    std::fprintf(stderr, "zor-register: warning: the result is doubtful: %s\n", verdict.reason.c_str());
 
   if (common.json) {
     Json report{{"moving", MeshJson(movingPath, moving)},
@@ -144,13 +147,20 @@ int RunIcp(const std::string& movingPath, const std::string& fixedPath, const st
                 {"directions", p.directionCount},
                 {"rotations", p.rotationCount},
                 {"iterations", p.maxIterations},
+                {"polished", run.polished},
+                {"overlap", verdict.overlap},
+                {"overlap_rms", verdict.rms * toFile},
+                {"overlap_distance", verdict.distance * toFile},
+                {"doubtful", verdict.doubtful},
                 {"seconds", Json{{"sampling", t.sampling},
                                  {"tree", t.tree},
                                  {"analysis", t.analysis},
                                  {"search", t.search},
                                  {"refinement", t.refinement},
-                                 {"total", t.total}}},
+                                 {"polish", run.polishSeconds},
+                                 {"total", t.total + run.polishSeconds}}},
                 {"scale", common.scale}};
+    if (verdict.doubtful) report["doubt"] = verdict.reason;
     if (!output.empty()) report["output"] = output;
     AddDeviation(report, deviation, map);
     std::printf("%s\n", report.dump(2).c_str());
@@ -167,9 +177,17 @@ int RunIcp(const std::string& movingPath, const std::string& fixedPath, const st
     std::printf("search    one run of %llu fits on %llu samples from the given pose\n",
                 static_cast<unsigned long long>(p.maxIterations), static_cast<unsigned long long>(p.sampleCount));
   PrintTransform(transform, toFile);
-  std::printf("rms error %.6g file units (root mean square distance of the samples, rejected ones included)\n", rms);
-  std::printf("time      %.3f s (sampling %.3f, tree %.3f, analysis %.3f, search %.3f, refinement %.3f)\n", t.total,
-              t.sampling, t.tree, t.analysis, t.search, t.refinement);
+  std::printf(
+      "rms error %.6g file units (root mean square distance of the samples, rejected ones included, before the "
+      "finish)\n",
+      rms);
+  std::printf("overlap   %.1f%% of MOVING within %.6g file units of FIXED, RMS %.6g there%s\n", 100.0 * verdict.overlap,
+              verdict.distance * toFile, verdict.rms * toFile, verdict.doubtful ? " (doubtful)" : "");
+  std::printf("time      %.3f s (sampling %.3f, tree %.3f, analysis %.3f, search %.3f, refinement %.3f)\n",
+              t.total + run.polishSeconds, t.sampling, t.tree, t.analysis, t.search, t.refinement);
+  if (options.polish)
+    std::printf("finish    %s, %.3f s\n", run.polished ? "point-to-plane ICP on the full meshes" : "could not run",
+                run.polishSeconds);
   if (!output.empty()) std::printf("wrote     %s\n", output.c_str());
   PrintDeviation(deviation, map);
   return 0;

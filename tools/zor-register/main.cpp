@@ -106,6 +106,8 @@ void AddIcpOptions(CLI::App& cmd, IcpOptions& o) {
     cmd.add_option(name, field, help)->check(Within(range))->capture_default_str()->group("ICP");
   };
   cmd.add_flag("!--single", p.multiStart, "One run from --initial instead of the search over starts")->group("ICP");
+  cmd.add_flag("!--no-polish", o.polish, "Skip the finish: point-to-plane ICP on the full meshes after the search")
+      ->group("ICP");
   number("--directions", p.directionCount, "Directions the moving mesh's axis is aimed at", PairRanges::kDirections);
   number("--rotations", p.rotationCount, "Spins about the axis at each direction", PairRanges::kRotations);
   number("--iterations", p.maxIterations, "Fits in each run", PairRanges::kIcpIterations);

@@ -62,6 +62,13 @@ IcpRun IcpPair(const MStlBase& moving, const MStlBase& fixed, const IcpOptions& 
   run.times = icp.GetStageTimes();
   run.starts = p.multiStart ? p.directionCount * p.rotationCount : 1;
   run.refined = p.multiStart && p.refine && p.refineFactor != 0;
+  const double distance = PairVerdictDistance();
+  if (options.polish) {
+    const auto start = std::chrono::steady_clock::now();
+    run.polished = FinishPose(moving, fixed, distance, run.transform);
+    run.polishSeconds = ZorSDK::Common::SecondsSince(start);
+  }
+  run.verdict = JudgePose(moving, fixed, run.transform, distance);
   return run;
 }
 

@@ -17,6 +17,7 @@
 #include "zor/model/unit.h"
 #include "zor/morph/wrapper_operator_field_morph.h"
 #include "zor/morph/wrapper_operator_morph.h"
+#include "zor/pair/pair_registration.h"
 
 namespace ZorStlRegistration {
 
@@ -26,19 +27,26 @@ struct IcpOptions {
   MStlBaseOperatorRegistrationICP::MParams params;
   double maxDistance = 0.0;     // mm; 0: reject by the median rule
   std::vector<double> initial;  // 16 values, row-major, shift in millimetres; empty: the identity
+  // The operator fits samples to samples, so its pose lies a fraction of a millimetre
+  // off the surface: finish it as AlignPair does (FinishPose on the full meshes).
+  bool polish = true;
 };
 
 struct IcpRun {
-  MMTransformMatrix transform;  // moving onto fixed
-  double rms = 0.0;             // internal units
+  MMTransformMatrix transform;  // moving onto fixed, finished when `polished`
+  double rms = 0.0;             // internal units, the operator's, before the finish
   MStlBaseOperatorRegistrationICP::StageTimes times;
   std::uint64_t starts = 0;  // runs from a start (1 for a single run)
   bool refined = false;      // a run on the larger sample followed
+  bool polished = false;
+  double polishSeconds = 0.0;
+  Verdict verdict;  // of `transform`, as AlignPair's
 };
 
-// Runs the multi-start ICP of `moving` onto `fixed`; `progress` (may be null) counts the
-// starts. Throws InputError for an initial transform that is not finite, for no starts
-// and for a mesh without area (naming it by `movingName` or `fixedName`).
+// Runs the multi-start ICP of `moving` onto `fixed`, then the finish (unless
+// `options.polish` is off) and the verdict; `progress` (may be null) counts the starts. Throws InputError for an
+// initial transform that is not finite, for no starts and for a mesh without area (naming it by `movingName` or
+// `fixedName`).
 ZOR_API IcpRun IcpPair(const MStlBase& moving, const MStlBase& fixed, const IcpOptions& options,
                        const std::string& movingName, const std::string& fixedName,
                        const std::shared_ptr<ZorSDK::Common::IProgressDelegate>& progress = {});

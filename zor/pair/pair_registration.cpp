@@ -81,11 +81,11 @@ Run RunOperator(MStlBase& moving, MStlBase& fixed, Registration::MParams params,
   return run;
 }
 
-// Point-to-plane ICP of the full moving mesh onto the full fixed mesh from `pose`,
-// pairing points within 4, then 2, then 1 times `distance`: the wide first round pulls
-// in a start that is a few degrees off, the last one pairs only the overlap. False,
-// leaving `pose`, when the first round cannot run.
-bool Polish(const MStlBase& moving, const MStlBase& fixed, double distance, MMTransformMatrix& pose) {
+}  // namespace
+
+// The wide first round pulls in a start that is a few degrees off, the last one pairs
+// only the overlap.
+bool FinishPose(const MStlBase& moving, const MStlBase& fixed, double distance, MMTransformMatrix& pose) {
   bool ran = false;
   for (double reach : {4.0, 2.0, 1.0}) {
     MStlBaseOperatorRegistrationICP::MParameters p;
@@ -104,6 +104,10 @@ bool Polish(const MStlBase& moving, const MStlBase& fixed, double distance, MMTr
   }
   return ran;
 }
+
+double PairVerdictDistance() { return kVerdictBounds * PairDefaults().reduceTolerance * MUnit::GetIE(); }
+
+namespace {
 
 // Whether the place of `t` nearest to `p` lies on an open border of its mesh: on an edge
 // (or a corner) that no other triangle shares.
@@ -221,7 +225,7 @@ PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& optio
   const auto finish = [&](PairResult& r) {
     if (!options.polish || r.polished) return;
     const auto start = std::chrono::steady_clock::now();
-    r.polished = Polish(moving, fixed, distance, r.transform);
+    r.polished = FinishPose(moving, fixed, distance, r.transform);
     r.polishSeconds = SecondsSince(start);
     r.verdict = JudgePose(moving, fixed, r.transform, distance);
   };

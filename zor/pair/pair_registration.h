@@ -67,6 +67,15 @@ struct PairResult {
   Verdict verdict;
 };
 
+// The distance the pair calls judge and finish within: three reduction bounds of the
+// pair defaults (internal units).
+ZOR_API double PairVerdictDistance();
+
+// The finish of a found pose: point-to-plane ICP of the full moving mesh onto the full
+// fixed mesh from `pose`, pairing points within 4, then 2, then 1 times `distance`.
+// False, leaving `pose`, when the first round cannot run.
+ZOR_API bool FinishPose(const MStlBase& moving, const MStlBase& fixed, double distance, MMTransformMatrix& pose);
+
 // Measures `pose` (moving onto fixed) as Verdict says. The fixed mesh's triangle tree is
 // built on first use and kept with the mesh.
 ZOR_API Verdict JudgePose(const MStlBase& moving, const MStlBase& fixed, const MMTransformMatrix& pose,
