@@ -32,6 +32,7 @@
 #include "operations.h"
 #include "progress.h"
 #include "zor/files/deviation_colour.h"
+#include "zor/files/inspection_report.h"
 #include "zor/files/mesh_files.h"
 #include "zor/model/stopwatch.h"
 #include "zor/model/unit.h"
@@ -78,6 +79,67 @@ py::tuple ClosestPoints(const py::object& meshObject, const py::object& points) 
   return py::make_tuple(closest, distances, triangles);
 }
 
+namespace {
+
+// The distances of moving (moved by `transform`) from fixed, with the range they are
+// judged by and their summary: `range` mm when given, else three times the median
+// distance (one grid step at least).
+struct Measured {
+  std::vector<double> distances;
+  ZorStlRegistration::DeviationSummary summary;
+};
+
+Measured Measure(const Mesh& moving, const Mesh& fixed, const std::optional<MMTransformMatrix>& pose,
+                 std::optional<double> rangeMm) {
+  Measured m;
+  const double ie = MUnit::GetIE();
+  m.distances = ZorStlRegistration::SignedDistances(moving.Stl(), pose ? &*pose : nullptr, fixed.Stl());
+  double within = 0.0;
+  if (rangeMm) {
+    within = *rangeMm * ie;
+  } else {
+    // Three times the median distance: the bulk of a good fit shows green, what stands
+    // out shows in colour. One grid step at least.
+    std::vector<double> magnitudes(m.distances.size());
+    std::transform(m.distances.begin(), m.distances.end(), magnitudes.begin(), [](double v) { return std::abs(v); });
+    if (!magnitudes.empty()) {
+      const auto middle = magnitudes.begin() + static_cast<std::ptrdiff_t>(magnitudes.size() / 2);
+      std::nth_element(magnitudes.begin(), middle, magnitudes.end());
+      within = 3.0 * *middle;
+    }
+    within = std::max(within, 1.0);
+  }
+  m.summary = ZorStlRegistration::SummariseDeviation(m.distances, within);
+  return m;
+}
+
+DeviationResult ResultOf(const Measured& m) {
+  const double ie = MUnit::GetIE();
+  DeviationResult out;
+  const py::ssize_t n = static_cast<py::ssize_t>(m.distances.size());
+  out.distances = py::array_t<double>(n);
+  out.colours = py::array_t<std::uint8_t>({n, py::ssize_t{3}});
+  double* d = out.distances.mutable_data();
+  std::uint8_t* c = out.colours.mutable_data();
+  for (py::ssize_t i = 0; i < n; ++i) {
+    d[i] = m.distances[i] / ie;
+    const auto rgb = ZorStlRegistration::DeviationColour(m.distances[i], m.summary.range);
+    std::copy(rgb.begin(), rgb.end(), c + 3 * i);
+  }
+  out.range = m.summary.range / ie;
+  out.within_share = m.summary.withinShare;
+  out.percentile95 = m.summary.percentile95 / ie;
+  out.largest = m.summary.largest / ie;
+  return out;
+}
+
+std::optional<double> RangeMm(const py::object& range) {
+  if (range.is_none()) return std::nullopt;
+  return Within(PairRanges::kDeviationRange, py::float_(range).cast<double>());
+}
+
+}  // namespace
+
 DeviationResult Deviation(const py::object& movingObject, const py::object& fixedObject, const py::object& transform,
                           const py::object& range) {
   const std::shared_ptr<Mesh> moving = Mesh::From(movingObject, "moving");
@@ -85,49 +147,47 @@ DeviationResult Deviation(const py::object& movingObject, const py::object& fixe
   NeedTriangles(*fixed, "fixed");
   std::optional<MMTransformMatrix> pose;
   if (!transform.is_none()) pose = TransformFrom(transform, "transform");
-  const double ie = MUnit::GetIE();
-  std::optional<double> rangeMm;
-  if (!range.is_none()) rangeMm = Within(PairRanges::kDeviationRange, py::float_(range).cast<double>());
-
-  std::vector<double> distances;
-  ZorStlRegistration::DeviationSummary summary;
+  const std::optional<double> rangeMm = RangeMm(range);
+  Measured measured;
   {
     py::gil_scoped_release release;
     const MeshLocks locks({moving.get(), fixed.get()}, false);
-    distances = ZorStlRegistration::SignedDistances(moving->Stl(), pose ? &*pose : nullptr, fixed->Stl());
-    double within = 0.0;
-    if (rangeMm)
-      within = *rangeMm * ie;
-    else {
-      // Three times the median distance: the bulk of a good fit shows green, what stands
-      // out shows in colour. One grid step at least.
-      std::vector<double> magnitudes(distances.size());
-      std::transform(distances.begin(), distances.end(), magnitudes.begin(), [](double v) { return std::abs(v); });
-      if (!magnitudes.empty()) {
-        const auto middle = magnitudes.begin() + static_cast<std::ptrdiff_t>(magnitudes.size() / 2);
-        std::nth_element(magnitudes.begin(), middle, magnitudes.end());
-        within = 3.0 * *middle;
-      }
-      within = std::max(within, 1.0);
+    measured = Measure(*moving, *fixed, pose, rangeMm);
+  }
+  return ResultOf(measured);
+}
+
+DeviationResult Report(const std::filesystem::path& path, const py::object& movingObject, const py::object& fixedObject,
+                       const py::object& transform, const py::object& range, const std::string& title,
+                       const py::object& rows) {
+  const std::shared_ptr<Mesh> moving = Mesh::From(movingObject, "moving");
+  const std::shared_ptr<Mesh> fixed = Mesh::From(fixedObject, "fixed");
+  std::optional<MMTransformMatrix> pose;
+  if (!transform.is_none()) pose = TransformFrom(transform, "transform");
+  const std::optional<double> rangeMm = RangeMm(range);
+  ZorStlRegistration::InspectionReport report;
+  report.title = title;
+  if (!rows.is_none())
+    for (const py::handle row : rows) {
+      const py::tuple pair = py::reinterpret_borrow<py::object>(row).cast<py::tuple>();
+      if (pair.size() != 2) throw py::value_error("rows: each row is a (label, text) pair");
+      report.rows.emplace_back(py::str(pair[0]).cast<std::string>(), py::str(pair[1]).cast<std::string>());
     }
-    summary = ZorStlRegistration::SummariseDeviation(distances, within);
+  Measured measured;
+  {
+    py::gil_scoped_release release;
+    const MeshLocks locks({moving.get(), fixed.get()}, false);
+    measured = Measure(*moving, *fixed, pose, rangeMm);
+    report.moving = &moving->Stl();
+    report.fixed = &fixed->Stl();
+    report.pose = pose ? &*pose : nullptr;
+    report.distances = measured.distances;
+    report.range = measured.summary.range;
+    if (fixed->Stl().GetNumberOfTriangles() == 0)
+      report.problem = "The fixed mesh has no triangles: there is no surface to measure against.";
+    ZorStlRegistration::WriteInspectionReport(report, path.string());
   }
-  DeviationResult out;
-  const py::ssize_t n = static_cast<py::ssize_t>(distances.size());
-  out.distances = py::array_t<double>(n);
-  out.colours = py::array_t<std::uint8_t>({n, py::ssize_t{3}});
-  double* d = out.distances.mutable_data();
-  std::uint8_t* c = out.colours.mutable_data();
-  for (py::ssize_t i = 0; i < n; ++i) {
-    d[i] = distances[i] / ie;
-    const auto rgb = ZorStlRegistration::DeviationColour(distances[i], summary.range);
-    std::copy(rgb.begin(), rgb.end(), c + 3 * i);
-  }
-  out.range = summary.range / ie;
-  out.within_share = summary.withinShare;
-  out.percentile95 = summary.percentile95 / ie;
-  out.largest = summary.largest / ie;
-  return out;
+  return ResultOf(measured);
 }
 
 }  // namespace zorpy

@@ -302,6 +302,17 @@ the median distance (one grid step at least). Returns a DeviationResult: distanc
 colours ((n, 3) uint8: green within range, yellow to red above, cyan to blue below),
 range, within_share, percentile95 and largest (of the absolute distances, mm).)");
 
+  m.def("report", &Report, py::arg("path"), py::arg("moving"), py::arg("fixed"), py::kw_only(),
+        py::arg("transform") = py::none(), py::arg("range") = py::none(), py::arg("title") = "zor report",
+        py::arg("rows") = py::none(),
+        R"(Writes an inspection report to path (.html): one page that any browser opens offline,
+with moving (moved by transform, when given) coloured by its signed distance to fixed,
+fixed as a ghost, a histogram, a colour bar, the largest deviation marked, and rows
+((label, text) pairs) as its summary. range as in deviation. Meshes above 500k triangles
+are simplified for the view; the numbers come from every vertex. Returns the
+DeviationResult the page shows. zor.inspect(path, moving, fixed, result) takes the
+transform and the rows from a result.)");
+
   py::class_<ThreadLimit>(m, "threads", R"(with zor.threads(n): caps the worker threads of every
 run in the process at n while the block runs (the smallest of nested caps holds).)")
       .def(py::init<long long>(), py::arg("n"))

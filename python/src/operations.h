@@ -129,6 +129,9 @@ MorphResult Morph(const py::object& movingObject, const py::object& targetObject
 py::tuple ClosestPoints(const py::object& meshObject, const py::object& points);
 DeviationResult Deviation(const py::object& movingObject, const py::object& fixedObject, const py::object& transform,
                           const py::object& range);
+DeviationResult Report(const std::filesystem::path& path, const py::object& movingObject, const py::object& fixedObject,
+                       const py::object& transform, const py::object& range, const std::string& title,
+                       const py::object& rows);
 std::shared_ptr<Mesh> Load(const std::filesystem::path& path, double scale);
 void Save(const Mesh& mesh, const std::filesystem::path& path, double scale, bool ascii);
 std::shared_ptr<Mesh> Transformed(const Mesh& mesh, const py::object& matrix);

@@ -61,6 +61,21 @@ def test_morph_lands_on_the_target_keeping_vertices_and_triangles(body):
         zor.morph(body, body, method="sliding")
 
 
+def test_inspection_reports_show_the_numbers_of_their_result(body, moved, tmp_path):
+    result = zor.register(moved, body)
+    shown = zor.inspect(tmp_path / "register.html", moved, body, result)
+    page = (tmp_path / "register.html").read_text()
+    assert "zor.register" in page and "overlap" in page and "<link" not in page
+    same = zor.deviation(moved, body, result.transform)
+    assert shown.percentile95 == same.percentile95 and shown.within_share == same.within_share
+    assert 'id="zor-largest" data-value="%.17g"' % same.largest in page
+    morphed = zor.morph(body.transformed(np.diag([1.02, 0.99, 1.0, 1.0])), body, register=False)
+    zor.inspect(tmp_path / "morph.html", None, body, morphed)
+    assert "zor.morph" in (tmp_path / "morph.html").read_text()
+    with pytest.raises(ValueError, match="HTML"):
+        zor.report(tmp_path / "report.ply", moved, body)
+
+
 def test_closest_points_on_a_known_square():
     square = zor.Mesh([[0, 0, 0], [10, 0, 0], [10, 10, 0], [0, 10, 0]], [[0, 1, 2], [0, 2, 3]])
     points, distances, triangles = zor.closest_points(square, [[8, 2, 5], [2, 8, -3], [15, 5, 0], [-3, -4, 0]])

@@ -32,10 +32,45 @@ from ._zor import (
     max_threads,
     morph,
     register,
+    report,
     sample_body,
     threads,
 )
 from . import batch
+
+
+def _short(value):
+    if isinstance(value, float):
+        return "%.4g" % value
+    if isinstance(value, dict):
+        return "(" + ", ".join("%s %s" % (k, _short(v)) for k, v in value.items()) + ")"
+    return str(value)
+
+
+def inspect(path, moving, fixed, result=None, *, range=None, title=None):
+    """Writes an inspection report (see ``report``) of a result of ``register``, ``icp``
+    or ``morph``: a registration's moving mesh moved by its transform, or a morph's
+    mesh, with the result's numbers as the summary. Returns the ``DeviationResult`` the
+    page shows."""
+    transform = None
+    rows = []
+    if result is not None:
+        fields = result.as_dict()
+        if isinstance(result, MorphResult):
+            moving = result.mesh
+            title = title or "zor.morph"
+        else:
+            transform = fields.get("transform")
+            title = title or ("zor.icp" if isinstance(result, IcpResult) else "zor.register")
+        for key, value in fields.items():
+            if key in ("transform", "vertices", "triangles", "mesh", "registration", "icp"):
+                continue
+            if isinstance(value, dict):
+                value = ", ".join("%s %s" % (k, _short(v)) for k, v in value.items())
+            rows.append((key.replace("_", " "), value))
+        if transform is not None:
+            rows.insert(0, ("transform", "; ".join(" ".join("%.6f" % v for v in row) for row in transform[:3])))
+    return report(path, moving, fixed, transform=transform, range=range, title=title or "zor report", rows=rows)
 
 __all__ = [
     "DeviationResult",
@@ -49,10 +84,12 @@ __all__ = [
     "deviation",
     "grid_steps_per_mm",
     "icp",
+    "inspect",
     "load",
     "max_threads",
     "morph",
     "register",
+    "report",
     "sample_body",
     "threads",
 ]

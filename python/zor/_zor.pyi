@@ -1,6 +1,6 @@
 # Types of the extension module; help() on each function shows its full description.
 import os
-from typing import Any, Callable, Dict, Optional, Tuple, Union, overload
+from typing import Any, Callable, Dict, Optional, Sequence, Tuple, Union, overload
 
 import numpy as np
 import numpy.typing as npt
@@ -174,6 +174,16 @@ def deviation(
     fixed: _MeshLike,
     transform: Optional[npt.ArrayLike] = None,
     range: Optional[float] = None,
+) -> DeviationResult: ...
+def report(
+    path: Union[str, os.PathLike],
+    moving: _MeshLike,
+    fixed: _MeshLike,
+    *,
+    transform: Optional[npt.ArrayLike] = None,
+    range: Optional[float] = None,
+    title: str = "zor report",
+    rows: Optional[Sequence[Tuple[str, Any]]] = None,
 ) -> DeviationResult: ...
 def max_threads() -> int: ...
 def grid_steps_per_mm() -> float: ...

@@ -22,6 +22,17 @@
 
 namespace zortool {
 
+namespace {
+
+// A number as a report row shows it.
+std::string Figure(double v) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.6g", v);
+  return text;
+}
+
+}  // namespace
+
 Registration::MParams DemoDefaults() {
   Registration::MParams p = PairDefaults();
   p.overlapFraction = 1.0;
@@ -56,7 +67,7 @@ int RunAlign(const std::string& movingPath, const std::string& fixedPath, const 
                                    ? kDefaultStrategy
                                    : StrategyName(params.initialAlignment);
   if (!output.empty()) WriteMesh(*moving.mesh, &transform, common.scale, output, common.ascii);
-  const std::optional<DeviationSummary> map =
+  const std::optional<Deviation> map =
       MakeDeviationMap(deviation, *moving.mesh, &transform, *fixed.mesh, error, common);
   // Doubt goes to stderr whatever the format, so that scripts reading the report see it too.
   if (result.verdict.doubtful && !common.quiet)
@@ -64,6 +75,28 @@ int RunAlign(const std::string& movingPath, const std::string& fixedPath, const 
 
   Registration::StageTimes times = result.times;
   times.total += result.polishSeconds;
+  {
+    const Verdict& v = result.verdict;
+    std::vector<std::pair<std::string, std::string>> rows{
+        {"moving", movingPath},
+        {"fixed", fixedPath},
+        {"strategy", strategy + " (took " + std::string(StrategyName(result.used)) + ")"},
+        {"transform", TransformText(transform, toFile)},
+        {"error", Figure(error) + " file units (before the finish)"},
+        {"overlap",
+         Figure(100.0 * v.overlap) + "% within " + Figure(v.distance * toFile) + ", RMS " + Figure(v.rms * toFile)},
+        {"verdict", v.doubtful ? "doubtful" : "sound"},
+        {"time", Figure(times.total) + " s (reduction " + Figure(times.reduction) + ", alignment " +
+                     Figure(times.alignment) + ", refinement " + Figure(times.refinement) + ", finish " +
+                     Figure(result.polishSeconds) + ")"}};
+    if (v.doubtful) rows.emplace_back("doubt", v.reason);
+    const std::string problem =
+        v.overlap > 0.0 ? ""
+                        : "No part of MOVING lies within " + Figure(v.distance * toFile) +
+                              " file units of FIXED: "
+                              "the registration found no overlap, and the colours show how far apart they lie.";
+    WriteReport(deviation, map, "zor-register align", *moving.mesh, &transform, *fixed.mesh, rows, problem, common);
+  }
   if (common.json) {
     Json report{{"moving", MeshJson(movingPath, moving)},
                 {"fixed", MeshJson(fixedPath, fixed)},
@@ -129,12 +162,31 @@ int RunIcp(const std::string& movingPath, const std::string& fixedPath, const st
   const double toFile = 1.0 / (common.scale * MUnit::GetIE());
   const double rms = run.rms * toFile;
   if (!output.empty()) WriteMesh(*moving.mesh, &transform, common.scale, output, common.ascii);
-  const std::optional<DeviationSummary> map =
-      MakeDeviationMap(deviation, *moving.mesh, &transform, *fixed.mesh, rms, common);
+  const std::optional<Deviation> map = MakeDeviationMap(deviation, *moving.mesh, &transform, *fixed.mesh, rms, common);
   const auto& t = run.times;
   const Verdict& verdict = run.verdict;
   if (verdict.doubtful && !common.quiet)
     std::fprintf(stderr, "zor-register: warning: the result is doubtful: %s\n", verdict.reason.c_str());
+  {
+    std::vector<std::pair<std::string, std::string>> rows{
+        {"moving", movingPath},
+        {"fixed", fixedPath},
+        {"search", std::to_string(run.starts) + " start(s) of " + std::to_string(p.maxIterations) + " fits on " +
+                       std::to_string(p.sampleCount) + " samples" + (run.polished ? ", finished" : "")},
+        {"transform", TransformText(transform, toFile)},
+        {"rms error", Figure(rms) + " file units (of the search's samples)"},
+        {"overlap", Figure(100.0 * verdict.overlap) + "% within " + Figure(verdict.distance * toFile) + ", RMS " +
+                        Figure(verdict.rms * toFile)},
+        {"verdict", verdict.doubtful ? "doubtful" : "sound"},
+        {"time", Figure(t.total + run.polishSeconds) + " s (search " + Figure(t.search) + ", refinement " +
+                     Figure(t.refinement) + ", finish " + Figure(run.polishSeconds) + ")"}};
+    if (verdict.doubtful) rows.emplace_back("doubt", verdict.reason);
+    const std::string problem = verdict.overlap > 0.0
+                                    ? ""
+                                    : "No part of MOVING lies within " + Figure(verdict.distance * toFile) +
+                                          " file units of FIXED: the search found no overlap.";
+    WriteReport(deviation, map, "zor-register icp", *moving.mesh, &transform, *fixed.mesh, rows, problem, common);
+  }
 
   if (common.json) {
     Json report{{"moving", MeshJson(movingPath, moving)},
@@ -212,10 +264,31 @@ int RunMorph(const std::string& movingPath, const std::string& targetPath, const
   const auto& r = run.stages;
   const double largest = run.maxDistance * toFile;
   if (!output.empty()) WriteMesh(*moving.mesh, nullptr, common.scale, output, common.ascii);
-  const std::optional<DeviationSummary> map =
+  const std::optional<Deviation> map =
       MakeDeviationMap(deviation, *moving.mesh, nullptr, *target.mesh, largest, common);
 
   const auto& f = run.field;
+  {
+    std::vector<std::pair<std::string, std::string>> rows{{"moving", movingPath}, {"target", targetPath}};
+    if (run.baseMorph) {
+      rows.emplace_back("morph", "base morph, " + std::to_string(m.iterations) + " iterations");
+    } else {
+      rows.emplace_back("morph", "field morph, " + std::to_string(f.passes) + " passes, " +
+                                     ZorStlRegistration::StopReasonName(f.stop));
+      rows.emplace_back("unmatched", std::to_string(f.unmatched) + " point(s) without a counterpart on TARGET");
+      rows.emplace_back("folded", std::to_string(f.folded) + " triangle(s)");
+    }
+    if (options.registerFirst) {
+      rows.emplace_back("registered", run.registrationSucceeded ? "yes" : "failed; kept the placement");
+      rows.emplace_back("scales", Figure(run.scales[0]) + ", " + Figure(run.scales[1]) + ", " + Figure(run.scales[2]));
+    }
+    rows.emplace_back("time", Figure(options.registerFirst ? r.total : run.total) + " s");
+    const std::string problem =
+        !run.baseMorph && f.stop == ZorStlRegistration::MWrapperOperatorFieldMorph::StopReason::NoMatch
+            ? "No point of MOVING found a TARGET triangle facing its way within reach: nothing was morphed."
+            : "";
+    WriteReport(deviation, map, "zor-register morph", *moving.mesh, nullptr, *target.mesh, rows, problem, common);
+  }
   const Json morphSeconds =
       run.baseMorph
           ? Json{{"setup", m.setup},         {"dual_pass", m.dualPass},    {"main_pass", m.mainPass}, {"step", m.step},

@@ -27,6 +27,7 @@ struct CommonOptions {
 struct DeviationOptions {
   std::string path;    // must end in .ply
   double range = 0.0;  // file units; 0: three times the error the command reports
+  std::string report;  // the inspection report, .html
 };
 
 int RunAlign(const std::string& moving, const std::string& fixed, const std::string& output, const PairOptions& options,

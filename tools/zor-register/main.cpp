@@ -131,6 +131,10 @@ void AddDeviationOptions(CLI::App& cmd, DeviationOptions& d) {
                  "Also write the result as a deviation map: binary PLY with each vertex's signed distance to the "
                  "fixed surface (positive outside, file units) as quality, and colours")
       ->group("Deviation map");
+  cmd.add_option("--report", d.report,
+                 "Also write an inspection report: one HTML page with the result coloured by its deviation, a "
+                 "histogram and the summary, that any browser opens offline")
+      ->group("Deviation map");
   cmd.add_option("--deviation-range", d.range,
                  "Distance (file units) within which the map is green; default 3 times the reported error")
       ->check(Within(PairRanges::kDeviationRange))

@@ -4,11 +4,13 @@
 
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <string>
 
 #include "tools/zor-register/progress_bar.h"
+#include "zor/files/inspection_report.h"
 #include "zor/model/unit.h"
 
 namespace zortool {
@@ -135,6 +137,16 @@ Json MeshJson(const std::string& path, const LoadedMesh& m) {
 
 // The deviation map's path is checked before any work, so that a bad name costs nothing.
 void CheckDeviationPath(const DeviationOptions& deviation) {
+  if (!deviation.report.empty()) {
+    const std::string& path = deviation.report;
+    const std::string ext = path.size() >= 5 ? path.substr(path.size() - 5) : "";
+    if (ext != ".html" && ext != ".HTML" && (path.size() < 4 || (path.compare(path.size() - 4, 4, ".htm") != 0)))
+      throw InputError("--report '" + path + "': the report is an HTML page; name it .html");
+    const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+    std::error_code ec;
+    if (!folder.empty() && !std::filesystem::is_directory(folder, ec))
+      throw InputError("cannot write '" + path + "': no folder '" + folder.string() + "'");
+  }
   if (deviation.path.empty()) return;
   const std::string& path = deviation.path;
   if (path.size() < 4 ||
@@ -143,40 +155,75 @@ void CheckDeviationPath(const DeviationOptions& deviation) {
   CheckOutputPath(path);
 }
 
-// Writes the deviation map of `moving` (moved by `pose` when not null) against `fixed`
-// and gives its summary in file units; nothing when no map was asked for. The range
-// defaults to three times `reportedError` (file units), and to one grid step when that
-// is zero.
-std::optional<DeviationSummary> MakeDeviationMap(const DeviationOptions& deviation, const MStlBase& moving,
-                                                 const MMTransformMatrix* pose, const MStlBase& fixed,
-                                                 double reportedError, const CommonOptions& common) {
-  if (deviation.path.empty()) return std::nullopt;
+std::optional<Deviation> MakeDeviationMap(const DeviationOptions& deviation, const MStlBase& moving,
+                                          const MMTransformMatrix* pose, const MStlBase& fixed, double reportedError,
+                                          const CommonOptions& common) {
+  if (deviation.path.empty() && deviation.report.empty()) return std::nullopt;
   const double gridPerFileUnit = common.scale * MUnit::GetIE();
-  double range = (deviation.range > 0.0 ? deviation.range : 3.0 * reportedError) * gridPerFileUnit;
-  if (!(range > 0.0)) range = 1.0;
-  const std::vector<double> distances = SignedDistances(moving, pose, fixed);
-  WriteDeviationMap(moving, pose, common.scale, deviation.path, distances, range);
-  DeviationSummary summary = SummariseDeviation(distances, range);
-  summary.range /= gridPerFileUnit;
-  summary.percentile95 /= gridPerFileUnit;
-  summary.largest /= gridPerFileUnit;
-  return summary;
+  Deviation d;
+  d.range = (deviation.range > 0.0 ? deviation.range : 3.0 * reportedError) * gridPerFileUnit;
+  if (!(d.range > 0.0)) d.range = 1.0;
+  d.distances = SignedDistances(moving, pose, fixed);
+  if (!deviation.path.empty()) WriteDeviationMap(moving, pose, common.scale, deviation.path, d.distances, d.range);
+  d.summary = SummariseDeviation(d.distances, d.range);
+  d.summary.range /= gridPerFileUnit;
+  d.summary.percentile95 /= gridPerFileUnit;
+  d.summary.largest /= gridPerFileUnit;
+  return d;
 }
 
-void AddDeviation(Json& report, const DeviationOptions& deviation, const std::optional<DeviationSummary>& summary) {
-  if (!summary) return;
-  report["deviation"] = Json{{"map", deviation.path},
-                             {"range", summary->range},
-                             {"within_range", summary->withinShare},
-                             {"p95", summary->percentile95},
-                             {"largest", summary->largest}};
+void AddDeviation(Json& report, const DeviationOptions& deviation, const std::optional<Deviation>& measured) {
+  if (!measured) return;
+  const DeviationSummary& summary = measured->summary;
+  report["deviation"] = Json{{"range", summary.range},
+                             {"within_range", summary.withinShare},
+                             {"p95", summary.percentile95},
+                             {"largest", summary.largest}};
+  if (!deviation.path.empty()) report["deviation"]["map"] = deviation.path;
+  if (!deviation.report.empty()) report["deviation"]["report"] = deviation.report;
 }
 
-void PrintDeviation(const DeviationOptions& deviation, const std::optional<DeviationSummary>& summary) {
-  if (!summary) return;
+void PrintDeviation(const DeviationOptions& deviation, const std::optional<Deviation>& measured) {
+  if (!measured) return;
+  const DeviationSummary& summary = measured->summary;
   std::printf("deviation %.2f%% of the vertices within +-%.6g file units; 95%% within %.6g, largest %.6g\n",
-              100.0 * summary->withinShare, summary->range, summary->percentile95, summary->largest);
-  std::printf("wrote     %s (deviation map: signed distance as vertex quality, and colours)\n", deviation.path.c_str());
+              100.0 * summary.withinShare, summary.range, summary.percentile95, summary.largest);
+  if (!deviation.path.empty())
+    std::printf("wrote     %s (deviation map: signed distance as vertex quality, and colours)\n",
+                deviation.path.c_str());
+  if (!deviation.report.empty())
+    std::printf("wrote     %s (inspection report: open it in a browser)\n", deviation.report.c_str());
+}
+
+void WriteReport(const DeviationOptions& deviation, const std::optional<Deviation>& measured, const std::string& title,
+                 const MStlBase& moving, const MMTransformMatrix* pose, const MStlBase& fixed,
+                 const std::vector<std::pair<std::string, std::string>>& rows, const std::string& problem,
+                 const CommonOptions& common) {
+  if (deviation.report.empty() || !measured) return;
+  ZorStlRegistration::InspectionReport r;
+  r.title = title;
+  r.moving = &moving;
+  r.pose = pose;
+  r.fixed = &fixed;
+  r.distances = measured->distances;
+  r.range = measured->range;
+  r.scale = common.scale;
+  r.rows = rows;
+  r.problem = problem;
+  ZorStlRegistration::WriteInspectionReport(r, deviation.report);
+}
+
+std::string TransformText(const MMTransformMatrix& transform, double toFile) {
+  std::string text;
+  char cell[48];
+  for (int r = 0; r < 3; ++r) {
+    for (int c = 0; c < 4; ++c) {
+      std::snprintf(cell, sizeof cell, "%s%.6f", c ? " " : "", FileElement(transform, r, c, toFile));
+      text += cell;
+    }
+    text += r < 2 ? "; " : "";
+  }
+  return text;
 }
 
 }  // namespace zortool

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -51,19 +52,38 @@ void PrintMeshes(const std::string& movingPath, const LoadedMesh& moving, const 
 
 Json MeshJson(const std::string& path, const LoadedMesh& m);
 
-// The deviation map's path is checked before any work, so that a bad name costs nothing.
+// The deviation map's and the report's paths are checked before any work, so that a bad
+// name costs nothing.
 void CheckDeviationPath(const DeviationOptions& deviation);
 
-// Writes the deviation map of `moving` (moved by `pose` when not null) against `fixed`
-// and gives its summary in file units; nothing when no map was asked for. The range
-// defaults to three times `reportedError` (file units), and to one grid step when that
-// is zero.
-std::optional<DeviationSummary> MakeDeviationMap(const DeviationOptions& deviation, const MStlBase& moving,
-                                                 const MMTransformMatrix* pose, const MStlBase& fixed,
-                                                 double reportedError, const CommonOptions& common);
+// The signed distances of a result and their summary in file units, when a deviation
+// map or a report was asked for.
+struct Deviation {
+  DeviationSummary summary;       // file units
+  std::vector<double> distances;  // internal units, one per moving point
+  double range = 0.0;             // internal units
+};
 
-void AddDeviation(Json& report, const DeviationOptions& deviation, const std::optional<DeviationSummary>& summary);
+// Measures the deviation of `moving` (moved by `pose` when not null) from `fixed` and
+// writes the map when one was asked for; nothing when neither a map nor a report was.
+// The range defaults to three times `reportedError` (file units), and to one grid step
+// when that is zero.
+std::optional<Deviation> MakeDeviationMap(const DeviationOptions& deviation, const MStlBase& moving,
+                                          const MMTransformMatrix* pose, const MStlBase& fixed, double reportedError,
+                                          const CommonOptions& common);
 
-void PrintDeviation(const DeviationOptions& deviation, const std::optional<DeviationSummary>& summary);
+void AddDeviation(Json& report, const DeviationOptions& deviation, const std::optional<Deviation>& measured);
+
+void PrintDeviation(const DeviationOptions& deviation, const std::optional<Deviation>& measured);
+
+// Writes the inspection report when one was asked for: the result coloured by its
+// deviation, with `rows` as its summary and `problem` (when not empty) above them.
+void WriteReport(const DeviationOptions& deviation, const std::optional<Deviation>& measured, const std::string& title,
+                 const MStlBase& moving, const MMTransformMatrix* pose, const MStlBase& fixed,
+                 const std::vector<std::pair<std::string, std::string>>& rows, const std::string& problem,
+                 const CommonOptions& common);
+
+// The transform's rows in file units, for a report's summary.
+std::string TransformText(const MMTransformMatrix& transform, double toFile);
 
 }  // namespace zortool

@@ -18,6 +18,7 @@
 #include <limits>
 #include <string_view>
 
+#include "zor/files/detail/atomic_file.h"
 #include "zor/files/deviation_colour.h"
 #include "zor/files/native_readers.h"
 #include "zor/model/stl_iterators.h"
@@ -194,93 +195,7 @@ MeshFormat CheckOutputPath(const std::string& path) {
   return format;
 }
 
-namespace {
-
-// A file written under a temporary name beside its destination and renamed over
-// it by Commit; dropped without Commit (or on any failure), it leaves nothing
-// behind.
-class AtomicFile {
-public:
-  explicit AtomicFile(const std::string& destination) : target(destination) {
-    const std::filesystem::path p(destination);
-    temporary = (p.parent_path() / ("." + p.filename().string() + ".XXXXXX")).string();
-    const int fd = mkstemp(temporary.data());
-    if (fd < 0) Fail();
-    // mkstemp makes the file private; give it the mode a plain create would.
-    const mode_t mask = umask(0);
-    umask(mask);
-    fchmod(fd, 0666 & ~mask);
-    file = fdopen(fd, "wb");
-    if (file == nullptr) {
-      close(fd);
-      Fail();
-    }
-    buffer.reserve(kChunk + 256);
-  }
-  ~AtomicFile() {
-    if (file != nullptr) std::fclose(file);
-    if (!committed && !temporary.empty()) std::remove(temporary.c_str());
-  }
-  AtomicFile(const AtomicFile&) = delete;
-  AtomicFile& operator=(const AtomicFile&) = delete;
-
-  void Append(std::string_view s) {
-    buffer.append(s);
-    if (buffer.size() >= kChunk) Flush();
-  }
-  // The shortest text that reads back as the same double.
-  void Append(double v) {
-    char text[32];
-    const auto end = std::to_chars(text, text + sizeof text, v == 0.0 ? 0.0 : v).ptr;  // no "-0"
-    Append(std::string_view(text, static_cast<std::size_t>(end - text)));
-  }
-  void Append(std::uint64_t v) {
-    char text[24];
-    const auto end = std::to_chars(text, text + sizeof text, v).ptr;
-    Append(std::string_view(text, static_cast<std::size_t>(end - text)));
-  }
-  template <typename T>
-  void AppendRaw(T v) {  // little-endian, as binary STL and our binary PLY header say
-    static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "binary mesh writers assume a little-endian machine");
-    char bytes[sizeof(T)];
-    std::memcpy(bytes, &v, sizeof(T));
-    Append(std::string_view(bytes, sizeof(T)));
-  }
-
-  void Commit() {
-    Flush();
-    if (std::fflush(file) != 0 || fsync(fileno(file)) != 0) Fail();
-    const int closed = std::fclose(file);
-    file = nullptr;
-    if (closed != 0 || std::rename(temporary.c_str(), target.c_str()) != 0) Fail();
-    committed = true;
-  }
-
-private:
-  static constexpr std::size_t kChunk = 1 << 20;
-  void Flush() {
-    if (!buffer.empty() && std::fwrite(buffer.data(), 1, buffer.size(), file) != buffer.size()) Fail();
-    buffer.clear();
-  }
-  [[noreturn]] void Fail() { throw InputError("cannot write " + Quoted(target) + ": " + std::strerror(errno)); }
-
-  std::string target;
-  std::string temporary;
-  std::FILE* file = nullptr;
-  std::string buffer;
-  bool committed = false;
-};
-
-}  // namespace
-
-namespace {
-
-// A mesh as a file holds it: points in list order, moved and in file units, and the
-// triangles' corners as numbers into them.
-struct FileGeometry {
-  std::vector<MMVector3d> points;
-  std::vector<std::uint32_t> triangles;
-};
+namespace detail {
 
 FileGeometry InFileUnits(const MStlBase& mesh, const MMTransformMatrix* pose, double scale) {
   // Divided rather than multiplied by the reciprocal: grid points then print as
@@ -301,18 +216,18 @@ FileGeometry InFileUnits(const MStlBase& mesh, const MMTransformMatrix* pose, do
   return g;
 }
 
-}  // namespace
+}  // namespace detail
 
 void WriteDeviationMap(const MStlBase& mesh, const MMTransformMatrix* pose, double scale, const std::string& path,
                        const std::vector<double>& distances, double range) {
   const std::string extension = LowerExtension(path);
   if (extension != ".ply") throw InputError("the deviation map " + Quoted(path) + " must be a .ply file");
   CheckOutputPath(path);
-  const FileGeometry g = InFileUnits(mesh, pose, scale);
+  const detail::FileGeometry g = detail::InFileUnits(mesh, pose, scale);
   if (distances.size() != g.points.size())
     throw std::logic_error("WriteDeviationMap: one distance per point is needed");
   const double gridPerFileUnit = scale * MUnit::GetIE();
-  AtomicFile out(path);
+  detail::AtomicFile out(path);
   out.Append("ply\nformat binary_little_endian 1.0\ncomment deviation map written by zor-register\n");
   out.Append("comment quality: signed distance to the fixed surface in file units, positive outside\n");
   out.Append("comment colours: green within ");
@@ -338,12 +253,12 @@ void WriteDeviationMap(const MStlBase& mesh, const MMTransformMatrix* pose, doub
 
 void WriteMesh(const MStlBase& mesh, const MMTransformMatrix* pose, double scale, const std::string& path, bool ascii) {
   const MeshFormat format = CheckOutputPath(path);
-  FileGeometry g = InFileUnits(mesh, pose, scale);
+  detail::FileGeometry g = detail::InFileUnits(mesh, pose, scale);
   const std::vector<MMVector3d>& points = g.points;
   const std::vector<std::uint32_t>& triangles = g.triangles;
   const std::uint64_t pointCount = points.size(), triangleCount = triangles.size() / 3;
 
-  AtomicFile out(path);
+  detail::AtomicFile out(path);
   const auto normal = [&](std::size_t t) {
     const MMVector3d& a = points[triangles[3 * t]];
     MMVector3d n = Cross(points[triangles[3 * t + 1]] - a, points[triangles[3 * t + 2]] - a);
