@@ -265,7 +265,8 @@ int RunMorph(const std::string& movingPath, const std::string& targetPath, const
   const double largest = run.maxDistance * toFile;
   if (!output.empty()) WriteMesh(*moving.mesh, nullptr, common.scale, output, common.ascii);
   const std::optional<Deviation> map =
-      MakeDeviationMap(deviation, *moving.mesh, nullptr, *target.mesh, largest, common);
+      // Green within the morph's tolerance: what the morph was asked to reach.
+      MakeDeviationMap(deviation, *moving.mesh, nullptr, *target.mesh, run.tolerance * toFile / 3.0, common);
 
   const auto& f = run.field;
   {

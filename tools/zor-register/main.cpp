@@ -136,7 +136,8 @@ void AddDeviationOptions(CLI::App& cmd, DeviationOptions& d) {
                  "histogram and the summary, that any browser opens offline")
       ->group("Deviation map");
   cmd.add_option("--deviation-range", d.range,
-                 "Distance (file units) within which the map is green; default 3 times the reported error")
+                 "Distance (file units) within which the map is green; default 3 times the reported error (the "
+                 "tolerance for morph)")
       ->check(Within(PairRanges::kDeviationRange))
       ->group("Deviation map");
 }

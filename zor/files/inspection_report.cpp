@@ -76,7 +76,8 @@ PageMesh ForPage(const MStlBase& mesh, const MMTransformMatrix* pose, double sca
     if (renumber[c] == UINT32_MAX) {
       renumber[c] = static_cast<std::uint32_t>(page.source.size());
       page.source.push_back(c);
-      page.xyz.insert(page.xyz.end(), all.begin() + 3 * c, all.begin() + 3 * c + 3);
+      const auto first = all.begin() + 3 * static_cast<std::ptrdiff_t>(c);
+      page.xyz.insert(page.xyz.end(), first, first + 3);
     }
     page.corners.push_back(renumber[c]);
   }
@@ -357,17 +358,22 @@ void WriteInspectionReport(const InspectionReport& r, const std::string& path) {
     within += a <= r.range ? 1 : 0;
     magnitudes.push_back(a);
   }
-  double p95 = 0.0;
-  if (!magnitudes.empty()) {
-    // Nearest rank: the smallest value that at least 95% of the points do not exceed.
-    const std::size_t rank = std::max<std::size_t>(1, static_cast<std::size_t>(std::ceil(0.95 * magnitudes.size())));
+  // Nearest rank: the smallest value that at least a share q of the points do not exceed.
+  const auto percentile = [&magnitudes](double q) {
+    if (magnitudes.empty()) return 0.0;
+    const std::size_t rank =
+        std::max<std::size_t>(1, static_cast<std::size_t>(std::ceil(q * static_cast<double>(magnitudes.size()))));
     std::nth_element(magnitudes.begin(), magnitudes.begin() + static_cast<std::ptrdiff_t>(rank - 1), magnitudes.end());
-    p95 = magnitudes[rank - 1];
-  }
+    return magnitudes[rank - 1];
+  };
+  const double p95 = percentile(0.95);
+  const double p99 = percentile(0.99);
   const double share =
       r.distances.empty() ? 0.0 : static_cast<double>(within) / static_cast<double>(r.distances.size());
   const double rangeFile = r.range / gridPerFileUnit;
-  double span = std::max(2.0 * r.range, largest) / gridPerFileUnit;
+  // The histogram spans the bulk: the colour bar's span, or as far as 99% of the points
+  // reach; the farthest hundredth falls into the end bars.
+  double span = std::max(kBarSpan * r.range, p99) / gridPerFileUnit;
   if (!(span > 0.0)) span = rangeFile > 0.0 ? rangeFile : 1.0;
   std::vector<std::uint64_t> counts(kBins, 0);
   for (double d : r.distances) {
