@@ -10,12 +10,13 @@
 //
 //   bench_morph [--sizes 10000,200000] [--threads 1,2] [--bodies smooth,featured]
 //               [--cases bend,twist,bump,partial-moving,partial-target] [--registered | --field]
-//               [--surface-only] [--meshes FILE,..]
+//               [--surface-only] [--meshes FILE,..] [--mesh-triangles N]
 //
 // --meshes morphs real meshes instead of the generated bodies: each file is scaled so
 // that its largest extent is 200 mm, and its target is the deformed mesh simplified to
 // 60% of its triangles (meshoptimizer), so that the target's triangles differ from the
-// moving mesh's and it keeps only some of its points. --sizes does not apply to them.
+// moving mesh's and it keeps only some of its points. --sizes does not apply to them;
+// --mesh-triangles N first simplifies each file to about N triangles (coarse real meshes).
 //
 // --field runs the field morph (MWrapperOperatorFieldMorph) with its defaults instead of
 // the base morph, and prints its stage times and its stop rule; --surface-only runs it
@@ -127,6 +128,8 @@ Body GeneratedBody(zorgen::Shape shape, long triangles) {
 
 // A mesh file scaled to 200 mm along its largest extent; its target is the same surface
 // simplified to 60% of the triangles, on the same points.
+long meshTriangles = 0;
+
 Body FileBody(const std::string& path) {
   const ZorStlRegistration::LoadedMesh loaded = ZorStlRegistration::ReadMesh(path, 1.0);
   Body body;
@@ -140,6 +143,23 @@ Body FileBody(const std::string& path) {
   for (auto it = loaded.mesh->BeginTriangle(); it != loaded.mesh->EndTriangle(); ++it)
     for (std::size_t k = 0; k < 3; ++k)
       m.indices.push_back(placeOf[static_cast<const MStlTriangle*>(it)->GetPoint(k)->GetMaskIndex()]);
+  if (meshTriangles > 0 && m.indices.size() / 3 > static_cast<std::size_t>(meshTriangles)) {
+    const std::vector<float> full(m.xyz.begin(), m.xyz.end());
+    std::vector<std::uint32_t> fewer(m.indices.size());
+    fewer.resize(meshopt_simplify(fewer.data(), m.indices.data(), m.indices.size(), full.data(), m.xyz.size() / 3,
+                                  3 * sizeof(float), 3 * static_cast<std::size_t>(meshTriangles), 0.05f, 0, nullptr));
+    // Only the points the kept triangles use.
+    std::vector<std::uint32_t> renumber(m.xyz.size() / 3, UINT32_MAX);
+    zorgen::MeshArrays coarse;
+    for (std::uint32_t& c : fewer) {
+      if (renumber[c] == UINT32_MAX) {
+        renumber[c] = static_cast<std::uint32_t>(coarse.xyz.size() / 3);
+        for (std::size_t k = 0; k < 3; ++k) coarse.xyz.push_back(m.xyz[3 * c + k]);
+      }
+      coarse.indices.push_back(renumber[c]);
+    }
+    m = coarse;
+  }
   const Box box = BoxOf(m);
   const double scale = 200000.0 / (2.0 * std::max({box.half[0], box.half[1], box.half[2]}));
   for (double& x : m.xyz) x = std::round(x * scale);
@@ -292,6 +312,8 @@ int main(int argc, char** argv) {
       bodies.clear();
       if (list.find("smooth") != std::string::npos) bodies.push_back(zorgen::Shape::Smooth);
       if (list.find("featured") != std::string::npos) bodies.push_back(zorgen::Shape::Featured);
+    } else if (flag == "--mesh-triangles") {
+      meshTriangles = std::atol(argv[i + 1]);
     } else if (flag == "--meshes") {
       for (std::string list = argv[i + 1]; !list.empty();) {
         const std::size_t comma = list.find(',');

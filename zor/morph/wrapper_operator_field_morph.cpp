@@ -411,6 +411,7 @@ void MWrapperOperatorFieldMorph::Operate(std::shared_ptr<ZorSDK::Common::IProgre
   };
   double best95 = std::numeric_limits<double>::infinity();
   std::size_t sinceGain = 0;
+  std::vector<MMVector3d> positions, previous;  // the mesh's points, and its field before a solve
   StopReason stop = StopReason::PassLimit;
   for (;;) {
     // Down to the coarsest level that still resolves this smoothing length.
@@ -418,7 +419,7 @@ void MWrapperOperatorFieldMorph::Operate(std::shared_ptr<ZorSDK::Common::IProgre
     const FieldLevel& current = levels[level];
     stage = Clock::now();
     if (level == 0) {
-      std::vector<MMVector3d> positions(n);
+      positions.resize(n);
       ForEach(n, [&](std::size_t i) { positions[i] = fine.rest[i] + base[i] + field[i]; });
       PointNormals(arrays.triangles, positions, normals);
     }
@@ -461,8 +462,22 @@ void MWrapperOperatorFieldMorph::Operate(std::shared_ptr<ZorSDK::Common::IProgre
         current.meanEdge > 0.0 ? (smoothing / current.meanEdge) * (smoothing / current.meanEdge) : 0.0;
     const detail::FieldWeights weights{kBendingShare * ratio2 * ratio2, kMembraneShare * ratio2, 0.0,
                                        level == 0 ? kRidge : kCoarseRidge};
+    if (level == 0) previous = field;
     detail::SolveField(current, terms, weights, level == 0 ? kFineSolverSteps : kSolverSteps, kSolverTolerance, field,
                        scratch);
+    if (level == 0) {
+      // A step that folds triangles to come closer is not taken: the run ends on the
+      // field before it. (Coarse meshes laid on a coarse re-tessellation of their
+      // target would otherwise crease at the target's edges.)
+      const std::size_t foldedBefore = FoldedTriangles(arrays.triangles, fine.rest, positions);
+      ForEach(n, [&](std::size_t i) { positions[i] = fine.rest[i] + base[i] + field[i]; });
+      if (FoldedTriangles(arrays.triangles, fine.rest, positions) > foldedBefore) {
+        field.swap(previous);
+        report.solve += SecondsSince(stage);
+        stop = StopReason::Stalled;
+        break;
+      }
+    }
     report.solve += SecondsSince(stage);
     if (report.passes >= params.maxPasses) {
       stop = StopReason::PassLimit;
