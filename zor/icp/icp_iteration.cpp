@@ -157,9 +157,9 @@ MStlBaseOperatorRegistrationICP::IcpResult MStlBaseOperatorRegistrationICP::_Run
     // Transform, in its order, without a virtual call and a class test per sample. A
     // projective transform (never made by the fits) takes the general path.
     const bool projective = current.GetClass() == MMTransformClass::Projective;
-    double a[3][4];
+    double rows[3][4];
     for (unsigned short r = 0; r < 3; ++r)
-      for (unsigned short c = 0; c < 4; ++c) a[r][c] = current.GetElement(r, c);
+      for (unsigned short c = 0; c < 4; ++c) rows[r][c] = current.GetElement(r, c);
     for (std::size_t i = 0; i < n; ++i) {
       const SamplePoint& s = movingSample[i];
       MMVector3d p;
@@ -167,9 +167,9 @@ MStlBaseOperatorRegistrationICP::IcpResult MStlBaseOperatorRegistrationICP::_Run
       if (projective)
         current.Transform(p, MMVector3d(x, y, z), false);
       else
-        p = MMVector3d(a[0][0] * x + a[0][1] * y + a[0][2] * z + a[0][3],
-                       a[1][0] * x + a[1][1] * y + a[1][2] * z + a[1][3],
-                       a[2][0] * x + a[2][1] * y + a[2][2] * z + a[2][3]);
+        p = MMVector3d(rows[0][0] * x + rows[0][1] * y + rows[0][2] * z + rows[0][3],
+                       rows[1][0] * x + rows[1][1] * y + rows[1][2] * z + rows[1][3],
+                       rows[2][0] * x + rows[2][1] * y + rows[2][2] * z + rows[2][3]);
       // The nearest fixed sample. The last match lies at a known distance from the new
       // place, which bounds the search; a bound a little wider than that distance finds
       // the same nearest sample as an unbounded search, only with less of the tree.
@@ -187,8 +187,8 @@ MStlBaseOperatorRegistrationICP::IcpResult MStlBaseOperatorRegistrationICP::_Run
         for (int k = 0; k < 3; ++k) q[k] = objects[found].position[k], qNormal[k] = objects[found].normal[k];
       if (params.useNormals) {
         const double u = s.normal[0], v = s.normal[1], t = s.normal[2];
-        MMVector3d m(a[0][0] * u + a[0][1] * v + a[0][2] * t, a[1][0] * u + a[1][1] * v + a[1][2] * t,
-                     a[2][0] * u + a[2][1] * v + a[2][2] * t);
+        MMVector3d m(rows[0][0] * u + rows[0][1] * v + rows[0][2] * t, rows[1][0] * u + rows[1][1] * v + rows[1][2] * t,
+                     rows[2][0] * u + rows[2][1] * v + rows[2][2] * t);
         Normalize(m);
         w.movedNormals[i] = Point3{{m[0], m[1], m[2]}};
         w.matchedNormals[i] = qNormal;
