@@ -356,7 +356,7 @@ void WriteInspectionReport(const InspectionReport& r, const std::string& path) {
     const double a = std::fabs(r.distances[i]);
     if (!(a <= largest) && std::isfinite(a)) largest = a, largestAt = i;  // first of equals
     within += a <= r.range ? 1 : 0;
-    magnitudes.push_back(a);
+    if (std::isfinite(a)) magnitudes.push_back(a);  // a NaN would break the selection's order
   }
   // Nearest rank: the smallest value that at least a share q of the points do not exceed.
   const auto percentile = [&magnitudes](double q) {
