@@ -13,11 +13,16 @@ namespace {
 // Items per block of the sums: the blocks, not the threads, fix the order of addition.
 constexpr std::size_t kBlock = 4096;
 
+// Items per task at least: a fit works on a few thousand points and controls, where
+// finer tasks cost more to hand out than they save.
+constexpr std::size_t kGrain = 2048;
+
 template <typename Body>
 void ForEachItem(std::size_t count, const Body& body) {
-  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, count, 512), [&body](const tbb::blocked_range<std::size_t>& r) {
-    for (std::size_t i = r.begin(); i != r.end(); ++i) body(i);
-  });
+  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, count, kGrain),
+                    [&body](const tbb::blocked_range<std::size_t>& r) {
+                      for (std::size_t i = r.begin(); i != r.end(); ++i) body(i);
+                    });
 }
 
 template <typename Partial>
