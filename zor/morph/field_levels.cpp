@@ -4,36 +4,17 @@
 #include <cmath>
 #include <limits>
 
-#include <oneapi/tbb/blocked_range.h>
-#include <oneapi/tbb/parallel_for.h>
+#include "zor/morph/detail/parallel_loops.h"
 
 namespace ZorStlRegistration::detail {
 
 namespace {
 
-// Points per block of the sums: the blocks, not the threads, fix the order of addition.
-constexpr std::size_t kBlock = 4096;
 constexpr std::uint32_t kUnclaimed = std::numeric_limits<std::uint32_t>::max();
 
 template <typename Body>
 void ForEachPoint(std::size_t count, const Body& body) {
-  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, count, 1024), [&body](const tbb::blocked_range<std::size_t>& r) {
-    for (std::size_t i = r.begin(); i != r.end(); ++i) body(i);
-  });
-}
-
-// Sum of partial(begin, end) over fixed blocks of [0, count), the blocks added in order.
-template <typename Partial>
-double BlockedSum(std::size_t count, std::vector<double>& blockSums, const Partial& partial) {
-  const std::size_t blocks = (count + kBlock - 1) / kBlock;
-  blockSums.resize(blocks);
-  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, blocks, 1), [&](const tbb::blocked_range<std::size_t>& r) {
-    for (std::size_t b = r.begin(); b != r.end(); ++b)
-      blockSums[b] = partial(b * kBlock, std::min(count, (b + 1) * kBlock));
-  });
-  double sum = 0.0;
-  for (double s : blockSums) sum += s;
-  return sum;
+  ForEachIndex(count, 1024, body);
 }
 
 // Rows filled in any order become sorted and free of repeats, compacted in place.

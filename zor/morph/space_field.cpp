@@ -3,15 +3,11 @@
 #include <algorithm>
 #include <cmath>
 
-#include <oneapi/tbb/blocked_range.h>
-#include <oneapi/tbb/parallel_for.h>
+#include "zor/morph/detail/parallel_loops.h"
 
 namespace ZorStlRegistration::detail {
 
 namespace {
-
-// Items per block of the sums: the blocks, not the threads, fix the order of addition.
-constexpr std::size_t kBlock = 4096;
 
 // Items per task at least: a fit works on a few thousand points and controls, where
 // finer tasks cost more to hand out than they save.
@@ -19,23 +15,7 @@ constexpr std::size_t kGrain = 2048;
 
 template <typename Body>
 void ForEachItem(std::size_t count, const Body& body) {
-  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, count, kGrain),
-                    [&body](const tbb::blocked_range<std::size_t>& r) {
-                      for (std::size_t i = r.begin(); i != r.end(); ++i) body(i);
-                    });
-}
-
-template <typename Partial>
-double BlockedSum(std::size_t count, std::vector<double>& blockSums, const Partial& partial) {
-  const std::size_t blocks = (count + kBlock - 1) / kBlock;
-  blockSums.resize(blocks);
-  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, blocks, 1), [&](const tbb::blocked_range<std::size_t>& r) {
-    for (std::size_t b = r.begin(); b != r.end(); ++b)
-      blockSums[b] = partial(b * kBlock, std::min(count, (b + 1) * kBlock));
-  });
-  double sum = 0.0;
-  for (double s : blockSums) sum += s;
-  return sum;
+  ForEachIndex(count, kGrain, body);
 }
 
 double DotAll(const std::vector<MMVector3d>& a, const std::vector<MMVector3d>& b, std::vector<double>& blockSums) {
