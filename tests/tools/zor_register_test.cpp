@@ -361,6 +361,14 @@ TEST_F(ZorRegister, BadInputExitsWithStatusTwoAndWritesNothing) {
     EXPECT_EQ(run.err.find('\n'), run.err.size() - 1) << "one line: " << run.err;
     EXPECT_EQ(Files(), before);  // no output file, no temporary left behind
   }
+  // Asked for a report, a refused input still leaves one that says why.
+  const Outcome refused = Tool("align empty.stl box.obj --report refused.html");
+  EXPECT_EQ(refused.status, 2);
+  EXPECT_NE(refused.err.find("'empty.stl' has no triangles (refused.html says so)"), std::string::npos) << refused.err;
+  const std::string page = Slurp("refused.html");
+  EXPECT_NE(page.find("id=\"zor-problem\">The input was refused: 'empty.stl' has no triangles"), std::string::npos);
+  EXPECT_EQ(page.find("zor-histogram\""), std::string::npos);  // no chart of nothing
+  fs::remove(dir / "refused.html");
   // The overflow message names a scale that works.
   EXPECT_NE(Tool("info far.off").err.find("try --scale 0.1"), std::string::npos);
   EXPECT_EQ(Tool("info far.off --scale 0.1").status, 0);

@@ -21,6 +21,7 @@
 #include <CLI/CLI.hpp>
 
 #include "tools/zor-register/commands.h"
+#include "tools/zor-register/report.h"
 #include "zor/pair/pair_parameters.h"
 
 namespace {
@@ -179,6 +180,19 @@ int Fail(int status, const std::string& message) {
   return status;
 }
 
+// Runs a command that may write a report; a refused input still leaves the report,
+// saying why, and is refused as before, on one line that names the page.
+template <typename Command>
+int WithRefusalReport(const DeviationOptions& deviation, const char* title, const CommonOptions& common,
+                      Command&& command) {
+  try {
+    return command();
+  } catch (const InputError& e) {
+    if (!WriteRefusalReport(deviation, title, e.what(), common)) throw;
+    throw InputError(std::string(e.what()) + " (" + deviation.report + " says so)");
+  }
+}
+
 int Run(int argc, char** argv) {
   CLI::App app(
       "Rigid registration of triangle meshes: finds the pose that "
@@ -281,10 +295,16 @@ int Run(int argc, char** argv) {
     pair.params = alignParams;
     ParseStrategy(alignStrategy, pair.params.initialAlignment, &pair.withFeatures);
     pair.polish = polish;
-    return RunAlign(moving, fixed, output, pair, deviation, common);
+    return WithRefusalReport(deviation, "zor-register align", common,
+                             [&] { return RunAlign(moving, fixed, output, pair, deviation, common); });
   }
-  if (*icp) return RunIcp(icpMoving, icpFixed, icpOutput, icpOptions, deviation, common);
-  if (*morph) return RunMorph(morphMoving, morphTarget, morphOutput, morphOptions, deviation, common);
+  if (*icp)
+    return WithRefusalReport(deviation, "zor-register icp", common,
+                             [&] { return RunIcp(icpMoving, icpFixed, icpOutput, icpOptions, deviation, common); });
+  if (*morph)
+    return WithRefusalReport(deviation, "zor-register morph", common, [&] {
+      return RunMorph(morphMoving, morphTarget, morphOutput, morphOptions, deviation, common);
+    });
   if (*demoCmd) {
     ParseStrategy(demoStrategy, demoParams.initialAlignment);
     return RunDemo(demo, demoParams, common);

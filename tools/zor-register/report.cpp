@@ -226,4 +226,25 @@ std::string TransformText(const MMTransformMatrix& transform, double toFile) {
   return text;
 }
 
+bool WriteRefusalReport(const DeviationOptions& deviation, const std::string& title, const std::string& reason,
+                        const CommonOptions& common) noexcept {
+  if (deviation.report.empty()) return false;
+  try {
+    DeviationOptions onlyReport;
+    onlyReport.report = deviation.report;
+    CheckDeviationPath(onlyReport);
+    const MStlBase nothing;
+    ZorStlRegistration::InspectionReport r;
+    r.title = title;
+    r.moving = &nothing;
+    r.scale = common.scale;
+    r.problem = "The input was refused: " + reason;
+    ZorStlRegistration::WriteInspectionReport(r, deviation.report);
+    return true;
+  } catch (...) {
+    // The report's own path is bad, or the disk refuses: the refusal itself still stands.
+    return false;
+  }
+}
+
 }  // namespace zortool

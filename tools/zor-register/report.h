@@ -83,6 +83,14 @@ void WriteReport(const DeviationOptions& deviation, const std::optional<Deviatio
                  const std::vector<std::pair<std::string, std::string>>& rows, const std::string& problem,
                  const CommonOptions& common);
 
+// When a command with --report refuses its input (a file without triangles, one that
+// does not parse, a result off the grid), the page says why instead of not being
+// written, so that whoever opens it learns what went wrong. Writes nothing when no
+// report was asked for, or when the report's own path is what was refused; never throws.
+// Whether the page was written.
+bool WriteRefusalReport(const DeviationOptions& deviation, const std::string& title, const std::string& reason,
+                        const CommonOptions& common) noexcept;
+
 // The transform's rows in file units, for a report's summary.
 std::string TransformText(const MMTransformMatrix& transform, double toFile);
 

@@ -449,29 +449,37 @@ void WriteInspectionReport(const InspectionReport& r, const std::string& path) {
     out.Append("<tr><td>" + Escaped(label) + "</td><td" + (doubt ? " class=\"doubt\"" : "") + ">" + Escaped(text) +
                "</td></tr>\n");
   }
-  out.Append("<tr><td>within &plusmn;" + Escaped(Short(rangeFile)) + "</td><td id=\"zor-within\" data-value=\"" +
-             Number(share) + "\">" + Escaped(Short(100.0 * share)) + "% of " + std::to_string(r.distances.size()) +
-             " vertices</td></tr>\n");
-  out.Append("<tr><td>95th percentile</td><td id=\"zor-p95\" data-value=\"" + Number(p95 / gridPerFileUnit) + "\">" +
-             Escaped(Short(p95 / gridPerFileUnit)) + " (|signed distance|, file units)</td></tr>\n");
-  out.Append("<tr><td>largest</td><td id=\"zor-largest\" data-value=\"" + Number(largest / gridPerFileUnit) + "\">" +
-             Escaped(Short(largest / gridPerFileUnit)));
-  if (hasMoving && !r.distances.empty())
-    out.Append(" at (" + Escaped(Short(largestPlace[0])) + ", " + Escaped(Short(largestPlace[1])) + ", " +
-               Escaped(Short(largestPlace[2])) + "), the violet marker");
-  out.Append("</td></tr>\n</table>\n");
+  // Without a single measured point the numbers and charts would only show zeros: the
+  // problem above says what there is to know.
+  const bool measured = !r.distances.empty();
+  if (measured) {
+    out.Append("<tr><td>within &plusmn;" + Escaped(Short(rangeFile)) + "</td><td id=\"zor-within\" data-value=\"" +
+               Number(share) + "\">" + Escaped(Short(100.0 * share)) + "% of " + std::to_string(r.distances.size()) +
+               " vertices</td></tr>\n");
+    out.Append("<tr><td>95th percentile</td><td id=\"zor-p95\" data-value=\"" + Number(p95 / gridPerFileUnit) + "\">" +
+               Escaped(Short(p95 / gridPerFileUnit)) + " (|signed distance|, file units)</td></tr>\n");
+    out.Append("<tr><td>largest</td><td id=\"zor-largest\" data-value=\"" + Number(largest / gridPerFileUnit) + "\">" +
+               Escaped(Short(largest / gridPerFileUnit)));
+    if (hasMoving && !r.distances.empty())
+      out.Append(" at (" + Escaped(Short(largestPlace[0])) + ", " + Escaped(Short(largestPlace[1])) + ", " +
+                 Escaped(Short(largestPlace[2])) + "), the violet marker");
+    out.Append("</td></tr>\n");
+  }
+  out.Append("</table>\n");
   if (hasGhost)
     out.Append(
         "<p><label><input type=\"checkbox\" id=\"zor-ghost\" checked> show the fixed mesh (ghost)</label></p>\n");
-  out.Append(
-      "<h2>Signed distance, file units</h2>\n<canvas class=\"chart\" id=\"zor-colourbar\" width=\"400\" "
-      "height=\"16\"></canvas>\n<div class=\"scale\"><span>" +
-      Escaped(Short(-kBarSpan * rangeFile)) + "</span><span>-" + Escaped(Short(rangeFile)) +
-      "</span><span>0</span><span>" + Escaped(Short(rangeFile)) + "</span><span>" +
-      Escaped(Short(kBarSpan * rangeFile)) + "</span></div>\n");
-  out.Append(
-      "<h2>Histogram (bar height: square root of the count)</h2>\n<canvas class=\"chart\" "
-      "id=\"zor-histogram\" width=\"400\" height=\"160\"></canvas>\n");
+  if (measured) {
+    out.Append(
+        "<h2>Signed distance, file units</h2>\n<canvas class=\"chart\" id=\"zor-colourbar\" width=\"400\" "
+        "height=\"16\"></canvas>\n<div class=\"scale\"><span>" +
+        Escaped(Short(-kBarSpan * rangeFile)) + "</span><span>-" + Escaped(Short(rangeFile)) +
+        "</span><span>0</span><span>" + Escaped(Short(rangeFile)) + "</span><span>" +
+        Escaped(Short(kBarSpan * rangeFile)) + "</span></div>\n");
+    out.Append(
+        "<h2>Histogram (bar height: square root of the count)</h2>\n<canvas class=\"chart\" "
+        "id=\"zor-histogram\" width=\"400\" height=\"160\"></canvas>\n");
+  }
   out.Append(
       "<p>Drag to turn, wheel to zoom, right-drag or shift-drag to pan. Green lies within the tolerance, yellow "
       "to red outside the fixed surface, cyan to blue inside it.");
