@@ -126,6 +126,8 @@ def batch(folder, args):
         start = time.perf_counter()
         zor.batch.register_pairs(pairs, client)
         uncapped = time.perf_counter() - start
+        # Peak resident memory of each worker process over the batches, in MB.
+        peaks = client.run(lambda: __import__("resource").getrusage(__import__("resource").RUSAGE_SELF).ru_maxrss)
     same = all(np.array_equal(a["transform"], b["transform"]) for a, b in zip(here, there) if a["ok"])
     ok = sum(r["ok"] and not r["doubtful"] for r in there)
     print(f"batch of {args.pairs} pairs of {fixed.triangle_count} triangles")
@@ -133,6 +135,7 @@ def batch(folder, args):
     print(f"  LocalCluster {args.workers} workers x 1   {cluster_time:7.2f} s  {args.pairs / cluster_time:6.1f} pairs/s")
     print(f"  LocalCluster {args.workers} workers, uncapped {uncapped:5.2f} s  {args.pairs / uncapped:6.1f} pairs/s")
     print(f"  transforms identical: {same}; recovered without doubt: {ok}/{args.pairs}")
+    print(f"  peak memory per worker: {', '.join(f'{v / 1024:.0f} MB' for v in sorted(peaks.values()))}")
 
 
 def main():

@@ -1,5 +1,9 @@
 """Batches of file pairs: in process and on a local Dask cluster of two worker
-processes, with the same transforms, the input order kept and failures as records."""
+processes, with the same transforms, the input order kept and failures as records, also
+when a worker is killed in the middle of a batch."""
+
+import os
+import signal
 
 import numpy as np
 import pytest
@@ -64,3 +68,29 @@ def test_a_local_cluster_gives_the_transforms_of_the_process(pairs):
         assert a["ok"] == b["ok"]
         if a["ok"]:
             assert np.array_equal(a["transform"], b["transform"])
+
+
+def test_a_batch_outlives_a_killed_worker_and_a_missing_file(pairs, tmp_path):
+    distributed = pytest.importorskip("distributed")
+    which = [0, 1, 0, None, 1, 0, 1]  # a good pair of the fixture, or the missing file
+    batch = [pairs[k] if k is not None else (tmp_path / "missing.stl", pairs[0][1]) for k in which]
+    here = zor.batch.register_pairs(pairs[:2], samples=300, threads=1)
+    with distributed.LocalCluster(
+        n_workers=2, threads_per_worker=1, processes=True, dashboard_address=None
+    ) as cluster, distributed.Client(cluster) as client:
+        pids = client.run(os.getpid)
+        records = []
+        for record in zor.batch.iter_register_pairs(batch, client, samples=300, threads=1, window=3):
+            if not records:
+                # Both workers hold a pair now: one of them dies in the middle of it.
+                os.kill(sorted(pids.values())[0], signal.SIGKILL)
+            records.append(record)
+    assert [(r["moving"], r["fixed"]) for r in records] == [(str(m), str(f)) for m, f in batch]
+    assert not records[3]["ok"] and records[3]["failure"].startswith("FileNotFoundError:")
+    assert "missing.stl" in records[3]["failure"]
+    for k, r in zip(which, records):
+        if k is not None:
+            assert r["ok"], r["failure"]
+            assert np.array_equal(r["transform"], here[k]["transform"])
+    with pytest.raises(ValueError, match="window"):
+        zor.batch.iter_register_pairs(batch, window=0)

@@ -5,15 +5,21 @@
     >>> records = zor.batch.register_pairs(pairs, client, strategy="auto+features")
 
 Each pair is one task; the files are read where the task runs, so every worker must see
-the paths. The records come back in the order of the pairs, and a pair that fails (a
-missing or malformed file, a bad parameter) gives a record with ``ok`` False and the
-reason in ``failure``, never a lost batch.
+the paths, and only paths and records travel. The records come back in the order of the
+pairs, and a pair that fails (a missing or malformed file, a bad parameter) gives a record
+with ``ok`` False and the reason in ``failure``, never a lost batch. A task the cluster
+loses (its worker killed, the task cancelled) is submitted once more, and reported as a
+failure if it is lost again.
+
+``iter_register_pairs`` streams the records: it keeps only a window of tasks in flight
+(twice the cluster's threads by default), so that neither the tasks nor the records held
+on the client grow with the number of pairs.
 """
 
 from __future__ import annotations
 
 import os
-from typing import Any, Dict, Iterable, List, Optional, Sequence, Tuple, Union
+from typing import Any, Dict, Iterable, Iterator, List, Optional, Sequence, Tuple, Union
 
 from . import _zor
 
@@ -92,48 +98,114 @@ def register_pairs(
     Returns one dict per pair, in the order given: moving, fixed, ok, failure (the
     reason when ok is False, else None) and, when ok, the fields of RegisterResult
     (transform as a 4x4 array with its shift in millimetres, error, strategy_used,
-    overlap, doubtful, seconds, ...).
+    overlap, doubtful, seconds, ...). For batches too large to hold, iter_register_pairs
+    gives the same records one at a time.
     """
-    unknown = sorted(set(params) - set(REGISTER_PARAMETERS))
-    if unknown:
-        raise TypeError(f"register_pairs: unknown parameter(s) {', '.join(unknown)}")
     pairs = [_pair(p) for p in pairs]
     bar = _bar(len(pairs)) if progress else None
+    records = []
     try:
-        if client is None:
-            records = []
-            for moving, fixed in pairs:
-                records.append(register_pair(moving, fixed, scale, threads, params))
-                if bar is not None:
-                    bar.update(1)
-            return records
-        futures = [
-            client.submit(register_pair, moving, fixed, scale, threads, params, pure=False) for moving, fixed in pairs
-        ]
-        if bar is not None:
-            from dask.distributed import as_completed
-
-            for _ in as_completed(futures):
+        for record in iter_register_pairs(pairs, client, scale=scale, threads=threads, **params):
+            records.append(record)
+            if bar is not None:
                 bar.update(1)
-        return [_gathered(future, pair) for future, pair in zip(futures, pairs)]
     finally:
         if bar is not None:
             bar.close()
+    return records
+
+
+def iter_register_pairs(
+    pairs: Iterable[Tuple[PathLike, PathLike]],
+    client: Any = None,
+    *,
+    scale: float = 1.0,
+    threads: Optional[int] = None,
+    window: Optional[int] = None,
+    **params: Any,
+) -> Iterator[Dict[str, Any]]:
+    """The records of register_pairs, yielded in the order of the pairs as they arrive.
+
+    pairs may be any iterable, read as the window moves (a generator over a listing of
+    millions of files is fine). window: the most tasks submitted and records held at
+    once; by default twice the threads of the cluster's workers, at least 2. A task lost
+    by the cluster is submitted once more; lost again, its record says why.
+    """
+    # Checked here, not at the first record: the generators below start late.
+    unknown = sorted(set(params) - set(REGISTER_PARAMETERS))
+    if unknown:
+        raise TypeError(f"register_pairs: unknown parameter(s) {', '.join(unknown)}")
+    if window is not None and window < 1:
+        raise ValueError(f"register_pairs: window must be at least 1; got {window!r}")
+    if client is None:
+        return _here(iter(pairs), scale, threads, params)
+    return _on_cluster(iter(pairs), client, scale, threads, params, window)
+
+
+def _here(
+    pairs: Iterator[Any], scale: float, threads: Optional[int], params: Dict[str, Any]
+) -> Iterator[Dict[str, Any]]:
+    for pair in pairs:
+        moving, fixed = _pair(pair)
+        yield register_pair(moving, fixed, scale, threads, params)
+
+
+def _on_cluster(
+    pairs: Iterator[Any], client: Any, scale: float, threads: Optional[int], params: Dict[str, Any], window: Optional[int]
+) -> Iterator[Dict[str, Any]]:
+    from dask.distributed import as_completed
+
+    if window is None:
+        window = max(2, 2 * sum(client.nthreads().values()))
+    flying: Dict[Any, Tuple[int, Tuple[str, str], int]] = {}  # future: (index, pair, attempt)
+    arrived: Dict[int, Dict[str, Any]] = {}  # records that wait for an earlier one
+    queue = as_completed()
+    head = 0  # the index of the next record to yield
+    taken = 0  # pairs read from the iterable so far
+
+    def submit(index: int, pair: Tuple[str, str], attempt: int) -> None:
+        future = client.submit(register_pair, pair[0], pair[1], scale, threads, params, pure=False)
+        flying[future] = (index, pair, attempt)
+        queue.add(future)
+
+    def fill() -> None:
+        nonlocal taken
+        while taken < head + window:
+            try:
+                pair = _pair(next(pairs))
+            except StopIteration:
+                return
+            submit(taken, pair, 0)
+            taken += 1
+
+    fill()
+    for future in queue:
+        index, pair, attempt = flying.pop(future)
+        try:
+            record = future.result()
+        except Exception as e:  # noqa: BLE001 - the cluster lost the task, not the pair's fault
+            if attempt == 0:
+                submit(index, pair, 1)
+                future.release()
+                continue
+            record = {
+                "moving": pair[0],
+                "fixed": pair[1],
+                "ok": False,
+                "failure": f"{type(e).__name__}: {e} (lost twice by the cluster)",
+            }
+        future.release()
+        arrived[index] = record
+        while head in arrived:
+            yield arrived.pop(head)
+            head += 1
+        fill()
 
 
 def _pair(pair: Sequence[PathLike]) -> Tuple[str, str]:
     if isinstance(pair, (str, bytes)) or len(pair) != 2:
         raise ValueError(f"register_pairs: each pair must be (moving path, fixed path); got {pair!r}")
     return os.fspath(pair[0]), os.fspath(pair[1])
-
-
-def _gathered(future: Any, pair: Tuple[str, str]) -> Dict[str, Any]:
-    # A task that failed outside the registration (a worker lost, a result that could not
-    # travel) still gives its record.
-    try:
-        return future.result()
-    except Exception as e:  # noqa: BLE001 - whatever the cluster raises becomes the record
-        return {"moving": pair[0], "fixed": pair[1], "ok": False, "failure": f"{type(e).__name__}: {e}"}
 
 
 def _bar(total: int) -> Any:
