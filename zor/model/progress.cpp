@@ -1,6 +1,7 @@
 #include "zor/model/progress.h"
 
 #include <algorithm>
+#include <cstdint>
 
 namespace ZorSDK::Common {
 
@@ -36,6 +37,24 @@ IncrementalProgressReporter& IncrementalProgressReporter::operator++() {
     }
   }
   return *this;
+}
+
+ProgressShare::ProgressShare(IncrementalProgressReporter& reporter_, std::size_t steps_, std::size_t total_)
+    : reporter(reporter_), steps(steps_), total(total_) {}
+
+std::size_t ProgressShare::StepsAt(std::size_t weight) const {
+  if (weight >= total) return steps;
+  // In double: weight * steps may pass 64 bits, and a step more or less is no matter.
+  return static_cast<std::size_t>(static_cast<double>(weight) / static_cast<double>(total) *
+                                  static_cast<double>(steps));
+}
+
+void ProgressShare::Add(std::size_t weight) {
+  const std::size_t before = done.fetch_add(weight, std::memory_order_relaxed);
+  // Each thread issues the steps between its own two marks, so that together they issue
+  // each step once. Sums past `total` saturate in StepsAt.
+  const std::size_t after = weight > SIZE_MAX - before ? SIZE_MAX : before + weight;
+  for (std::size_t s = StepsAt(before), end = StepsAt(after); s < end; ++s) ++reporter;
 }
 
 }  // namespace ZorSDK::Common

@@ -52,4 +52,23 @@ private:
   std::size_t reported = 0;  // guarded by reportMutex
 };
 
+// A share of `steps` steps of a report, advanced by weights that add up to `total` (the
+// triangles of a block as it is done, say), from any thread: the report moves as the
+// work does, however unevenly the work is cut. Weights past `total` count as nothing.
+class ZOR_MODEL_API ProgressShare {
+public:
+  ProgressShare(IncrementalProgressReporter& reporter, std::size_t steps, std::size_t total);
+  ProgressShare(const ProgressShare&) = delete;
+  ProgressShare& operator=(const ProgressShare&) = delete;
+  void Add(std::size_t weight);
+
+private:
+  std::size_t StepsAt(std::size_t weight) const;
+
+  IncrementalProgressReporter& reporter;
+  std::size_t steps;
+  std::size_t total;
+  std::atomic<std::size_t> done{0};
+};
+
 }  // namespace ZorSDK::Common

@@ -53,6 +53,10 @@ constexpr double kOnEdge = 1e-9;
 constexpr std::size_t kWidePolishSamples = 10000;
 constexpr std::size_t kPolishSamples = 40000;
 constexpr std::size_t kPolishIterations = 50;
+// Steps of the reduction's progress report (both meshes) and of the finish's (its
+// rounds and the verdict).
+constexpr std::size_t kReductionSteps = 100;
+constexpr std::size_t kFinishSteps = 4;
 
 struct Run {
   MMTransformMatrix transform;
@@ -85,7 +89,8 @@ Run RunOperator(MStlBase& moving, MStlBase& fixed, Registration::MParams params,
 
 // The wide first round pulls in a start that is a few degrees off, the last one pairs
 // only the overlap.
-bool FinishPose(const MStlBase& moving, const MStlBase& fixed, double distance, MMTransformMatrix& pose) {
+bool FinishPose(const MStlBase& moving, const MStlBase& fixed, double distance, MMTransformMatrix& pose,
+                ZorSDK::Common::IncrementalProgressReporter* progress) {
   bool ran = false;
   for (double reach : {4.0, 2.0, 1.0}) {
     MStlBaseOperatorRegistrationICP::MParameters p;
@@ -101,6 +106,7 @@ bool FinishPose(const MStlBase& moving, const MStlBase& fixed, double distance, 
     if (!icp.Operate()) return ran;
     pose.PostMultiply(icp.GetTransformToBeAppliedToMoving());
     ran = true;
+    if (progress != nullptr) ++*progress;
   }
   return ran;
 }
@@ -225,9 +231,11 @@ PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& optio
   const auto finish = [&](PairResult& r) {
     if (!options.polish || r.polished) return;
     const auto start = std::chrono::steady_clock::now();
-    r.polished = FinishPose(moving, fixed, distance, r.transform);
+    ZorSDK::Common::IncrementalProgressReporter reporter(progress, "Finish", kFinishSteps, true);
+    r.polished = FinishPose(moving, fixed, distance, r.transform, &reporter);
     r.polishSeconds = SecondsSince(start);
     r.verdict = JudgePose(moving, fixed, r.transform, distance);
+    while (reporter.GetDone() < kFinishSteps) ++reporter;
   };
 
   // Both runs search on the same reduced meshes, so they are reduced once here; the
@@ -243,8 +251,16 @@ PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& optio
     // The operator's own reduction, once for every run; a mesh it leaves whole is
     // searched on a copy all the same, since the operator places the meshes it is given
     // by writing their coordinates and the caller's may be read meanwhile.
-    tbb::parallel_invoke([&] { reducedMoving = ReducedSearchCopy(moving, bound); },
-                         [&] { reducedFixed = ReducedSearchCopy(fixed, bound); });
+    // The report moves with the blocks of both reductions, each mesh's share by its
+    // triangles.
+    const std::size_t movingTriangles = moving.GetNumberOfTriangles(), fixedTriangles = fixed.GetNumberOfTriangles();
+    const std::size_t all = std::max<std::size_t>(1, movingTriangles + fixedTriangles);
+    const std::size_t movingSteps = kReductionSteps * movingTriangles / all;
+    ZorSDK::Common::IncrementalProgressReporter reporter(progress, "Reduction", kReductionSteps, false);
+    ZorSDK::Common::ProgressShare movingShare(reporter, movingSteps, movingTriangles);
+    ZorSDK::Common::ProgressShare fixedShare(reporter, kReductionSteps - movingSteps, fixedTriangles);
+    tbb::parallel_invoke([&] { reducedMoving = ReducedSearchCopy(moving, bound, &movingShare); },
+                         [&] { reducedFixed = ReducedSearchCopy(fixed, bound, &fixedShare); });
     searchMoving = reducedMoving.get();
     searchFixed = reducedFixed.get();
     params.reduceMeshes = false;

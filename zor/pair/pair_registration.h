@@ -73,8 +73,10 @@ ZOR_API double PairVerdictDistance();
 
 // The finish of a found pose: point-to-plane ICP of the full moving mesh onto the full
 // fixed mesh from `pose`, pairing points within 4, then 2, then 1 times `distance`.
-// False, leaving `pose`, when the first round cannot run.
-ZOR_API bool FinishPose(const MStlBase& moving, const MStlBase& fixed, double distance, MMTransformMatrix& pose);
+// False, leaving `pose`, when the first round cannot run. `progress`, when not null,
+// counts one step per round.
+ZOR_API bool FinishPose(const MStlBase& moving, const MStlBase& fixed, double distance, MMTransformMatrix& pose,
+                        ZorSDK::Common::IncrementalProgressReporter* progress = nullptr);
 
 // Measures `pose` (moving onto fixed) as Verdict says. The fixed mesh's triangle tree is
 // built on first use and kept with the mesh.

@@ -32,8 +32,9 @@ constexpr double kReduceMinGainPercent = 10.0;
 
 }  // namespace
 
-std::unique_ptr<MStlBase> ReducedSearchCopy(MStlBase& mesh, double bound) {
+std::unique_ptr<MStlBase> ReducedSearchCopy(MStlBase& mesh, double bound, ZorSDK::Common::ProgressShare* progress) {
   MStlBaseOperatorReduceExBase::MParams reduction;
+  reduction.progress = progress;
   reduction.distance = bound;
   reduction.maxPasses = kReducePasses;
   reduction.minGainPercent = kReduceMinGainPercent;

@@ -225,5 +225,7 @@ private:
 // reduction would leave it as it is (a run must own what it places and indexes, since
 // callers may share an input mesh between runs). `mesh` is only read. Callers that run
 // the operator several times on the same pair reduce once with this and switch
-// reduceMeshes off.
-ZOR_API std::unique_ptr<MStlBase> ReducedSearchCopy(MStlBase& mesh, double bound);
+// reduceMeshes off. `progress`, when not null, is advanced by the mesh's triangles as
+// the reduction's blocks are done.
+ZOR_API std::unique_ptr<MStlBase> ReducedSearchCopy(MStlBase& mesh, double bound,
+                                                    ZorSDK::Common::ProgressShare* progress = nullptr);

@@ -1,11 +1,13 @@
 #include "zor/services/reduce.h"
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 #include <vector>
 
 #include <oneapi/tbb/parallel_for.h>
 
+#include "zor/model/progress.h"
 #include "zor/model/stl_guards.h"
 #include "zor/services/detail/reduce_parts.h"
 
@@ -35,8 +37,10 @@ bool MStlBaseOperatorReduceEx<MStlBaseContainer>::_Run(bool onCopy, std::unique_
 
   const FlatMesh flat = Flatten(*mesh);
   std::vector<Block> blocks = MakeBlocks(flat, std::max<std::size_t>(params.blockTriangles, 1));
-  oneapi::tbb::parallel_for(std::size_t(0), blocks.size(),
-                            [&](std::size_t b) { ReduceBlock(flat, blocks[b], params.distance, params.maxPasses); });
+  oneapi::tbb::parallel_for(std::size_t(0), blocks.size(), [&](std::size_t b) {
+    ReduceBlock(flat, blocks[b], params.distance, params.maxPasses, std::max(0.0, params.minGainPercent) * 0.01);
+    if (params.progress != nullptr) params.progress->Add(blocks[b].triangles.size());
+  });
 
   bool allHeld = true;
   std::size_t blockTriangles = 0, offered = 0;

@@ -29,6 +29,10 @@
 #include "zor/model/stl_base.h"
 #include "zor/services/export.h"
 
+namespace ZorSDK::Common {
+class ProgressShare;
+}
+
 class ZOR_SERVICES_API MStlBaseOperatorReduceExBase {
 public:
   struct ZOR_SERVICES_API MParams {
@@ -45,6 +49,10 @@ public:
     // are reduced in parallel with their outlines locked, then joined by one pass over
     // the seams. Smaller blocks use more threads and leave more for the seam pass.
     std::size_t blockTriangles = 32768;
+    // When not null, advanced by the triangles of each block as it is done (from the
+    // worker threads), so that a report of a long reduction moves: its total is the
+    // mesh's triangle count. Not owned.
+    ZorSDK::Common::ProgressShare* progress = nullptr;
   };
 };
 

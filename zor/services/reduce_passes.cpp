@@ -62,7 +62,7 @@ double Noise(const FlatMesh& flat, const Block& block, double distance) {
 // Reduces one block: simplify and check, repairing a few violations where they are and
 // tightening the target otherwise; a block limited by noise finer than the bound gets a
 // wider target. A block that never holds keeps its triangles.
-void ReduceBlock(const FlatMesh& flat, Block& block, double distance, std::int32_t maxPasses) {
+void ReduceBlock(const FlatMesh& flat, Block& block, double distance, std::int32_t maxPasses, double minGainShare) {
   const auto keepOriginal = [&] {
     block.result.clear();
     for (std::uint32_t t : block.triangles)
@@ -77,7 +77,7 @@ void ReduceBlock(const FlatMesh& flat, Block& block, double distance, std::int32
   }
   double factor =
       std::max(kFirstFactor, distance > 0.0 ? std::min(kLargestFactor, kNoiseTargets * noise / distance) : 0.0);
-  bool haveHeld = false;
+  bool haveHeld = false, notWorthIt = false;
   std::vector<std::uint32_t> nearest;
   for (block.passes = 1; block.passes <= maxPasses; ++block.passes) {
     std::vector<std::uint32_t> result =
@@ -101,6 +101,14 @@ void ReduceBlock(const FlatMesh& flat, Block& block, double distance, std::int32
       block.nearest = std::move(nearest);
       block.worst = check.worstDistance;
       haveHeld = true;
+      break;
+    }
+    // Every later pass keeps more or aims tighter, and so removes less: once a pass
+    // that missed the bound removed too little to be worth a rewrite, the block keeps
+    // its triangles now instead of after its last pass (a surface whose noise is as
+    // large as its edges would run every pass for a percent or two).
+    if (double(block.indices.size() - result.size()) < minGainShare * double(block.indices.size())) {
+      notWorthIt = true;
       break;
     }
     // Violations are repaired where they are, and the block runs again at the same
@@ -129,6 +137,10 @@ void ReduceBlock(const FlatMesh& flat, Block& block, double distance, std::int32
   block.factor = factor;
   block.passes = std::min<int>(block.passes, maxPasses);
   if (haveHeld) {
+    block.held = true;
+  } else if (notWorthIt) {
+    keepOriginal();  // which holds the bound
+    block.worst = 0.0;
     block.held = true;
   } else {
     keepOriginal();

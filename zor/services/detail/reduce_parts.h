@@ -200,8 +200,10 @@ double Noise(const FlatMesh& flat, const Block& block, double distance);
 
 // Reduces one block: simplify and check, repairing a few violations where they are and
 // tightening the target otherwise; a block limited by noise finer than the bound gets a
-// wider target. A block that never holds keeps its triangles.
-void ReduceBlock(const FlatMesh& flat, Block& block, double distance, std::int32_t maxPasses);
+// wider target. A block that never holds keeps its triangles, and so does one where a
+// pass that missed the bound removed less than `minGainShare` of them (it counts as
+// held: there was too little worth removing).
+void ReduceBlock(const FlatMesh& flat, Block& block, double distance, std::int32_t maxPasses, double minGainShare);
 
 SeamOutcome ReduceSeams(const FlatMesh& flat, const std::vector<const Block*>& blocks, double distance, double factor);
 
