@@ -53,6 +53,8 @@ constexpr double kOnEdge = 1e-9;
 constexpr std::size_t kWidePolishSamples = 10000;
 constexpr std::size_t kPolishSamples = 40000;
 constexpr std::size_t kPolishIterations = 50;
+// A finish round ends once a step moves no sample by more than this (millimetres).
+constexpr double kFinishStillMotion = 0.001;
 // Steps of the reduction's progress report (both meshes) and of the finish's (its
 // rounds and the verdict).
 constexpr std::size_t kReductionSteps = 100;
@@ -99,6 +101,7 @@ bool FinishPose(const MStlBase& moving, const MStlBase& fixed, double distance, 
     p.SetThresholdMethod(eRegistrationThresholdAbsolute);
     p.SetDistanceThreshold(reach * distance);
     p.SetNumberOfIterations(kPolishIterations);
+    p.SetStillMotion(kFinishStillMotion * MUnit::GetIE());
     const std::size_t samples = reach > 1.0 ? kWidePolishSamples : kPolishSamples;
     p.SetSubSampleRatio(std::max<std::size_t>(1, (moving.NumberOfPoints() + samples - 1) / samples));
     MStlBaseOperatorRegistrationICP icp;

@@ -20,9 +20,6 @@ struct Pair {
   bool valid = false;
 };
 
-// A step moving no sample by more than this (internal units) ends the run.
-constexpr double kStillMotion = 1e-3;
-
 Eigen::Isometry3d ToIsometry(const MMTransformMatrix& m) {
   Eigen::Isometry3d out = Eigen::Isometry3d::Identity();
   for (int r = 0; r < 3; ++r)
@@ -165,7 +162,7 @@ bool MStlBaseOperatorRegistrationICP::Operate() {
     step.topLeftCorner<3, 3>() = rotation;
     step.topRightCorner<3, 1>() = centre + translation - rotation * centre;
     estimate = step * estimate;
-    if (angle * maxRadius + translation.norm() < kStillMotion) {
+    if (angle * maxRadius + translation.norm() < params.GetStillMotion()) {
       best = estimate;  // a still step cannot have made the pose worse
       break;
     }

@@ -26,17 +26,21 @@ public:
     void SetThresholdMethod(const eMRegistration3DPointsThresholdMethod& m) { thresholdMethod = m; }
     // Internal units, for eRegistrationThresholdAbsolute.
     void SetDistanceThreshold(double d) { distanceThreshold = d; }
+    // A step that moves no sample by more than this (internal units) ends the run.
+    void SetStillMotion(double d) { stillMotion = d; }
 
     std::size_t GetNumberOfIterations() const { return iterations; }
     std::size_t GetSubSampleRatio() const { return subSampleRatio; }
     eMRegistration3DPointsThresholdMethod GetThresholdMethod() const { return thresholdMethod; }
     double GetDistanceThreshold() const { return distanceThreshold; }
+    double GetStillMotion() const { return stillMotion; }
 
   private:
     std::size_t iterations = 100;
     std::size_t subSampleRatio = 1;
     eMRegistration3DPointsThresholdMethod thresholdMethod = eRegistrationThresholdNone;
     double distanceThreshold = std::numeric_limits<double>::infinity();
+    double stillMotion = 1e-3;
   };
 };
 
@@ -44,7 +48,8 @@ public:
 // closest points on the reference surface (the reference's cached triangle tree), and
 // each iteration solves the linearised least-squares rigid step that moves the samples
 // onto the tangent planes at those points, then applies it as an exact rotation. It
-// stops when a step moves no sample by more than 0.001 internal units, when the RMS
+// stops when a step moves no sample by more than the still motion (0.001 internal units
+// unless set), when the RMS
 // distance of the pairs no longer improves (the best pose is kept), when fewer than six
 // pairs remain, or after the iteration limit.
 //
