@@ -14,6 +14,7 @@
 #include "zor/icp/detail/icp_iteration.h"
 #include "zor/icp/stl_base_operator_registration_icp.h"
 #include "zor/model/stl_iterators.h"
+#include "zor/spatial/nearest_query.h"
 
 namespace {
 
@@ -22,6 +23,7 @@ using ZorStlRegistration::detail::FitRigid;
 using ZorStlRegistration::detail::IsBetter;
 using ZorStlRegistration::detail::MedianInPlace;
 using ZorStlRegistration::detail::Point3;
+using ZorStlRegistration::detail::SamplePositions;
 using zortest::LargestGap;
 
 std::vector<Point3> Apply(const MMTransformMatrix& t, const std::vector<Point3>& points) {
@@ -104,6 +106,56 @@ struct IcpBody : ::testing::Test {
   }
   std::unique_ptr<MStlBase> body;
 };
+
+// The search from a known match gives the tree's answer or says it cannot: on a
+// sample with equal points (ties, which the tree's order decides), from any last match
+// and from the grid's guess, for a sample small enough for every pair and one searched
+// through its grid.
+TEST(IcpSampleSearch, TheNeighbourListsGiveWhatTheTreeGivesOrNothing) {
+  using ZorStlRegistration::SamplePoint;
+  using ZorStlRegistration::detail::SampleDistance;
+  using ZorStlRegistration::detail::SampleTree;
+  std::mt19937 generator(7);
+  std::uniform_real_distribution<double> coordinate(-50.0, 50.0);
+  for (const std::size_t n : {500u, 3000u}) {
+    SCOPED_TRACE(n);
+    std::vector<SamplePoint> points(n);
+    for (SamplePoint& p : points)
+      for (int k = 0; k < 3; ++k) p.position[k] = std::round(coordinate(generator) * (k == 2 ? 0.2 : 1.0));
+    points[1] = points[0];  // a tie for any query
+    const SampleTree tree(std::move(points));
+    ASSERT_FALSE(tree.Neighbours().Empty());
+    std::uniform_int_distribution<std::uint32_t> anyIndex(0, static_cast<std::uint32_t>(n - 1));
+    std::size_t settled = 0, undecided = 0;
+    for (int q = 0; q < 4000; ++q) {
+      const double query[3] = {coordinate(generator), coordinate(generator), 0.3 * coordinate(generator)};
+      const SampleDistance distance(tree.Positions(), query);
+      double bound2 = std::numeric_limits<double>::infinity();
+      const std::uint32_t truth = MeshQueries::NearestObjectIndex(tree.Get(), distance, bound2);
+      for (const std::uint32_t from : {anyIndex(generator), truth, tree.Neighbours().Guess(query)}) {
+        const std::uint32_t found = tree.Neighbours().Nearest(distance, from);
+        if (found == MeshQueries::kNoObject) {
+          ++undecided;
+        } else {
+          ++settled;
+          EXPECT_EQ(found, truth);
+        }
+      }
+    }
+    EXPECT_GT(settled, 1000u);  // the lists do settle most queries from their own match
+    // Equal points: a query on them is never settled by the lists.
+    const SamplePositions& at = tree.Positions();
+    for (std::uint32_t i = 0; i < n; ++i)
+      for (std::uint32_t j = i + 1; j < n; ++j)
+        if (at.x[i] == at.x[j] && at.y[i] == at.y[j] && at.z[i] == at.z[j]) {
+          const double query[3] = {at.x[i] + 0.25, at.y[i], at.z[i]};
+          EXPECT_EQ(tree.Neighbours().Nearest(SampleDistance(at, query), i), MeshQueries::kNoObject);
+        }
+    const double nowhere[3] = {std::nan(""), 0.0, 0.0};
+    EXPECT_EQ(tree.Neighbours().Guess(nowhere), MeshQueries::kNoObject);
+    EXPECT_EQ(tree.Neighbours().Nearest(SampleDistance(at, nowhere), 0), MeshQueries::kNoObject);
+  }
+}
 
 TEST_F(IcpBody, RecoversLargePosesFromAnyPlacement) {
   for (std::uint64_t seed : {1, 2, 3, 4}) {

@@ -7,6 +7,9 @@
 #include <limits>
 
 #include <Eigen/Dense>
+#include <tbb/blocked_range.h>
+#include <tbb/enumerable_thread_specific.h>
+#include <tbb/parallel_for.h>
 
 #include "zor/spatial/detail/object_tree_build.h"
 #include "zor/spatial/nearest_query.h"
@@ -41,6 +44,109 @@ SampleTree::SampleTree(std::vector<SamplePoint>&& points) {
     positions.y[i] = sorted[i].position[1];
     positions.z[i] = sorted[i].position[2];
   }
+  if (!sorted.empty() && sorted.size() <= SampleNeighbours::kMostSamples)
+    neighbours = SampleNeighbours(positions, tree);
+}
+
+SampleTree::~SampleTree() = default;
+
+SampleNeighbours::SampleNeighbours(const SamplePositions& positions, const SamplePointTree& tree) {
+  const std::size_t n = positions.x.size();
+  // The grid: kGrid cells a side over the samples' box (a flat box gets cells of the
+  // longest side's size across its thin side).
+  double low[3], high[3];
+  const std::vector<double>* axes[3] = {&positions.x, &positions.y, &positions.z};
+  for (int k = 0; k < 3; ++k) {
+    low[k] = *std::min_element(axes[k]->begin(), axes[k]->end());
+    high[k] = *std::max_element(axes[k]->begin(), axes[k]->end());
+  }
+  const double longest = std::max({high[0] - low[0], high[1] - low[1], high[2] - low[2]});
+  for (int k = 0; k < 3; ++k) {
+    gridLow[k] = low[k];
+    const double side = high[k] - low[k];
+    gridCell[k] = (side > 0.0 ? side : longest > 0.0 ? longest : 1.0) / double(kGrid);
+  }
+  guesses.assign(kGrid * kGrid * kGrid, 0);
+  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, guesses.size(), 256),
+                    [&](const tbb::blocked_range<std::size_t>& r) {
+                      for (std::size_t c = r.begin(); c != r.end(); ++c) {
+                        const std::size_t at[3] = {c % kGrid, (c / kGrid) % kGrid, c / (kGrid * kGrid)};
+                        double centre[3];
+                        for (int k = 0; k < 3; ++k) centre[k] = gridLow[k] + (double(at[k]) + 0.5) * gridCell[k];
+                        const SampleDistance distance(positions, centre);
+                        double bound2 = std::numeric_limits<double>::infinity();
+                        guesses[c] = MeshQueries::NearestObjectIndex(tree, distance, bound2);
+                      }
+                    });
+  // Candidates of each list: all other samples, or those in the 27 cells about it in a
+  // grid of about one cell per sample over the longest side's cube; every sample outside
+  // those cells lies at least a cell away.
+  const bool everyPair = n <= kEveryPair;
+  count = everyPair ? kCount : kGridCount;
+  double cell = 0.0, cap2 = std::numeric_limits<double>::infinity();
+  std::size_t dims[3] = {1, 1, 1};
+  std::vector<std::uint32_t> cellStart, cellPoints;
+  std::vector<std::size_t> cellOf;
+  if (!everyPair) {
+    cell = longest > 0.0 ? longest / std::cbrt(double(n)) : 1.0;
+    cap2 = cell * cell * (1.0 - 1e-9);  // a cell, less any rounding of the cell index
+    for (int k = 0; k < 3; ++k)
+      dims[k] = std::max<std::size_t>(1, static_cast<std::size_t>(std::ceil((high[k] - low[k]) / cell)));
+    const auto indexOn = [&](double x, int k) {
+      const double u = (x - low[k]) / cell;
+      return u <= 0.0 ? std::size_t{0} : u >= double(dims[k] - 1) ? dims[k] - 1 : static_cast<std::size_t>(u);
+    };
+    cellOf.resize(n);
+    cellStart.assign(dims[0] * dims[1] * dims[2] + 1, 0);
+    for (std::size_t j = 0; j < n; ++j) {
+      cellOf[j] =
+          (indexOn(positions.z[j], 2) * dims[1] + indexOn(positions.y[j], 1)) * dims[0] + indexOn(positions.x[j], 0);
+      ++cellStart[cellOf[j] + 1];
+    }
+    for (std::size_t c = 1; c < cellStart.size(); ++c) cellStart[c] += cellStart[c - 1];
+    cellPoints.resize(n);
+    std::vector<std::uint32_t> fill(cellStart.begin(), cellStart.end() - 1);
+    for (std::size_t j = 0; j < n; ++j) cellPoints[fill[cellOf[j]]++] = static_cast<std::uint32_t>(j);
+  }
+  index.assign(n * count, 0);
+  distance2.assign(n * count, std::numeric_limits<double>::infinity());
+  reach.assign(n, cap2);
+  tbb::enumerable_thread_specific<std::vector<std::pair<double, std::uint32_t>>> scratch;
+  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, n, 16), [&](const tbb::blocked_range<std::size_t>& r) {
+    std::vector<std::pair<double, std::uint32_t>>& all = scratch.local();
+    for (std::size_t j = r.begin(); j != r.end(); ++j) {
+      const double q[3] = {positions.x[j], positions.y[j], positions.z[j]};
+      const SampleDistance distance(positions, q);
+      all.clear();
+      const auto take = [&](std::uint32_t k) {
+        if (k != j) all.emplace_back(distance(k), k);
+      };
+      if (everyPair) {
+        for (std::size_t k = 0; k < n; ++k) take(static_cast<std::uint32_t>(k));
+      } else {
+        const std::size_t at[3] = {cellOf[j] % dims[0], (cellOf[j] / dims[0]) % dims[1],
+                                   cellOf[j] / (dims[0] * dims[1])};
+        for (std::size_t z = at[2] > 0 ? at[2] - 1 : 0; z <= std::min(at[2] + 1, dims[2] - 1); ++z)
+          for (std::size_t y = at[1] > 0 ? at[1] - 1 : 0; y <= std::min(at[1] + 1, dims[1] - 1); ++y)
+            for (std::size_t x = at[0] > 0 ? at[0] - 1 : 0; x <= std::min(at[0] + 1, dims[0] - 1); ++x) {
+              const std::size_t c = (z * dims[1] + y) * dims[0] + x;
+              for (std::uint32_t e = cellStart[c]; e < cellStart[c + 1]; ++e) take(cellPoints[e]);
+            }
+      }
+      // Ordered by distance, then index: the same lists on every run.
+      const std::size_t kept = std::min<std::size_t>(count, all.size());
+      const auto end = all.begin() + static_cast<std::ptrdiff_t>(kept);
+      if (kept < all.size()) {
+        std::nth_element(all.begin(), end, all.end());
+        reach[j] = std::min(cap2, end->first);  // the nearest that the list leaves out
+      }
+      std::sort(all.begin(), end);
+      for (std::size_t k = 0; k < kept; ++k) {
+        index[j * count + k] = all[k].second;
+        distance2[j * count + k] = all[k].first;
+      }
+    }
+  });
 }
 
 RigidFit FitRigid(const std::vector<Point3>& moved, const std::vector<Point3>& matched, bool allowScale) {
@@ -133,6 +239,7 @@ MStlBaseOperatorRegistrationICP::IcpResult MStlBaseOperatorRegistrationICP::_Run
                                                                                     detail::IcpWorkspace& w) const {
   using detail::Point3;
   const auto& tree = fixedTree->Get();
+  const detail::SampleNeighbours& neighbours = fixedTree->Neighbours();
   const std::vector<SamplePoint>& objects = tree.GetObjects();
   const std::size_t n = movingSample.size();
   w.Reserve(n);
@@ -174,12 +281,25 @@ MStlBaseOperatorRegistrationICP::IcpResult MStlBaseOperatorRegistrationICP::_Run
       // place, which bounds the search; a bound a little wider than that distance finds
       // the same nearest sample as an unbounded search, only with less of the tree.
       const detail::SampleDistance distance(fixedTree->Positions(), p.Data());
-      double bound2 = std::numeric_limits<double>::infinity();
-      if (w.matchedIndex[i] != MeshQueries::kNoObject) bound2 = distance(w.matchedIndex[i]) * (1.0 + 1e-9) + 1e-300;
-      std::uint32_t found = MeshQueries::NearestObjectIndex(tree, distance, bound2);
-      if (found == MeshQueries::kNoObject && w.matchedIndex[i] != MeshQueries::kNoObject) {
-        bound2 = std::numeric_limits<double>::infinity();
+      const std::uint32_t last = w.matchedIndex[i];
+      std::uint32_t found = MeshQueries::kNoObject;
+      // From the last match, or a guess from the grid: a neighbour list when that
+      // settles it, else the tree.
+      if (!neighbours.Empty()) {
+        if (last != MeshQueries::kNoObject) found = neighbours.Nearest(distance, last);
+        if (found == MeshQueries::kNoObject) {
+          const std::uint32_t guess = neighbours.Guess(p.Data());
+          if (guess != last && guess != MeshQueries::kNoObject) found = neighbours.Nearest(distance, guess);
+        }
+      }
+      if (found == MeshQueries::kNoObject) {
+        double bound2 = std::numeric_limits<double>::infinity();
+        if (last != MeshQueries::kNoObject) bound2 = distance(last) * (1.0 + 1e-9) + 1e-300;
         found = MeshQueries::NearestObjectIndex(tree, distance, bound2);
+        if (found == MeshQueries::kNoObject && last != MeshQueries::kNoObject) {
+          bound2 = std::numeric_limits<double>::infinity();
+          found = MeshQueries::NearestObjectIndex(tree, distance, bound2);
+        }
       }
       w.matchedIndex[i] = found;
       Point3 q{}, qNormal{};

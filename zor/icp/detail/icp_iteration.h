@@ -3,6 +3,7 @@
 // sample, the rigid (or similarity) fit of matched pairs, the median of the squared
 // distances, and the rule by which one result beats another. Private to zor/icp.
 
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -79,18 +80,96 @@ private:
   double query[3];
 };
 
+// The nearest other samples of each fixed sample, for the search from a known match.
+// A query that lay nearest to sample j before and now lies at distance r from it has
+// its nearest sample within r of itself, so within 2r of j: when j's list reaches
+// beyond 2r, the list and j hold the answer, and a few distances replace a walk down
+// the tree. The answer is the one the tree gives: the nearest, and when two are equally
+// near (the tree's order decides those) Nearest says it cannot tell.
+class ZOR_API SampleNeighbours {
+public:
+  // Up to kEveryPair samples, each list holds the kCount nearest of all the others (a
+  // distance per pair of samples); above, the kGridCount nearest within the cells of a
+  // grid about it, and reaches no farther than a cell. Above kMostSamples, no lists.
+  static constexpr std::uint32_t kCount = 128;
+  static constexpr std::uint32_t kGridCount = 16;
+  static constexpr std::size_t kEveryPair = 2048;
+  static constexpr std::size_t kMostSamples = 65536;
+
+  SampleNeighbours() = default;
+  // Over the samples in tree order (`tree` over them, for the grid's guesses).
+  SampleNeighbours(const SamplePositions& positions, const SamplePointTree& tree);
+  bool Empty() const { return reach.empty(); }
+
+  // The nearest sample to the query of `distance`, which lay nearest to `last` before;
+  // kNoObject when the list of `last` cannot settle it (then the tree must).
+  std::uint32_t Nearest(const SampleDistance& distance, std::uint32_t last) const {
+    const double last2 = distance(last);
+    // (2r)^2, widened far beyond any rounding of the distances.
+    const double within2 = 4.0 * last2 * (1.0 + 1e-8) + 1e-300;
+    if (!(reach[last] > within2)) return 0xFFFFFFFFu;  // also for a query that is not a number
+    const std::uint32_t* near = index.data() + static_cast<std::size_t>(last) * count;
+    const double* near2 = distance2.data() + static_cast<std::size_t>(last) * count;
+    double best = last2;
+    std::uint32_t nearest = last;
+    bool tie = false;
+    for (std::uint32_t k = 0; k < count && near2[k] <= within2; ++k) {
+      const double d = distance(near[k]);
+      if (d < best) {
+        best = d;
+        nearest = near[k];
+        tie = false;
+      } else if (d == best) {
+        tie = true;
+      }
+    }
+    return tie ? 0xFFFFFFFFu : nearest;
+  }
+
+  // A sample near `q` to start from when there is no last match (or its list cannot
+  // settle the query): the nearest sample to the centre of q's cell in a coarse grid
+  // over the samples' box (the border cell for a place outside it); kNoObject for a
+  // place that is not a number.
+  std::uint32_t Guess(const double* q) const {
+    std::size_t cell[3];
+    for (int k = 0; k < 3; ++k) {
+      const double u = (q[k] - gridLow[k]) / gridCell[k];
+      if (!(u == u)) return 0xFFFFFFFFu;
+      // Clamped before the conversion, which is then always defined.
+      cell[k] = u <= 0.0 ? 0 : u >= double(kGrid - 1) ? kGrid - 1 : static_cast<std::size_t>(u);
+    }
+    return guesses[(cell[2] * kGrid + cell[1]) * kGrid + cell[0]];
+  }
+
+private:
+  static constexpr std::size_t kGrid = 16;
+
+  std::uint32_t count = 0;           // entries per list
+  std::vector<std::uint32_t> index;  // `count` per sample, nearest first
+  std::vector<double> distance2;     // their squared distances; +infinity past the last sample
+  std::vector<double> reach;         // per sample: the squared distance no sample outside its list is nearer than
+  double gridLow[3] = {0.0, 0.0, 0.0}, gridCell[3] = {1.0, 1.0, 1.0};
+  std::vector<std::uint32_t> guesses;  // kGrid^3, x fastest
+};
+
 // The tree over the fixed sample; a class of its own so that the operator's header can
 // hold it by a forward declaration.
-class SampleTree {
+class ZOR_API SampleTree {
 public:
   // Builds over `points` (their order changes: the tree sorts them into its leaves).
   explicit SampleTree(std::vector<SamplePoint>&& points);
+  ~SampleTree();
+  SampleTree(const SampleTree&) = delete;
+  SampleTree& operator=(const SampleTree&) = delete;
   const SamplePointTree& Get() const { return tree; }
   const SamplePositions& Positions() const { return positions; }
+  // Empty for samples of more than SampleNeighbours::kMostSamples points.
+  const SampleNeighbours& Neighbours() const { return neighbours; }
 
 private:
   SamplePointTree tree;
   SamplePositions positions;
+  SampleNeighbours neighbours;
 };
 
 using Point3 = ZorSDK::Math::point<double, 3>;
