@@ -1,6 +1,7 @@
 // The multi-start ICP: the fit, the median, the better-than rule, one run's stop rules,
 // and the operator from any placement, repeatably.
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <random>
 #include <vector>
@@ -154,6 +155,36 @@ TEST(IcpSampleSearch, TheNeighbourListsGiveWhatTheTreeGivesOrNothing) {
     const double nowhere[3] = {std::nan(""), 0.0, 0.0};
     EXPECT_EQ(tree.Neighbours().Guess(nowhere), MeshQueries::kNoObject);
     EXPECT_EQ(tree.Neighbours().Nearest(SampleDistance(at, nowhere), 0), MeshQueries::kNoObject);
+  }
+}
+
+// Normals turned two at a time are those that Normalize gives one at a time, to the
+// bit: equal magnitudes, zero normals, tiny ones, signs, an odd count.
+TEST(IcpSampleSearch, TurnedNormalsAreThoseOfNormalize) {
+  using ZorStlRegistration::SamplePoint;
+  std::mt19937 generator(11);
+  std::normal_distribution<double> value(0.0, 1.0);
+  std::vector<SamplePoint> samples(201);
+  for (SamplePoint& s : samples)
+    for (int k = 0; k < 3; ++k) s.normal[k] = value(generator);
+  const double special[][3] = {{0, 0, 0}, {1, 1, 1}, {-1, 1, 0}, {0, -2, 2}, {1e-310, 0, -1e-310}, {3, -3, 1}};
+  for (std::size_t i = 0; i < 6; ++i)
+    for (int k = 0; k < 3; ++k) samples[2 * i + 1].normal[k] = special[i][k];
+  MMTransformMatrix turn;
+  turn.MakeRotation(MMVector3d(1, 2, 3), MMVector3d(0.3, -1, 0.2), 0.7);
+  for (const MMTransformMatrix& t : {MMTransformMatrix(), turn}) {
+    double rows[3][4];
+    for (unsigned short r = 0; r < 3; ++r)
+      for (unsigned short c = 0; c < 4; ++c) rows[r][c] = t.GetElement(r, c);
+    std::vector<Point3> turned(samples.size());
+    ZorStlRegistration::detail::TurnNormals(samples, rows, turned);
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+      const double u = samples[i].normal[0], v = samples[i].normal[1], w = samples[i].normal[2];
+      MMVector3d m(rows[0][0] * u + rows[0][1] * v + rows[0][2] * w, rows[1][0] * u + rows[1][1] * v + rows[1][2] * w,
+                   rows[2][0] * u + rows[2][1] * v + rows[2][2] * w);
+      Normalize(m);
+      for (int k = 0; k < 3; ++k) EXPECT_EQ(std::memcmp(&turned[i][k], &m[k], sizeof(double)), 0) << i << " " << k;
+    }
   }
 }
 

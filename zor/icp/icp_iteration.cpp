@@ -6,6 +6,10 @@
 #include <cmath>
 #include <limits>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <Eigen/Dense>
 #include <tbb/blocked_range.h>
 #include <tbb/enumerable_thread_specific.h>
@@ -209,6 +213,64 @@ double MedianInPlace(std::vector<double>& values) {
   return (lower + *middle) / 2.0;
 }
 
+namespace {
+
+// One sample's normal turned by `rows` and made unit as Normalize makes it.
+Point3 TurnedNormal(const SamplePoint& s, const double (&rows)[3][4]) {
+  const double u = s.normal[0], v = s.normal[1], t = s.normal[2];
+  MMVector3d m(rows[0][0] * u + rows[0][1] * v + rows[0][2] * t, rows[1][0] * u + rows[1][1] * v + rows[1][2] * t,
+               rows[2][0] * u + rows[2][1] * v + rows[2][2] * t);
+  Normalize(m);
+  return Point3{{m[0], m[1], m[2]}};
+}
+
+}  // namespace
+
+void TurnNormals(const std::vector<SamplePoint>& samples, const double (&rows)[3][4], std::vector<Point3>& out) {
+  const std::size_t n = samples.size();
+  std::size_t i = 0;
+#if defined(__SSE2__)
+  // Two samples at a time with the operations of the scalar path: the same products and
+  // sums, the scale-safe length (largest magnitude m, the other two l and k, whose
+  // order does not matter: m sqrt((l/m)^2 + (k/m)^2 + 1)), and a division per
+  // coordinate unless the length is 0.
+  const __m128d sign = _mm_set1_pd(-0.0), tiny = _mm_set1_pd(4.9406564584124654e-324), one = _mm_set1_pd(1.0);
+  const __m128d zero = _mm_setzero_pd();
+  const auto select = [](__m128d mask, __m128d a, __m128d b) {
+    return _mm_or_pd(_mm_and_pd(mask, a), _mm_andnot_pd(mask, b));
+  };
+  for (; i + 2 <= n; i += 2) {
+    const SamplePoint& a = samples[i];
+    const SamplePoint& b = samples[i + 1];
+    const __m128d u = _mm_set_pd(b.normal[0], a.normal[0]);
+    const __m128d v = _mm_set_pd(b.normal[1], a.normal[1]);
+    const __m128d t = _mm_set_pd(b.normal[2], a.normal[2]);
+    __m128d c[3];
+    for (int r = 0; r < 3; ++r)
+      c[r] = _mm_add_pd(_mm_add_pd(_mm_mul_pd(_mm_set1_pd(rows[r][0]), u), _mm_mul_pd(_mm_set1_pd(rows[r][1]), v)),
+                        _mm_mul_pd(_mm_set1_pd(rows[r][2]), t));
+    const __m128d ax = _mm_andnot_pd(sign, c[0]), ay = _mm_andnot_pd(sign, c[1]), az = _mm_andnot_pd(sign, c[2]);
+    const __m128d xBiggest = _mm_and_pd(_mm_cmpge_pd(ax, ay), _mm_cmpge_pd(ax, az));
+    const __m128d yBiggest = _mm_andnot_pd(xBiggest, _mm_cmpge_pd(ay, az));
+    const __m128d m = select(xBiggest, ax, select(yBiggest, ay, az));
+    const __m128d l = select(xBiggest, ay, ax);
+    const __m128d k = select(_mm_or_pd(xBiggest, yBiggest), az, ay);
+    const __m128d g = select(_mm_cmpgt_pd(m, tiny), m, tiny);
+    const __m128d lg = _mm_div_pd(l, g), kg = _mm_div_pd(k, g);
+    const __m128d length =
+        _mm_mul_pd(m, _mm_sqrt_pd(_mm_add_pd(_mm_add_pd(_mm_mul_pd(lg, lg), _mm_mul_pd(kg, kg)), one)));
+    const __m128d positive = _mm_cmpgt_pd(length, zero);
+    double x[2], y[2], z[2];
+    _mm_storeu_pd(x, select(positive, _mm_div_pd(c[0], length), c[0]));
+    _mm_storeu_pd(y, select(positive, _mm_div_pd(c[1], length), c[1]));
+    _mm_storeu_pd(z, select(positive, _mm_div_pd(c[2], length), c[2]));
+    out[i] = Point3{{x[0], y[0], z[0]}};
+    out[i + 1] = Point3{{x[1], y[1], z[1]}};
+  }
+#endif
+  for (; i < n; ++i) out[i] = TurnedNormal(samples[i], rows);
+}
+
 int TransformRank(const MMTransformMatrix& t) {
   if (t.IsIdentity()) return 0;
   if (t.IsTranslation()) return 1;
@@ -267,6 +329,7 @@ MStlBaseOperatorRegistrationICP::IcpResult MStlBaseOperatorRegistrationICP::_Run
     double rows[3][4];
     for (unsigned short r = 0; r < 3; ++r)
       for (unsigned short c = 0; c < 4; ++c) rows[r][c] = current.GetElement(r, c);
+    if (params.useNormals) detail::TurnNormals(movingSample, rows, w.movedNormals);
     for (std::size_t i = 0; i < n; ++i) {
       const SamplePoint& s = movingSample[i];
       MMVector3d p;
@@ -305,14 +368,7 @@ MStlBaseOperatorRegistrationICP::IcpResult MStlBaseOperatorRegistrationICP::_Run
       Point3 q{}, qNormal{};
       if (found != MeshQueries::kNoObject)
         for (int k = 0; k < 3; ++k) q[k] = objects[found].position[k], qNormal[k] = objects[found].normal[k];
-      if (params.useNormals) {
-        const double u = s.normal[0], v = s.normal[1], t = s.normal[2];
-        MMVector3d m(rows[0][0] * u + rows[0][1] * v + rows[0][2] * t, rows[1][0] * u + rows[1][1] * v + rows[1][2] * t,
-                     rows[2][0] * u + rows[2][1] * v + rows[2][2] * t);
-        Normalize(m);
-        w.movedNormals[i] = Point3{{m[0], m[1], m[2]}};
-        w.matchedNormals[i] = qNormal;
-      }
+      if (params.useNormals) w.matchedNormals[i] = qNormal;
       w.moved[i] = Point3{{p[0], p[1], p[2]}};
       w.matched[i] = q;
       const double dx = p[0] - q[0], dy = p[1] - q[1], dz = p[2] - q[2];

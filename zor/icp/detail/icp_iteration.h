@@ -192,6 +192,11 @@ ZOR_API RigidFit FitRigid(const std::vector<Point3>& moved, const std::vector<Po
 // middle ones for an even count, NaN for none. A selection, not a sort.
 ZOR_API double MedianInPlace(std::vector<double>& values);
 
+// Each sample's normal turned by the rotation rows of a transform (3 x 4, row-major)
+// and made unit as Normalize makes it, into `out` (sized as the samples), bit for bit
+// as one sample at a time would.
+ZOR_API void TurnNormals(const std::vector<SamplePoint>& samples, const double (&rows)[3][4], std::vector<Point3>& out);
+
 // How simple a pose is, for ties: 0 the identity, 1 a translation, 2 anything else.
 ZOR_API int TransformRank(const MMTransformMatrix& t);
 
