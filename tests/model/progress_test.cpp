@@ -60,4 +60,26 @@ TEST(Progress, NullDelegateAndOverrunAreHarmless) {
   EXPECT_EQ(delegate->values, (std::vector<std::size_t>{1, 2, 3}));  // never beyond the total
 }
 
+// Shares of one report, advanced by uneven weights from several threads: each issues
+// exactly its steps when its weights add up to its total, and weights past it add none.
+TEST(Progress, SharesIssueTheirStepsWhateverTheWeightsAndThreads) {
+  ZorSDK::Common::IncrementalProgressReporter reporter(nullptr, "Reduction", 100, false);
+  ZorSDK::Common::ProgressShare first(reporter, 37, 1000003), second(reporter, 63, 7);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 250; ++i) first.Add(t == 0 && i == 0 ? 4003 : 4000);
+    });
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(reporter.GetDone(), 37u);
+  second.Add(3);
+  EXPECT_EQ(reporter.GetDone(), 37u + 27u);  // 3 of 7 is 27 of 63 steps
+  second.Add(4);
+  second.Add(1000);
+  EXPECT_EQ(reporter.GetDone(), 100u);
+  ZorSDK::Common::ProgressShare nothing(reporter, 5, 0);
+  nothing.Add(0);
+  EXPECT_EQ(reporter.GetDone(), 100u);  // an empty total has nothing to count, and divides by nothing
+}
+
 }  // namespace

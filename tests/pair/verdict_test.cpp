@@ -1,12 +1,17 @@
 // The verdict on a pose: a right pose of a partial scan is sound, and a wrong pose that
-// still leaves part of the moving mesh on the fixed one is doubtful.
+// still leaves part of the moving mesh on the fixed one is doubtful. And the reports a
+// pair call gives while it runs.
 #include <cstdint>
 #include <memory>
 #include <set>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "generators/bodies.h"
+#include "generators/mesh_arrays.h"
+#include "generators/poses.h"
 #include "zor/model/stl.h"
 #include "zor/pair/pair_registration.h"
 
@@ -57,6 +62,43 @@ TEST(Verdict, AWrongPoseOverTheFixedSurfaceIsDoubtfulThoughPartOfItTouches) {
   EXPECT_GT(v.overlap, 0.3);  // as much as lies on the fixed surface would pass for a small overlap
   EXPECT_GT(v.inconsistent, 0.35);
   EXPECT_NE(v.reason.find("off the fixed surface"), std::string::npos) << v.reason;
+}
+
+}  // namespace
+
+namespace {
+
+// Every report of a pair call, in the order the reports start, with its last count.
+class StageRecorder : public ZorSDK::Common::IProgressDelegate {
+public:
+  void OnStart(const std::string& label, std::size_t total) override { stages.push_back({label, 0, total}); }
+  void OnProgress(const std::string& label, std::size_t done, std::size_t) override {
+    ASSERT_EQ(stages.back().label, label);
+    EXPECT_GE(done, stages.back().done);  // never back
+    stages.back().done = done;
+  }
+  void OnEnd(const std::string&) override {}
+  struct Stage {
+    std::string label;
+    std::size_t done, total;
+  };
+  std::vector<Stage> stages;
+};
+
+// A large pair's report moves through the reduction of both meshes (cut into several
+// blocks) to its end, then the search, then the finish's rounds.
+TEST(PairProgress, TheReductionAndTheFinishReportTheirSteps) {
+  const auto fixed = zorgen::MakeMesh(zorgen::MakeShape(zorgen::Shape::Featured, 120000));
+  const auto moving =
+      zorgen::MakeMovedCopy(zorgen::MakeShape(zorgen::Shape::Featured, 100000), zorgen::DrawPose(5, 20000.0));
+  auto recorder = std::make_shared<StageRecorder>();
+  ZorStlRegistration::PairOptions options;
+  ZorStlRegistration::AlignPair(*moving, *fixed, options, recorder);
+  ASSERT_GE(recorder->stages.size(), 3u);
+  EXPECT_EQ(recorder->stages.front().label, "Reduction");
+  EXPECT_EQ(recorder->stages.front().done, recorder->stages.front().total);
+  EXPECT_EQ(recorder->stages.back().label, "Finish");
+  EXPECT_EQ(recorder->stages.back().done, recorder->stages.back().total);
 }
 
 }  // namespace
