@@ -3,7 +3,6 @@
 // sample, the rigid (or similarity) fit of matched pairs, the median of the squared
 // distances, and the rule by which one result beats another. Private to zor/icp.
 
-#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
