@@ -107,9 +107,12 @@ SpaceLattice& SpaceField::AddLattice(std::size_t cells) {
   return lattices.back();
 }
 
-MMVector3d SpaceField::At(const MMVector3d& p) const {
+MMVector3d SpaceField::At(const MMVector3d& p, std::size_t count) const {
   MMVector3d sum;
-  for (const SpaceLattice& lattice : lattices) sum = sum + Evaluate(lattice, lattice.controls, StencilAt(lattice, p));
+  for (std::size_t l = 0; l < count && l < lattices.size(); ++l) {
+    const SpaceLattice& lattice = lattices[l];
+    sum = sum + Evaluate(lattice, lattice.controls, StencilAt(lattice, p));
+  }
   return sum;
 }
 

@@ -62,6 +62,7 @@ public:
     std::size_t stallPasses = 4;        // passes without 1% gain of the 95th percentile that end the run
     std::size_t coarsestPoints = 3000;  // the coarsest level has at most about this many points
     bool spaceField = true;             // start with the field over space (see above)
+    bool layOnTarget = true;            // end by laying each matched point on the target (see above)
   };
 
   enum class StopReason : std::uint8_t {
@@ -84,6 +85,7 @@ public:
     double fractionWithin = 0.0;  // of all points, strictly below distanceTolerance
     std::size_t unmatched = 0;    // points without a match in the last pass
     std::size_t folded = 0;       // triangles whose normal turned by more than 90 degrees
+    std::size_t laid = 0;         // points the last step laid on the target
     // Seconds.
     double setup = 0.0;           // levels, target tree
     double space = 0.0;           // the field over space: its matching and fitting

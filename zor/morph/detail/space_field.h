@@ -63,7 +63,9 @@ public:
   // and as many of the same size on the others as cover the box.
   SpaceLattice& AddLattice(std::size_t cells);
 
-  MMVector3d At(const MMVector3d& p) const;
+  MMVector3d At(const MMVector3d& p) const { return At(p, lattices.size()); }
+  // The field of the first `count` lattices only.
+  MMVector3d At(const MMVector3d& p, std::size_t count) const;
   bool Empty() const { return lattices.empty(); }
   const std::vector<SpaceLattice>& Lattices() const { return lattices; }
 
