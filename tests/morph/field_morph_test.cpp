@@ -108,6 +108,29 @@ TEST(FieldMorph, ABentBodyLandsWhereTheBendTakesIt) {
   EXPECT_LT(slide / static_cast<double>(morphed.size()), 250.0);
 }
 
+// Both meshes tessellate the same sphere coarsely (edges of 5 and 7 mm on a 20 mm
+// radius), so the target's flat triangles cut up to 0.6 mm inside the sphere where the
+// moving mesh's points lie on it. Nothing is deformed: each point should only drop onto
+// the chord below it, not take the chords' depth as a shrink of the whole body and
+// slide with it. The points end on the target, unfolded.
+TEST(FieldMorph, ACoarseTargetOfTheSameSurfaceOnlyLaysThePointsOnIt) {
+  const auto moving = zorgen::MakeSphere(20000.0, 12, 24);
+  const auto target = zorgen::MakeSphere(20000.0, 9, 17);
+  const std::vector<MMVector3d> original = zortest::AllPoints(*moving);
+  double depth = 0.0;  // the mean distance of the points to the target before the morph
+  for (const MMVector3d& p : original) depth += zortest::WorstDistance({p}, *target);
+  depth /= static_cast<double>(original.size());
+  const auto report = Morph(*moving, *target);
+  EXPECT_LT(report.p95Distance, 50.0);
+  EXPECT_EQ(report.folded, 0u);
+  EXPECT_GT(report.laid, original.size() * 9 / 10);
+  const std::vector<MMVector3d> morphed = zortest::AllPoints(*moving);
+  double moved = 0.0;
+  for (std::size_t i = 0; i < morphed.size(); ++i) moved += Length(morphed[i] - original[i]);
+  EXPECT_GT(depth, 150.0);
+  EXPECT_LT(moved / static_cast<double>(morphed.size()), 1.25 * depth) << "chords' mean depth " << depth;
+}
+
 TEST(FieldMorph, AMeshOnItsTargetDoesNotMove) {
   const auto moving = zorgen::MakeSphere(20000.0, 24, 48, 800.0);
   const auto target = zorgen::MakeSphere(20000.0, 24, 48, 800.0);

@@ -90,17 +90,18 @@ constexpr double kSurfaceStartShare = 0.1;
 // Faces meeting at more than kCreaseCosine's angle do not share a corner normal, and a
 // point where they meet is not matched back. Measured on the five range scans at 3,000
 // and 8,000 triangles and whole (bench_morph --meshes --mesh-triangles N), with the
-// back matches: shares 0, 0.5 and 1 slid 3478/1673/438 um, 2970/1340/456 um and
-// 4122/1527/624 um in sum over the fifteen cases; a crease at 30 degrees rather than
-// 60 lost a fifth on the coarse scans, and none at all slid 60% more on the featured
-// body at 200k triangles.
+// back matches and no crease rule: shares 0, 0.5 and 1 slid 3478/1673/438 um,
+// 2970/1340/456 um and 4122/1527/624 um in sum over the fifteen cases. Without a
+// crease rule the featured body at 200k triangles slid 73 and 249 um on its bend and
+// bump, against 48 and 213 um with creases at 60 degrees (3353/1338/475 um on the
+// scans) and 3764/1475/486 um on the scans with creases at 30.
 constexpr double kCurvedShare = 0.5;
 constexpr double kCreaseCosine = 0.5;
 // The weight of a target point matched back onto the moving mesh, beside a moving
 // point's match. The target's points lie on the surface it stands for, where its flat
 // triangles cut inside: weights 1, 2, 8 and 32 slid 5362/1690/481, 4324/1528/479,
-// 2970/1340/456 and 2824/1292/461 um in sum (as above), against 8389/2421/528 um
-// without them.
+// 2970/1340/456 and 2824/1292/461 um in sum (as above, no crease rule), against
+// 8389/2421/528 um without them.
 constexpr double kBackWeight = 8.0;
 
 template <typename Body>

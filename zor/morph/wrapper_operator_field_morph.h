@@ -11,7 +11,10 @@
 //   normal elsewhere on the body, and one field over space carries it across. A
 //   local motion that a coarse lattice can only explain by a stretch of the whole body
 //   (a dent on the tip of a featureless ellipsoid) is taken as that stretch: the
-//   matches cannot tell the two apart there.
+//   matches cannot tell the two apart there. The target's own points are matched back
+//   onto the moving mesh as well, so that where both meshes are coarse tessellations
+//   of one curved surface the chords of either side, which cut inside it, do not
+//   shrink the field.
 // - Then the surface levels: each point carries a displacement on top of the field
 //   over space. A pass matches every point to the nearest target triangle that faces
 //   its way (within `normalAngle`, not on the target's open border, within the search
@@ -22,6 +25,11 @@
 // - Coarse to fine on the surface too: the field is first solved on coarse aggregates
 //   of the points with a long smoothing length, then handed down level by level while
 //   the length shrinks to `smoothing` mean edges on the mesh itself.
+// - Matches are taken on the curved surface that the target's triangles and their
+//   corners' normals describe (not across creases), not on the flat triangles alone.
+// - Last (unless `layOnTarget` is off), each point with a near match is laid on the
+//   target itself, unless that would fold one of its triangles: the field is smooth,
+//   and a coarse mesh on a coarse target would otherwise keep the chords' depth.
 // - Points without a match (the target does not cover them) keep the deformation of
 //   their neighbours and are counted.
 // - The run always ends: when the share `targetFraction` of the matched points lies
