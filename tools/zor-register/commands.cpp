@@ -309,6 +309,7 @@ int RunMorph(const std::string& movingPath, const std::string& targetPath, const
       report["p95_distance"] = f.p95Distance * toFile;
       report["unmatched"] = f.unmatched;
       report["folded"] = f.folded;
+      report["laid"] = f.laid;
     }
     if (options.registerFirst) {
       report["registration_succeeded"] = run.registrationSucceeded;

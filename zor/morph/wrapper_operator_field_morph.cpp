@@ -363,8 +363,8 @@ void SamplePoints(MStlBase& mesh, std::size_t most, std::vector<MMVector3d>& pla
 }
 
 // Moves each point with a match within `reach` onto the matched place, then takes back
-// the move of every point of a triangle that the moves fold, until none does. Returns
-// the points moved.
+// the move of every point of a triangle that the moves fold, until none does (each
+// round takes back a moved point). Returns the points moved.
 std::size_t LayOnTarget(const std::vector<std::uint32_t>& triangles, const std::vector<MMVector3d>& rest,
                         const std::vector<MMVector3d>& from, const std::vector<PlaneTerm>& terms,
                         const std::vector<double>& distances, const std::vector<MMVector3d>& base, double reach,
@@ -386,8 +386,14 @@ std::size_t LayOnTarget(const std::vector<std::uint32_t>& triangles, const std::
       const auto normalIn = [&](const std::vector<MMVector3d>& x) {
         return Cross(x[v[1]] - x[v[0]], x[v[2]] - x[v[0]]);
       };
+      // The laid places as they will be written: on the grid, where a sliver laid
+      // nearly flat may turn over.
+      const auto written = [&](std::uint32_t i) {
+        return MMVector3d(std::round(laid[i][0]), std::round(laid[i][1]), std::round(laid[i][2]));
+      };
       const MMVector3d original = normalIn(rest);
-      folds[t] = Dot(original, normalIn(laid)) < 0.0 && !(Dot(original, normalIn(from)) < 0.0) ? 1 : 0;
+      const MMVector3d after = Cross(written(v[1]) - written(v[0]), written(v[2]) - written(v[0]));
+      folds[t] = Dot(original, after) < 0.0 && !(Dot(original, normalIn(from)) < 0.0) ? 1 : 0;
     });
     bool any = false;
     for (std::size_t t = 0; t < count; ++t) {
