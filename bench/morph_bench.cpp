@@ -205,9 +205,8 @@ Row RunCase(const Body& body, const std::string& name, int threads, bool registe
     points.push_back(p);
     truth.push_back(deform(p->GetDouble()));
   }
-  std::vector<MMVector3d> normalsBefore;
-  for (auto it = moving->BeginTriangle(); it != moving->EndTriangle(); ++it)
-    normalsBefore.push_back(static_cast<const MStlTriangle*>(it)->GetNormal());
+  std::vector<MMVector3d> rest;
+  for (const MStlPoint* p : points) rest.push_back(p->GetDouble());
 
   tbb::task_arena arena(threads);
   Row row;
@@ -302,13 +301,36 @@ Row RunCase(const Body& body, const std::string& name, int threads, bool registe
     // to turn to.
     const double longest = std::max({Length(b - a), Length(c - a), Length(c - b)});
     if (!(Length(deformed) > 1e-3 * longest * longest)) continue;
-    if (Dot(t->GetNormal(), deformed) < 0.0) ++row.flipped;
-    if (Dot(normalsBefore[k], deformed) < 0.0) ++row.flippedByTruth;
+    // Normals from the corners (a stored normal of a sliver may point either way).
+    const MMVector3d& r = rest[indexOf[t->GetPoint(0)]];
+    const MMVector3d before = Cross(rest[indexOf[t->GetPoint(1)]] - r, rest[indexOf[t->GetPoint(2)]] - r);
+    const MMVector3d p = t->GetPoint(0)->GetDouble();
+    const MMVector3d after = Cross(t->GetPoint(1)->GetDouble() - p, t->GetPoint(2)->GetDouble() - p);
+    if (Dot(after, deformed) < 0.0) ++row.flipped;
+    if (Dot(before, deformed) < 0.0) ++row.flippedByTruth;
   }
+  std::vector<double> sl, fl, excess;
   for (std::size_t i = 0; i < points.size(); ++i) {
     MMVector3d closest;
     MeshQueries::GetClosestPoint(fixedHandle, truth[i], closest);
     row.truthToTarget += Length(closest - truth[i]) / n;
+    sl.push_back(Length(points[i]->GetDouble() - truth[i]));
+    fl.push_back(Length(closest - truth[i]));
+    excess.push_back(sl.back() - fl.back());
+  }
+  if (std::getenv("ZOR_Q")) {
+    auto q = [](std::vector<double> v) {
+      std::sort(v.begin(), v.end());
+      std::printf("[%.0f %.0f %.0f %.0f %.0f] ", v[v.size() / 10], v[v.size() / 2], v[v.size() * 9 / 10],
+                  v[v.size() * 99 / 100], v.back());
+    };
+    std::printf("slide ");
+    q(sl);
+    std::printf("floor ");
+    q(fl);
+    std::printf("excess ");
+    q(excess);
+    std::printf("\n");
   }
   return row;
 }

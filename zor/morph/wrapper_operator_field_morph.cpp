@@ -363,8 +363,9 @@ void SamplePoints(MStlBase& mesh, std::size_t most, std::vector<MMVector3d>& pla
 }
 
 // Moves each point with a match within `reach` onto the matched place, then takes back
-// the move of every point of a triangle that the moves fold, until none does (each
-// round takes back a moved point). Returns the points moved.
+// the move of every point of a triangle that the moves fold, until none does (only a
+// triangle with a moved corner counts, so each round takes back a moved point). Returns
+// the points moved.
 std::size_t LayOnTarget(const std::vector<std::uint32_t>& triangles, const std::vector<MMVector3d>& rest,
                         const std::vector<MMVector3d>& from, const std::vector<PlaneTerm>& terms,
                         const std::vector<double>& distances, const std::vector<MMVector3d>& base, double reach,
@@ -391,9 +392,13 @@ std::size_t LayOnTarget(const std::vector<std::uint32_t>& triangles, const std::
       const auto written = [&](std::uint32_t i) {
         return MMVector3d(std::round(laid[i][0]), std::round(laid[i][1]), std::round(laid[i][2]));
       };
-      const MMVector3d original = normalIn(rest);
+      const MMVector3d original = normalIn(rest), before = normalIn(from);
       const MMVector3d after = Cross(written(v[1]) - written(v[0]), written(v[2]) - written(v[0]));
-      folds[t] = Dot(original, after) < 0.0 && !(Dot(original, normalIn(from)) < 0.0) ? 1 : 0;
+      // Turned over neither against the original nor against where the field put it:
+      // the normal of a sliver (a few percent of its length high) swings with small
+      // moves, and the field and a last step may swing it opposite ways.
+      const bool overturned = Dot(original, after) < 0.0 && !(Dot(original, before) < 0.0);
+      folds[t] = overturned || Dot(before, after) < 0.0 ? 1 : 0;
     });
     bool any = false;
     for (std::size_t t = 0; t < count; ++t) {
