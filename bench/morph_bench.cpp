@@ -35,7 +35,8 @@
 // distance of each vertex to where the deformation takes it. The field morph's table
 // adds the triangles that the deformation itself turns over (slivers of a coarse scan)
 // and the mean distance of where the deformation takes each vertex to the target: what
-// a vertex laid on a coarser target must slide at least. Lengths in micrometres
+// a vertex laid on a coarser target must slide at least; and the points without a
+// match in its last pass (beyond the target's border). Lengths in micrometres
 // (internal units).
 #include <sys/resource.h>
 
@@ -117,6 +118,7 @@ struct Row {
   double meanSurface = 0, maxSurface = 0, within = 0, meanTruth = 0;
   long flipped = 0;          // against the deformed original's normal
   long flippedByTruth = 0;   // by the deformation itself, against the original's
+  long unmatched = 0;        // field morph: points without a match in its last pass
   double truthToTarget = 0;  // mean distance of where the deformation takes each point to the target
   double p95Covered = 0;     // 95th percentile of the distance to the target of the points it covers
   std::string stop;
@@ -227,6 +229,7 @@ Row RunCase(const Body& body, const std::string& name, int threads, bool registe
     row.step = rep.solve * 1000.0;
     row.smoothing = rep.measure * 1000.0, row.total = rep.total, row.maxDistance = rep.p95Distance;
     row.stop = ZorStlRegistration::StopReasonName(rep.stop);
+    row.unmatched = static_cast<long>(rep.unmatched);
   } else if (registered) {
     // A few percent of scale per axis and a pose drawn from the size: the whole call
     // has to find its way back.
@@ -392,8 +395,8 @@ int main(int argc, char** argv) {
         "| passes | setup | space | matching | solving | measuring | total s | stop | p95 to surface (covered) | mean "
         "to "
         "surface | max to surface | within %% | flipped | mean to truth | flipped by the deformation | truth to "
-        "target |\n|---|---|---|---|---|---|---|---|---|---|---|"
-        "---|---|---|---|---|---|---|---|---|\n");
+        "target | unmatched |\n|---|---|---|---|---|---|---|---|---|---|---|"
+        "---|---|---|---|---|---|---|---|---|---|\n");
   else if (registered)
     std::printf(
         "registered morph (MWrapperOperatorMorph), defaults; the moving body scaled by 1.03, 0.98, 1.02 and under a "
@@ -421,10 +424,11 @@ int main(int argc, char** argv) {
         if (field) {
           std::printf(
               "%.0f | %.0f | %.0f | %.0f | %.0f | %.0f | %.2f | %s | %.1f | %.2f | %.1f | %.2f | %ld | %.1f | %ld | "
-              "%.1f "
+              "%.1f | %ld "
               "|\n",
               r.iterations, r.dual, r.space, r.main, r.step, r.smoothing, r.total, r.stop.c_str(), r.p95Covered,
-              r.meanSurface, r.maxSurface, r.within, r.flipped, r.meanTruth, r.flippedByTruth, r.truthToTarget);
+              r.meanSurface, r.maxSurface, r.within, r.flipped, r.meanTruth, r.flippedByTruth, r.truthToTarget,
+              r.unmatched);
           std::fflush(stdout);
           continue;
         }
