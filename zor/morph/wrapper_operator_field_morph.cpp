@@ -258,7 +258,7 @@ public:
     const std::int32_t* v = holder.GetCorners()[index].xyz;
     double lift = 0.0;
     for (std::size_t k = 0; k < 3; ++k) {
-      const MMVector3d& corner = cornerNormals[3 * index + k];
+      const MMVector3d& corner = cornerNormals[3 * std::size_t{index} + k];
       const MMVector3d toCorner(c[0] - double(v[3 * k]), c[1] - double(v[3 * k + 1]), c[2] - double(v[3 * k + 2]));
       lift -= w[k] * Dot(toCorner, corner) * Dot(corner, term.normal);
     }
