@@ -8,13 +8,11 @@
 #include <string>
 #include <vector>
 
-#include <oneapi/tbb/blocked_range.h>
-#include <oneapi/tbb/parallel_for.h>
-
 #include "zor/model/stl_base.h"
 #include "zor/model/stl_guards.h"
 #include "zor/model/stopwatch.h"
 #include "zor/morph/detail/field_levels.h"
+#include "zor/morph/detail/parallel_loops.h"
 #include "zor/morph/detail/space_field.h"
 #include "zor/spatial/nearest_query.h"
 #include "zor/spatial/point_triangle_distance.h"
@@ -106,9 +104,7 @@ constexpr double kBackWeight = 8.0;
 
 template <typename Body>
 void ForEach(std::size_t count, const Body& body) {
-  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, count, 256), [&body](const tbb::blocked_range<std::size_t>& r) {
-    for (std::size_t i = r.begin(); i != r.end(); ++i) body(i);
-  });
+  detail::ForEachIndex(count, 256, body);
 }
 
 MWrapperOperatorFieldMorph::StlImpl CheckedHandle(MWrapperOperatorFieldMorph::StlImpl handle, const char* which) {
