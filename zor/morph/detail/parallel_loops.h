@@ -27,19 +27,16 @@ inline constexpr std::size_t kSumBlock = 4096;
 // suppressions). Does nothing in other builds.
 class LoopJoin {
 public:
-  void Release() {
 #if defined(__SANITIZE_THREAD__)
-    __tsan_release(&mark);
-#endif
-  }
-  void Acquire() {
-#if defined(__SANITIZE_THREAD__)
-    __tsan_acquire(&mark);
-#endif
-  }
+  void Release() { __tsan_release(&mark); }
+  void Acquire() { __tsan_acquire(&mark); }
 
 private:
   char mark = 0;
+#else
+  void Release() {}
+  void Acquire() {}
+#endif
 };
 
 // body(i) for i in [0, count), at least `grain` items a task.
