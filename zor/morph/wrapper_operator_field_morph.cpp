@@ -214,9 +214,7 @@ public:
         const MStlPoint* a = t->GetPoint(k);
         MMVector3d sum;
         for (std::uint16_t j = 0; j < a->GetNumberOfNeighbourTriangles(); ++j) {
-          const MStlTriangle* other = a->GetNeighbourTriangle(j)->GetData();
-          const MMVector3d p0 = other->GetPoint(0)->GetDouble();
-          const MMVector3d area = Cross(other->GetPoint(1)->GetDouble() - p0, other->GetPoint(2)->GetDouble() - p0);
+          const MMVector3d area = a->GetNeighbourTriangle(j)->GetData()->GetAreaVector();
           const double length = Length(area);
           if (length > 0.0 && Dot(area, own) >= kCreaseCosine * length) sum = sum + area;
         }
@@ -337,19 +335,14 @@ void SamplePoints(MStlBase& mesh, std::size_t most, std::vector<MMVector3d>& pla
   for (MStlPoint* a = mesh.GetFirstPoint(); a != nullptr; a = a->GetNext(), ++k) {
     if (k % every != 0) continue;
     MMVector3d sum;
-    for (std::uint16_t j = 0; j < a->GetNumberOfNeighbourTriangles(); ++j) {
-      const MStlTriangle* t = a->GetNeighbourTriangle(j)->GetData();
-      const MMVector3d p0 = t->GetPoint(0)->GetDouble();
-      sum = sum + Cross(t->GetPoint(1)->GetDouble() - p0, t->GetPoint(2)->GetDouble() - p0);
-    }
+    for (std::uint16_t j = 0; j < a->GetNumberOfNeighbourTriangles(); ++j)
+      sum = sum + a->GetNeighbourTriangle(j)->GetData()->GetAreaVector();
     const double length = Length(sum);
     if (!(length > 0.0)) continue;
     // A point on a crease has no one plane to lie on.
     bool crease = false;
     for (std::uint16_t j = 0; j < a->GetNumberOfNeighbourTriangles() && !crease; ++j) {
-      const MStlTriangle* t = a->GetNeighbourTriangle(j)->GetData();
-      const MMVector3d p0 = t->GetPoint(0)->GetDouble();
-      const MMVector3d area = Cross(t->GetPoint(1)->GetDouble() - p0, t->GetPoint(2)->GetDouble() - p0);
+      const MMVector3d area = a->GetNeighbourTriangle(j)->GetData()->GetAreaVector();
       crease = Dot(area, sum) < kCreaseCosine * Length(area) * length;
     }
     if (crease) continue;
