@@ -40,6 +40,7 @@
 #include <tbb/task_arena.h>
 
 #include "bench/bench_args.h"
+#include "bench/bench_digest.h"
 #include "generators/bodies.h"
 #include "generators/poses.h"
 #include "zor/alignment/normal_orientation_index.h"
@@ -237,6 +238,7 @@ void RunShape(const Options& o, Shape shape, long size) {
       std::vector<double> times, searchTimes, rms;
       std::map<std::string, int> used;
       int recovered = 0, found = 0;
+      std::uint64_t digest = zorbench::kDigestStart;
       for (int k = 0; k < o.poses; ++k) {
         const MMTransformMatrix truth = UniformPose(rng, 0.5 * clean.diagonal);
         const std::unique_ptr<MStlBase> moving = MakeMovedCopy(c.noise ? noisy : clean, truth, c.keep);
@@ -247,6 +249,8 @@ void RunShape(const Options& o, Shape shape, long size) {
                                      : icpPairCopy(*moving);
         times.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
         searchTimes.push_back(run.searchMs);
+        digest = zorbench::Digest(digest, run.found);
+        digest = zorbench::DigestBytes(digest, run.strategy.data(), run.strategy.size());
         const double d = RmsToSurface(*moving, run.found, surface);
         rms.push_back(d);
         recovered += d <= threshold ? 1 : 0;
@@ -261,10 +265,12 @@ void RunShape(const Options& o, Shape shape, long size) {
       }
       std::string strategies;
       for (const auto& [name, n] : used) strategies += (strategies.empty() ? "" : " ") + name + ":" + std::to_string(n);
-      std::printf("| %-8s | %7ld | %-13s | %-18s | %3d/%-3d | %3d/%-3d | %8.1f | %8.1f | %6.3f | %6.3f | %6.3f |\n",
-                  ShapeName(shape), static_cast<long>(fixed->GetNumberOfTriangles()), c.name, strategies.c_str(),
-                  recovered, o.poses, found, o.poses, Median(times), Median(searchTimes), Median(rms) / 1000.0,
-                  *std::max_element(rms.begin(), rms.end()) / 1000.0, threshold / 1000.0);
+      std::printf(
+          "| %-8s | %7ld | %-13s | %-18s | %3d/%-3d | %3d/%-3d | %8.1f | %8.1f | %6.3f | %6.3f | %6.3f | %016llx |\n",
+          ShapeName(shape), static_cast<long>(fixed->GetNumberOfTriangles()), c.name, strategies.c_str(), recovered,
+          o.poses, found, o.poses, Median(times), Median(searchTimes), Median(rms) / 1000.0,
+          *std::max_element(rms.begin(), rms.end()) / 1000.0, threshold / 1000.0,
+          static_cast<unsigned long long>(digest));
       std::fflush(stdout);
     }
   }
@@ -290,8 +296,8 @@ int main(int argc, char** argv) {
   std::printf(
       "| body     | triangles | case          | strategy used      | recovered | found | Operate | search | rms median "
       "| "
-      "rms worst | threshold |\n");
-  std::printf("|---|---|---|---|---|---|---|---|---|---|---|\n");
+      "rms worst | threshold | digest |\n");
+  std::printf("|---|---|---|---|---|---|---|---|---|---|---|---|\n");
   tbb::task_arena arena(o.threads);
   arena.execute([&] {
     for (long size : o.sizes)

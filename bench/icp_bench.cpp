@@ -24,6 +24,7 @@
 #include <tbb/task_arena.h>
 
 #include "bench/bench_args.h"
+#include "bench/bench_digest.h"
 #include "generators/bodies.h"
 #include "generators/poses.h"
 #include "zor/files/mesh_files.h"
@@ -35,16 +36,7 @@ using Icp = ZorStlRegistration::MStlBaseOperatorRegistrationICP;
 
 using zorbench::ParseList;
 
-// FNV-1a over the bits of the transform's sixteen elements.
-std::uint64_t Digest(std::uint64_t hash, const MMTransformMatrix& t) {
-  for (int e = 0; e < 16; ++e) {
-    const double v = t.GetElement(e / 4, e % 4);
-    std::uint64_t bits;
-    std::memcpy(&bits, &v, sizeof bits);
-    for (int b = 0; b < 8; ++b) hash = (hash ^ ((bits >> (8 * b)) & 0xFFu)) * 1099511628211ull;
-  }
-  return hash;
-}
+using zorbench::Digest;
 
 double Median(std::vector<double> v) {
   std::sort(v.begin(), v.end());
@@ -98,7 +90,7 @@ int main(int argc, char** argv) {
     }
     for (long t : threads) {
       std::vector<double> total, sampling, tree, analysis, search, refinement;
-      std::uint64_t digest = 14695981039346656037ull;
+      std::uint64_t digest = zorbench::kDigestStart;
       tbb::task_arena arena(static_cast<int>(t));
       for (int k = 0; k < poses; ++k) {
         const auto moving = zorgen::MakeMovedCopy(body, zorgen::DrawPose(static_cast<std::uint64_t>(k + 1), 60000.0));

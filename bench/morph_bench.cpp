@@ -55,6 +55,7 @@
 #include <tbb/task_arena.h>
 
 #include "bench/bench_args.h"
+#include "bench/bench_digest.h"
 #include "generators/bodies.h"
 #include "generators/poses.h"
 #include "zor/files/mesh_files.h"
@@ -117,6 +118,7 @@ struct Row {
   double iterations = 0, dual = 0, main = 0, step = 0, smoothing = 0, total = 0, maxDistance = 0;
   double meanSurface = 0, maxSurface = 0, within = 0, meanTruth = 0;
   long flipped = 0;          // against the deformed original's normal
+  std::uint64_t digest = 0;  // of the morphed coordinates
   long flippedByTruth = 0;   // by the deformation itself, against the original's
   long unmatched = 0;        // field morph: points without a match in its last pass
   double truthToTarget = 0;  // mean distance of where the deformation takes each point to the target
@@ -253,6 +255,7 @@ Row RunCase(const Body& body, const std::string& name, int threads, bool registe
     row.maxDistance = morph.GetMaxDistance();
   }
 
+  row.digest = zorbench::Digest(zorbench::kDigestStart, *moving);
   std::vector<double> surface(points.size());
   const MeshQueries::MeshHandle fixedHandle(fixed.get());
   arena.execute([&] {
@@ -395,8 +398,8 @@ int main(int argc, char** argv) {
         "| passes | setup | space | matching | solving | measuring | total s | stop | p95 to surface (covered) | mean "
         "to "
         "surface | max to surface | within %% | flipped | mean to truth | flipped by the deformation | truth to "
-        "target | unmatched |\n|---|---|---|---|---|---|---|---|---|---|---|"
-        "---|---|---|---|---|---|---|---|---|---|\n");
+        "target | unmatched | digest |\n|---|---|---|---|---|---|---|---|---|---|---|"
+        "---|---|---|---|---|---|---|---|---|---|---|\n");
   else if (registered)
     std::printf(
         "registered morph (MWrapperOperatorMorph), defaults; the moving body scaled by 1.03, 0.98, 1.02 and under a "
@@ -424,11 +427,11 @@ int main(int argc, char** argv) {
         if (field) {
           std::printf(
               "%.0f | %.0f | %.0f | %.0f | %.0f | %.0f | %.2f | %s | %.1f | %.2f | %.1f | %.2f | %ld | %.1f | %ld | "
-              "%.1f | %ld "
+              "%.1f | %ld | %016llx "
               "|\n",
               r.iterations, r.dual, r.space, r.main, r.step, r.smoothing, r.total, r.stop.c_str(), r.p95Covered,
               r.meanSurface, r.maxSurface, r.within, r.flipped, r.meanTruth, r.flippedByTruth, r.truthToTarget,
-              r.unmatched);
+              r.unmatched, static_cast<unsigned long long>(r.digest));
           std::fflush(stdout);
           continue;
         }

@@ -25,6 +25,7 @@
 #include <tbb/global_control.h>
 
 #include "bench/bench_args.h"
+#include "bench/bench_digest.h"
 #include "generators/poses.h"
 #include "zor/files/mesh_files.h"
 #include "zor/model/stopwatch.h"
@@ -43,6 +44,7 @@ struct Case {
 struct Tally {
   std::vector<double> rotation, seconds;
   int recovered = 0, warned = 0, wrongUnwarned = 0, total = 0;
+  std::uint64_t digest = zorbench::kDigestStart;
 };
 
 double Median(std::vector<double> v) {
@@ -109,8 +111,8 @@ int main(int argc, char** argv) {
       "bunny range scans, %d placements per pair, %ld threads; success: rotation < 2 deg, translation < 1%% "
       "of the fixed diagonal; times are whole cases in seconds\n\n",
       placements, threads);
-  std::printf("| mode | cases | recovered | median rot err deg | median s | warned | wrong, unwarned |\n");
-  std::printf("|---|---|---|---|---|---|---|\n");
+  std::printf("| mode | cases | recovered | median rot err deg | median s | warned | wrong, unwarned | digest |\n");
+  std::printf("|---|---|---|---|---|---|---|---|\n");
   const double ie = MUnit::GetIE();
   for (const std::string& mode : modes) {
     for (const auto& [title, cases] : suites) {
@@ -146,6 +148,8 @@ int main(int argc, char** argv) {
           const double shift = Length(moved - centre);
           const bool ok = angle < 2.0 && shift < 0.01 * diagonal;
           ++tally.total;
+          tally.digest = zorbench::Digest(zorbench::Digest(tally.digest, r.transform), r.verdict.overlap);
+          tally.digest = zorbench::Digest(tally.digest, r.verdict.doubtful ? 1.0 : 0.0);
           tally.recovered += ok ? 1 : 0;
           tally.warned += r.verdict.doubtful ? 1 : 0;
           tally.wrongUnwarned += !ok && !r.verdict.doubtful ? 1 : 0;
@@ -163,9 +167,10 @@ int main(int argc, char** argv) {
                 seconds, r.times.total, r.times.reduction, r.times.alignment, r.polishSeconds);
         }
       }
-      std::printf("| %s | %s | %d/%d (%.0f%%) | %.3f | %.2f | %d | %d |\n", mode.c_str(), title.c_str(),
+      std::printf("| %s | %s | %d/%d (%.0f%%) | %.3f | %.2f | %d | %d | %016llx |\n", mode.c_str(), title.c_str(),
                   tally.recovered, tally.total, 100.0 * tally.recovered / std::max(1, tally.total),
-                  Median(tally.rotation), Median(tally.seconds), tally.warned, tally.wrongUnwarned);
+                  Median(tally.rotation), Median(tally.seconds), tally.warned, tally.wrongUnwarned,
+                  static_cast<unsigned long long>(tally.digest));
       std::fflush(stdout);
     }
   }

@@ -100,14 +100,11 @@ Measured Measure(const Mesh& moving, const Mesh& fixed, const std::optional<MMTr
   } else {
     // Three times the median distance: the bulk of a good fit shows green, what stands
     // out shows in colour. One grid step at least.
-    std::vector<double> magnitudes(m.distances.size());
-    std::transform(m.distances.begin(), m.distances.end(), magnitudes.begin(), [](double v) { return std::abs(v); });
-    if (!magnitudes.empty()) {
-      const auto middle = magnitudes.begin() + static_cast<std::ptrdiff_t>(magnitudes.size() / 2);
-      std::nth_element(magnitudes.begin(), middle, magnitudes.end());
-      within = 3.0 * *middle;
-    }
-    within = std::max(within, 1.0);
+    std::vector<double> magnitudes;
+    magnitudes.reserve(m.distances.size());
+    for (double v : m.distances)
+      if (std::isfinite(v)) magnitudes.push_back(std::abs(v));
+    within = std::max(3.0 * ZorStlRegistration::NearestRank(magnitudes, 0.5), 1.0);
   }
   m.summary = ZorStlRegistration::SummariseDeviation(m.distances, within);
   return m;
@@ -123,10 +120,10 @@ DeviationResult ResultOf(const Measured& m) {
   std::uint8_t* c = out.colours.mutable_data();
   for (py::ssize_t i = 0; i < n; ++i) {
     d[i] = m.distances[i] / ie;
-    const auto rgb = ZorStlRegistration::DeviationColour(m.distances[i], m.summary.range);
+    const auto rgb = ZorStlRegistration::DeviationColour(m.distances[i], m.summary.tolerance);
     std::copy(rgb.begin(), rgb.end(), c + 3 * i);
   }
-  out.range = m.summary.range / ie;
+  out.range = m.summary.tolerance / ie;
   out.within_share = m.summary.withinShare;
   out.percentile95 = m.summary.percentile95 / ie;
   out.largest = m.summary.largest / ie;
@@ -182,7 +179,7 @@ DeviationResult Report(const std::filesystem::path& path, const py::object& movi
     report.fixed = &fixed->Stl();
     report.pose = pose ? &*pose : nullptr;
     report.distances = measured.distances;
-    report.range = measured.summary.range;
+    report.range = measured.summary.tolerance;
     if (fixed->Stl().GetNumberOfTriangles() == 0)
       report.problem = "The fixed mesh has no triangles: there is no surface to measure against.";
     ZorStlRegistration::WriteInspectionReport(report, path.string());

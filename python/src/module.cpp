@@ -258,10 +258,10 @@ the finish), starts, refined, polished, overlap, overlap_rms (mm), doubtful and 
   const ZorStlRegistration::MorphOptions mo;
   m.def("morph", &Morph, py::arg("moving"), py::arg("target"), py::kw_only(), py::arg("register") = mo.registerFirst,
         py::arg("method") = "field", py::arg("tolerance") = mo.toleranceMm,
-        py::arg("target_fraction") = mo.params.targetFraction, py::arg("normal_angle") = mo.params.normalAngle,
-        py::arg("search_distance") = mo.searchDistanceMm, py::arg("smoothing") = mo.fieldParams.smoothing,
-        py::arg("max_passes") = mo.fieldParams.maxPasses, py::arg("initial_step") = mo.params.initialStep,
-        py::arg("step_retention") = mo.params.stepRetention, py::arg("smoothing_passes") = mo.params.smoothingPasses,
+        py::arg("target_fraction") = mo.targetFraction, py::arg("normal_angle") = mo.normalAngle,
+        py::arg("search_distance") = mo.searchDistanceMm, py::arg("smoothing") = mo.smoothing,
+        py::arg("max_passes") = mo.maxPasses, py::arg("initial_step") = mo.initialStep,
+        py::arg("step_retention") = mo.stepRetention, py::arg("smoothing_passes") = mo.smoothingPasses,
         py::arg("progress") = py::none(),
         R"(Deforms moving onto target, keeping its vertex order and triangles.
 

@@ -54,15 +54,14 @@ MorphResult Morph(const py::object& movingObject, const py::object& targetObject
     throw py::value_error("method must be 'field' or 'base', not '" + method + "'");
   options.baseMorph = method == "base";
   options.searchDistanceMm = Within(PairRanges::kSearchDistance, searchDistance);
-  options.fieldParams.smoothing = Within(PairRanges::kSmoothing, smoothing);
-  options.fieldParams.maxPasses = Count(PairRanges::kMaxPasses, maxPasses);
+  options.smoothing = Within(PairRanges::kSmoothing, smoothing);
+  options.maxPasses = Count(PairRanges::kMaxPasses, maxPasses);
   options.toleranceMm = Within(PairRanges::kTolerance, tolerance);
-  auto& p = options.params;
-  p.targetFraction = Within(PairRanges::kTargetFraction, targetFraction);
-  p.initialStep = Within(PairRanges::kInitialStep, initialStep);
-  p.stepRetention = Within(PairRanges::kStepRetention, stepRetention);
-  p.normalAngle = Within(PairRanges::kNormalAngle, normalAngle);
-  p.smoothingPasses = Count(PairRanges::kSmoothingPasses, smoothingPasses);
+  options.targetFraction = Within(PairRanges::kTargetFraction, targetFraction);
+  options.initialStep = Within(PairRanges::kInitialStep, initialStep);
+  options.stepRetention = Within(PairRanges::kStepRetention, stepRetention);
+  options.normalAngle = Within(PairRanges::kNormalAngle, normalAngle);
+  options.smoothingPasses = Count(PairRanges::kSmoothingPasses, smoothingPasses);
   const auto [moving, target] = Operands(movingObject, "moving", targetObject, "target");
   const std::shared_ptr<Progress> bar = Progress::From(progress);
 

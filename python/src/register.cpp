@@ -52,9 +52,12 @@ RegisterResult Register(const py::object& movingObject, const py::object& fixedO
   ZorStlRegistration::PairOptions options;
   Registration::MParams& p = options.params;
   p = ZorStlRegistration::PairDefaults();
-  if (!ZorStlRegistration::ParseStrategy(strategy, p.initialAlignment, &options.withFeatures))
+  const std::optional<ZorStlRegistration::StrategyChoice> choice = ZorStlRegistration::ParseStrategy(strategy);
+  if (!choice)
     throw std::invalid_argument("unknown strategy '" + strategy +
                                 "' (auto+features, none, auto, axes, rod, disc, ball, features)");
+  p.initialAlignment = choice->alignment;
+  options.withFeatures = choice->withFeatures;
   p.sampleCount = Count(PairRanges::kSamples, samples);
   p.overlapFraction = Within(PairRanges::kOverlap, overlap);
   p.errorTolerance = Within(PairRanges::kErrorTolerance, errorTolerance);

@@ -16,7 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "generators/bodies.h"
-#include "zor/files/input_error.h"
+#include "zor/model/input_error.h"
 #include "zor/model/stl.h"
 
 namespace {

@@ -63,9 +63,8 @@ void AddRegistrationOptions(CLI::App& cmd, Registration::MParams& p, std::string
                      "axes, rod, disc, ball, or features (matched surface descriptors: partial scans)")
       ->check(CLI::Validator(
           [withDefault](std::string& s) -> std::string {
-            Registration::MInitialAlignment a;
-            bool features = false;
-            return ParseStrategy(s, a, withDefault ? &features : nullptr)
+            const std::optional<StrategyChoice> choice = ParseStrategy(s);
+            return choice && (withDefault || !choice->withFeatures)
                        ? std::string()
                        : "unknown strategy '" + s + "' (" + (withDefault ? "auto+features, " : "") +
                              "none, auto, axes, rod, disc, ball, features)";
@@ -144,11 +143,9 @@ void AddDeviationOptions(CLI::App& cmd, DeviationOptions& d) {
 }
 
 void AddMorphOptions(CLI::App& cmd, MorphOptions& o) {
-  ZorStlRegistration::MWrapperOperatorBaseMorph::SParams& p = o.params;
   const auto number = [&](const char* name, auto& field, const char* help, const ParameterRange& range) {
     cmd.add_option(name, field, help)->check(Within(range))->capture_default_str()->group("Morph");
   };
-  ZorStlRegistration::MWrapperOperatorFieldMorph::SParams& f = o.fieldParams;
   cmd.add_flag("!--no-register", o.registerFirst, "Morph the meshes as they lie: no registration, scaling or ICP first")
       ->group("Morph");
   cmd.add_flag("--base-morph", o.baseMorph,
@@ -157,21 +154,21 @@ void AddMorphOptions(CLI::App& cmd, MorphOptions& o) {
       ->group("Morph");
   number("--tolerance", o.toleranceMm, "A vertex has arrived within this distance of the target (mm)",
          PairRanges::kTolerance);
-  number("--target-fraction", p.targetFraction, "Stop once this share of the vertices has arrived",
+  number("--target-fraction", o.targetFraction, "Stop once this share of the vertices has arrived",
          PairRanges::kTargetFraction);
-  number("--normal-angle", p.normalAngle, "Largest angle between a vertex's and a target triangle's normal (degrees)",
+  number("--normal-angle", o.normalAngle, "Largest angle between a vertex's and a target triangle's normal (degrees)",
          PairRanges::kNormalAngle);
   number("--search-distance", o.searchDistanceMm,
          "Field morph: farthest match of the first pass (mm); 0: a tenth of MOVING's diagonal",
          PairRanges::kSearchDistance);
-  number("--smoothing", f.smoothing, "Field morph: final smoothing length of the displacement field (mean edges)",
+  number("--smoothing", o.smoothing, "Field morph: final smoothing length of the displacement field (mean edges)",
          PairRanges::kSmoothing);
-  number("--max-passes", f.maxPasses, "Field morph: matching passes at most", PairRanges::kMaxPasses);
-  number("--initial-step", p.initialStep, "Base morph: share of the displacement the first step applies",
+  number("--max-passes", o.maxPasses, "Field morph: matching passes at most", PairRanges::kMaxPasses);
+  number("--initial-step", o.initialStep, "Base morph: share of the displacement the first step applies",
          PairRanges::kInitialStep);
-  number("--step-retention", p.stepRetention,
+  number("--step-retention", o.stepRetention,
          "Base morph: share of the way to a whole step that each step keeps missing", PairRanges::kStepRetention);
-  number("--smoothing-passes", p.smoothingPasses, "Base morph: smoothing passes after each step",
+  number("--smoothing-passes", o.smoothingPasses, "Base morph: smoothing passes after each step",
          PairRanges::kSmoothingPasses);
 }
 
@@ -293,7 +290,9 @@ int Run(int argc, char** argv) {
   if (*align) {
     PairOptions pair;
     pair.params = alignParams;
-    ParseStrategy(alignStrategy, pair.params.initialAlignment, &pair.withFeatures);
+    const StrategyChoice choice = *ParseStrategy(alignStrategy);  // checked by the option
+    pair.params.initialAlignment = choice.alignment;
+    pair.withFeatures = choice.withFeatures;
     pair.polish = polish;
     return WithRefusalReport(deviation, "zor-register align", common,
                              [&] { return RunAlign(moving, fixed, output, pair, deviation, common); });
@@ -306,7 +305,7 @@ int Run(int argc, char** argv) {
       return RunMorph(morphMoving, morphTarget, morphOutput, morphOptions, deviation, common);
     });
   if (*demoCmd) {
-    ParseStrategy(demoStrategy, demoParams.initialAlignment);
+    demoParams.initialAlignment = ParseStrategy(demoStrategy)->alignment;  // checked by the option
     return RunDemo(demo, demoParams, common);
   }
   if (*info) return RunInfo(infoPath, common);

@@ -166,7 +166,7 @@ std::optional<Deviation> MakeDeviationMap(const DeviationOptions& deviation, con
   d.distances = SignedDistances(moving, pose, fixed);
   if (!deviation.path.empty()) WriteDeviationMap(moving, pose, common.scale, deviation.path, d.distances, d.range);
   d.summary = SummariseDeviation(d.distances, d.range);
-  d.summary.range /= gridPerFileUnit;
+  d.summary.tolerance /= gridPerFileUnit;
   d.summary.percentile95 /= gridPerFileUnit;
   d.summary.largest /= gridPerFileUnit;
   return d;
@@ -175,7 +175,7 @@ std::optional<Deviation> MakeDeviationMap(const DeviationOptions& deviation, con
 void AddDeviation(Json& report, const DeviationOptions& deviation, const std::optional<Deviation>& measured) {
   if (!measured) return;
   const DeviationSummary& summary = measured->summary;
-  report["deviation"] = Json{{"range", summary.range},
+  report["deviation"] = Json{{"range", summary.tolerance},
                              {"within_range", summary.withinShare},
                              {"p95", summary.percentile95},
                              {"largest", summary.largest}};
@@ -187,7 +187,7 @@ void PrintDeviation(const DeviationOptions& deviation, const std::optional<Devia
   if (!measured) return;
   const DeviationSummary& summary = measured->summary;
   std::printf("deviation %.2f%% of the vertices within +-%.6g file units; 95%% within %.6g, largest %.6g\n",
-              100.0 * summary.withinShare, summary.range, summary.percentile95, summary.largest);
+              100.0 * summary.withinShare, summary.tolerance, summary.percentile95, summary.largest);
   if (!deviation.path.empty())
     std::printf("wrote     %s (deviation map: signed distance as vertex quality, and colours)\n",
                 deviation.path.c_str());

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "zor/files/export.h"
-#include "zor/files/input_error.h"
+#include "zor/model/input_error.h"
 #include "zor/model/mesh_builder.h"
 #include "zor/model/stl_base.h"
 #include "zor/model/transform.h"

@@ -6,22 +6,8 @@
 #include <vector>
 
 #include "zor/model/coordinates.h"
+#include "zor/model/detail/vertex_join.h"
 #include "zor/model/stl_guards.h"
-
-namespace {
-
-std::uint64_t GridHash(const MMVector3i& p) {
-  std::uint64_t h = static_cast<std::uint32_t>(p[0]) * 0x9E3779B97F4A7C15ull;
-  h ^= static_cast<std::uint32_t>(p[1]) * 0xC2B2AE3D27D4EB4Full;
-  h = (h << 31) | (h >> 33);
-  h ^= static_cast<std::uint32_t>(p[2]) * 0x165667B19E3779F9ull;
-  h ^= h >> 29;
-  h *= 0xBF58476D1CE4E5B9ull;
-  h ^= h >> 32;
-  return h;
-}
-
-}  // namespace
 
 std::unique_ptr<MStlBase> BuildStl(const double* xyz, std::size_t pointCount, const std::uint32_t* indices,
                                    std::size_t triangleCount, MStlBuildReport* report) {
@@ -44,38 +30,27 @@ std::unique_ptr<MStlBase> BuildStl(const double* xyz, std::size_t pointCount, co
   mesh->Reserve(pointCount, triangleCount);
   MStlTempPointSortingDisabler bulk(mesh.get(), true);
   MStlBuildReport counts;
-  // Points join on a flat table of input numbers (no pointer to follow per probe): each
-  // point maps to the first input point with its coordinates, which alone becomes a
-  // mesh point, so mesh points come in the order of first appearance. A slot holds the
-  // upper half of the point's hash beside its number, so probes past other points do
-  // not read their coordinates; and the slot of a point some places ahead is fetched
-  // early, since on large inputs nearly every probe misses the cache.
+  // Points join on their grid coordinates: each point maps to the first input point
+  // with its coordinates, which alone becomes a mesh point, so mesh points come in the
+  // order of first appearance.
   std::vector<MStlPoint*> points(pointCount);
   {
-    std::size_t slots = 16;
-    while (slots < 2 * pointCount) slots *= 2;
-    const std::size_t mask = slots - 1;
-    constexpr std::uint64_t kEmpty = ~std::uint64_t(0);
+    using ZorMesh::detail::JoinKey;
+    const auto keyAt = [&grid](std::size_t i) {
+      JoinKey key;
+      for (int k = 0; k < 3; ++k) key.words[k] = static_cast<std::uint32_t>(grid[i][k]);
+      return key;
+    };
+    ZorMesh::detail::VertexJoinTable table(pointCount);
     constexpr std::size_t kAhead = 8;
-    std::vector<std::uint64_t> table(slots, kEmpty);
     for (std::size_t i = 0; i < pointCount; ++i) {
-      if (i + kAhead < pointCount) __builtin_prefetch(&table[GridHash(grid[i + kAhead]) & mask]);
-      const MMVector3i& p = grid[i];
-      const std::uint64_t h = GridHash(p);
-      const std::uint64_t tag = h >> 32 << 32;
-      for (std::size_t at = h & mask;; at = (at + 1) & mask) {
-        const std::uint64_t slot = table[at];
-        if (slot == kEmpty) {
-          table[at] = tag | i;
-          points[i] = mesh->AddPoint(p, true);
-          break;
-        }
-        const std::size_t j = slot & 0xFFFFFFFFu;
-        if ((slot ^ tag) >> 32 == 0 && grid[j] == p) {
-          points[i] = points[j];
-          ++counts.pointsMerged;
-          break;
-        }
+      if (i + kAhead < pointCount) table.Prefetch(keyAt(i + kAhead));
+      const std::uint32_t first = table.Join(keyAt(i), static_cast<std::uint32_t>(i), keyAt);
+      if (first == i) {
+        points[i] = mesh->AddPoint(grid[i], true);
+      } else {
+        points[i] = points[first];
+        ++counts.pointsMerged;
       }
     }
   }

@@ -12,9 +12,11 @@ namespace {
 
 constexpr std::uint32_t kUnclaimed = std::numeric_limits<std::uint32_t>::max();
 
+constexpr std::size_t kPointGrain = 1024;
+
 template <typename Body>
 void ForEachPoint(std::size_t count, const Body& body) {
-  ForEachIndex(count, 1024, body);
+  ForEachIndex(count, kPointGrain, body);
 }
 
 // Rows filled in any order become sorted and free of repeats, compacted in place.
@@ -238,53 +240,28 @@ std::size_t SolveField(const FieldLevel& level, const std::vector<PlaneTerm>& te
                        FieldSolverScratch& s) {
   const PointGraph& g = level.graph;
   const std::size_t n = g.Size();
-  s.residual.resize(n);
-  s.direction.resize(n);
-  s.product.resize(n);
-  s.preconditioned.resize(n);
+  s.cg.residual.resize(n);
   s.umbrella.resize(n);
   s.diagonal.resize(n);
   ForEachPoint(n, [&](std::size_t i) {
     s.diagonal[i] = SmoothingDiagonal(g, weights, i);
     s.umbrella[i] = Umbrella(g, field, i);
   });
-  // r = b - A d, z = M^-1 r, p = z.
+  // r = b - A d.
   ForEachPoint(n, [&](std::size_t i) {
     const PlaneTerm& t = terms[i];
     MMVector3d b;
     if (t.weight > 0.0) b = t.normal * (t.weight * Dot(t.normal, t.place - level.rest[i]));
-    s.residual[i] = b - Apply(level, terms, weights, field, s.umbrella, i);
-    s.preconditioned[i] = Precondition(s.diagonal[i], t, s.residual[i]);
-    s.direction[i] = s.preconditioned[i];
+    s.cg.residual[i] = b - Apply(level, terms, weights, field, s.umbrella, i);
   });
-  const auto dotOf = [&](const std::vector<MMVector3d>& a, const std::vector<MMVector3d>& b) {
-    return BlockedSum(n, s.blockSums, [&](std::size_t begin, std::size_t end) {
-      double sum = 0.0;
-      for (std::size_t i = begin; i < end; ++i) sum += Dot(a[i], b[i]);
-      return sum;
-    });
+  const auto apply = [&](const std::vector<MMVector3d>& in, std::vector<MMVector3d>& out) {
+    ForEachPoint(n, [&](std::size_t i) { s.umbrella[i] = Umbrella(g, in, i); });
+    ForEachPoint(n, [&](std::size_t i) { out[i] = Apply(level, terms, weights, in, s.umbrella, i); });
   };
-  double rz = dotOf(s.residual, s.preconditioned);
-  const double stop = relativeTolerance * relativeTolerance * rz;
-  std::size_t iteration = 0;
-  while (iteration < maxIterations && rz > stop && rz > 0.0) {
-    ForEachPoint(n, [&](std::size_t i) { s.umbrella[i] = Umbrella(g, s.direction, i); });
-    ForEachPoint(n, [&](std::size_t i) { s.product[i] = Apply(level, terms, weights, s.direction, s.umbrella, i); });
-    const double pq = dotOf(s.direction, s.product);
-    if (!(pq > 0.0)) break;
-    const double alpha = rz / pq;
-    ForEachPoint(n, [&](std::size_t i) {
-      field[i] = field[i] + s.direction[i] * alpha;
-      s.residual[i] = s.residual[i] - s.product[i] * alpha;
-      s.preconditioned[i] = Precondition(s.diagonal[i], terms[i], s.residual[i]);
-    });
-    const double next = dotOf(s.residual, s.preconditioned);
-    const double beta = next / rz;
-    rz = next;
-    ForEachPoint(n, [&](std::size_t i) { s.direction[i] = s.preconditioned[i] + s.direction[i] * beta; });
-    ++iteration;
-  }
-  return iteration;
+  const auto precondition = [&](std::size_t i, const MMVector3d& r) {
+    return Precondition(s.diagonal[i], terms[i], r);
+  };
+  return SolveConjugateGradient(field, s.cg, kPointGrain, maxIterations, relativeTolerance, apply, precondition);
 }
 
 }  // namespace ZorStlRegistration::detail

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "zor/morph/detail/conjugate_gradient.h"
 #include "zor/morph/detail/parallel_loops.h"
 
 namespace ZorStlRegistration::detail {
@@ -16,14 +17,6 @@ constexpr std::size_t kGrain = 2048;
 template <typename Body>
 void ForEachItem(std::size_t count, const Body& body) {
   ForEachIndex(count, kGrain, body);
-}
-
-double DotAll(const std::vector<MMVector3d>& a, const std::vector<MMVector3d>& b, std::vector<double>& blockSums) {
-  return BlockedSum(a.size(), blockSums, [&](std::size_t begin, std::size_t end) {
-    double sum = 0.0;
-    for (std::size_t i = begin; i < end; ++i) sum += ::Dot(a[i], b[i]);
-    return sum;
-  });
 }
 
 // The lattice's value at a place from its stencil.
@@ -215,43 +208,19 @@ std::size_t FitLattice(SpaceLattice& lattice, const std::vector<MMVector3d>& res
     }
   };
 
-  // b: the plane terms less what the base and the lattice's present controls give.
-  s.residual.resize(controls);
-  s.direction.resize(controls);
-  s.product.resize(controls);
-  s.preconditioned.resize(controls);
+  // r = b - A x: the plane terms less what the base and the lattice's present controls
+  // give.
+  s.cg.residual.resize(controls);
   s.pointValues.resize(n);
-  apply(lattice.controls, s.product);
+  apply(lattice.controls, s.cg.residual);
   std::vector<MMVector3d>& target = s.pointValues;  // reused: the data side per point
   ForEachItem(n, [&](std::size_t i) {
     const PlaneTerm& t = terms[i];
     target[i] = t.weight > 0.0 ? t.normal * (t.weight * ::Dot(t.normal, t.place - rest[i] - base[i])) : MMVector3d();
   });
-  ForEachItem(controls, [&](std::size_t j) {
-    s.residual[j] = gather(j, target) - s.product[j];
-    s.preconditioned[j] = Times(s.blocks[j], s.residual[j]);
-    s.direction[j] = s.preconditioned[j];
-  });
-  double rz = DotAll(s.residual, s.preconditioned, s.blockSums);
-  const double stop = relativeTolerance * relativeTolerance * rz;
-  std::size_t iteration = 0;
-  while (iteration < maxIterations && rz > stop && rz > 0.0) {
-    apply(s.direction, s.product);
-    const double pq = DotAll(s.direction, s.product, s.blockSums);
-    if (!(pq > 0.0)) break;
-    const double alpha = rz / pq;
-    ForEachItem(controls, [&](std::size_t j) {
-      lattice.controls[j] = lattice.controls[j] + s.direction[j] * alpha;
-      s.residual[j] = s.residual[j] - s.product[j] * alpha;
-      s.preconditioned[j] = Times(s.blocks[j], s.residual[j]);
-    });
-    const double next = DotAll(s.residual, s.preconditioned, s.blockSums);
-    const double beta = next / rz;
-    rz = next;
-    ForEachItem(controls, [&](std::size_t j) { s.direction[j] = s.preconditioned[j] + s.direction[j] * beta; });
-    ++iteration;
-  }
-  return iteration;
+  ForEachItem(controls, [&](std::size_t j) { s.cg.residual[j] = gather(j, target) - s.cg.residual[j]; });
+  const auto precondition = [&](std::size_t j, const MMVector3d& r) { return Times(s.blocks[j], r); };
+  return SolveConjugateGradient(lattice.controls, s.cg, kGrain, maxIterations, relativeTolerance, apply, precondition);
 }
 
 }  // namespace ZorStlRegistration::detail

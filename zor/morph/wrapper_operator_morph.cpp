@@ -8,6 +8,7 @@
 #include "zor/model/stl_iterators.h"
 #include "zor/model/stopwatch.h"
 #include "zor/morph/detail/registered_morph.h"
+#include "zor/morph/registered_stages.h"
 #include "zor/registration/user_operator_stl_registration.h"
 #include "zor/services/registration_icp.h"
 
@@ -63,6 +64,8 @@ BoxScaling ScalingToBox(const MStlBase& moving, const MStlBase& target) {
   return scaling;
 }
 
+}  // namespace detail
+
 RegisteredStages RegisterScaleAndAlign(MStlBase& movingMesh, MStlBase& targetMesh) {
   RegisteredStages out;
   Clock::time_point stage = Clock::now();
@@ -71,11 +74,11 @@ RegisteredStages RegisterScaleAndAlign(MStlBase& movingMesh, MStlBase& targetMes
   rigid.SetMovingStl(&movingMesh, nullptr);
   out.registered = rigid.Operate();
   if (out.registered) rigid.GetTransformation(out.registration);
-  ApplyTransform(movingMesh, out.registration);
+  detail::ApplyTransform(movingMesh, out.registration);
   out.registrationSeconds = SecondsSince(stage);
 
   stage = Clock::now();
-  const BoxScaling scaling = ScalingToBox(movingMesh, targetMesh);
+  const detail::BoxScaling scaling = detail::ScalingToBox(movingMesh, targetMesh);
   std::copy(scaling.scale, scaling.scale + 3, out.scales);
   movingMesh.Rescale(scaling.scale[0], scaling.scale[1], scaling.scale[2], scaling.centre);
   out.scalingSeconds = SecondsSince(stage);
@@ -87,18 +90,16 @@ RegisteredStages RegisterScaleAndAlign(MStlBase& movingMesh, MStlBase& targetMes
   params.SetReference(&targetMesh, &identity);
   params.SetMoving(&movingMesh, &identity);
   params.SetNumberOfIterations(kIcpIterations);
-  params.SetSubSampleRatio(IcpSubSampleRatio(movingMesh.NumberOfPoints()));
+  params.SetSubSampleRatio(detail::IcpSubSampleRatio(movingMesh.NumberOfPoints()));
   params.SetThresholdMethod(eRegistrationThresholdAbsolute);
   params.SetDistanceThreshold(kIcpDistanceThreshold);
   icp.SetParameters(params);
   icp.Operate();  // its transform is applied whatever the outcome: the identity on failure
   out.icp = icp.GetTransformToBeAppliedToMoving();
-  ApplyTransform(movingMesh, out.icp);
+  detail::ApplyTransform(movingMesh, out.icp);
   out.icpSeconds = SecondsSince(stage);
   return out;
 }
-
-}  // namespace detail
 
 // The base morph refuses null meshes for both.
 MWrapperOperatorMorph::MWrapperOperatorMorph(StlImpl movingMesh, StlImpl targetMesh)
@@ -118,7 +119,7 @@ void MWrapperOperatorMorph::Operate(std::shared_ptr<ZorSDK::Common::IProgressDel
 }
 
 void MWrapperOperatorMorph::_Register() {
-  const detail::RegisteredStages stages = detail::RegisterScaleAndAlign(*moving.GetStl(), *target.GetStl());
+  const RegisteredStages stages = RegisterScaleAndAlign(*moving.GetStl(), *target.GetStl());
   registered = stages.registered;
   registration = stages.registration;
   std::copy(stages.scales, stages.scales + 3, scales);

@@ -11,7 +11,7 @@
 // Reading and writing mesh files is the module zor/files (zor/files/mesh_files.h).
 // Failures from bad input leave as InputError with a one-line message.
 
-#include "zor/files/input_error.h"
+#include "zor/model/input_error.h"
 #include "zor/pair/deviation.h"
 #include "zor/pair/pair_operations.h"
 #include "zor/pair/pair_registration.h"

@@ -6,7 +6,7 @@
 
 #include "zor/model/stopwatch.h"
 #include "zor/model/unit.h"
-#include "zor/morph/detail/registered_morph.h"
+#include "zor/morph/registered_stages.h"
 
 namespace ZorStlRegistration {
 namespace {
@@ -22,6 +22,28 @@ int FlatAxis(const MStlBase& mesh) {
 }
 
 }  // namespace
+
+MWrapperOperatorFieldMorph::SParams MorphOptions::FieldParams() const {
+  MWrapperOperatorFieldMorph::SParams p;
+  p.distanceTolerance = toleranceMm * MUnit::GetIE();
+  p.targetFraction = targetFraction;
+  p.normalAngle = normalAngle;
+  p.searchDistance = searchDistanceMm * MUnit::GetIE();
+  p.smoothing = smoothing;
+  p.maxPasses = maxPasses;
+  return p;
+}
+
+MWrapperOperatorBaseMorph::SParams MorphOptions::BaseParams() const {
+  MWrapperOperatorBaseMorph::SParams p;
+  p.distanceTolerance = toleranceMm * MUnit::GetIE();
+  p.targetFraction = targetFraction;
+  p.normalAngle = normalAngle;
+  p.initialStep = initialStep;
+  p.stepRetention = stepRetention;
+  p.smoothingPasses = smoothingPasses;
+  return p;
+}
 
 IcpRun IcpPair(const MStlBase& moving, const MStlBase& fixed, const IcpOptions& options, const std::string& movingName,
                const std::string& fixedName, const std::shared_ptr<ZorSDK::Common::IProgressDelegate>& progress) {
@@ -100,8 +122,7 @@ MorphRun MorphPair(MStlBase& moving, MStlBase& target, const MorphOptions& optio
   const auto start = std::chrono::steady_clock::now();
   try {
     if (options.baseMorph) {
-      MWrapperOperatorBaseMorph::SParams params = options.params;
-      params.distanceTolerance = run.tolerance;
+      const MWrapperOperatorBaseMorph::SParams params = options.BaseParams();
       MWrapperOperatorMorph registered(movingHandle, targetHandle);
       MWrapperOperatorBaseMorph alone(movingHandle, targetHandle);
       if (options.registerFirst) {
@@ -125,7 +146,7 @@ MorphRun MorphPair(MStlBase& moving, MStlBase& target, const MorphOptions& optio
       }
     } else {
       if (options.registerFirst) {
-        const detail::RegisteredStages stages = detail::RegisterScaleAndAlign(moving, target);
+        const RegisteredStages stages = RegisterScaleAndAlign(moving, target);
         run.registrationSucceeded = stages.registered;
         run.registration = stages.registration;
         for (int i = 0; i < 3; ++i) run.scales[i] = stages.scales[i];
@@ -134,13 +155,8 @@ MorphRun MorphPair(MStlBase& moving, MStlBase& target, const MorphOptions& optio
         run.stages.scaling = stages.scalingSeconds;
         run.stages.icp = stages.icpSeconds;
       }
-      MWrapperOperatorFieldMorph::SParams params = options.fieldParams;
-      params.distanceTolerance = run.tolerance;
-      params.searchDistance = options.searchDistanceMm * ie;
-      params.targetFraction = options.params.targetFraction;
-      params.normalAngle = options.params.normalAngle;
       MWrapperOperatorFieldMorph field(movingHandle, targetHandle);
-      field.SetParams(params);
+      field.SetParams(options.FieldParams());
       field.Operate(std::move(progress));
       run.field = field.GetReport();
       run.stages.morph = run.field.total;

@@ -8,15 +8,15 @@
 #include <string>
 #include <vector>
 
-#include "zor/export.h"
-#include "zor/files/input_error.h"
 #include "zor/icp/stl_base_operator_registration_icp.h"
+#include "zor/model/input_error.h"
 #include "zor/model/progress.h"
 #include "zor/model/stl_base.h"
 #include "zor/model/transform.h"
 #include "zor/model/unit.h"
 #include "zor/morph/wrapper_operator_field_morph.h"
 #include "zor/morph/wrapper_operator_morph.h"
+#include "zor/pair/export.h"
 #include "zor/pair/pair_registration.h"
 
 namespace ZorStlRegistration {
@@ -47,9 +47,9 @@ struct IcpRun {
 // `options.polish` is off) and the verdict; `progress` (may be null) counts the starts. Throws InputError for an
 // initial transform that is not finite, for no starts and for a mesh without area (naming it by `movingName` or
 // `fixedName`).
-ZOR_API IcpRun IcpPair(const MStlBase& moving, const MStlBase& fixed, const IcpOptions& options,
-                       const std::string& movingName, const std::string& fixedName,
-                       const std::shared_ptr<ZorSDK::Common::IProgressDelegate>& progress = {});
+ZOR_PAIR_API IcpRun IcpPair(const MStlBase& moving, const MStlBase& fixed, const IcpOptions& options,
+                            const std::string& movingName, const std::string& fixedName,
+                            const std::shared_ptr<ZorSDK::Common::IProgressDelegate>& progress = {});
 
 // The morphs' own tolerance (MWrapperOperatorFieldMorph::SParams, internal units) in
 // millimetres at the grid in force.
@@ -58,17 +58,28 @@ inline double DefaultMorphToleranceMm() {
 }
 
 // The morph: which one runs (the field morph, or the base morph with its fixed
-// schedule), the parameters of each, the tolerance in millimetres, and whether the
-// meshes are registered and scaled first.
+// schedule), each setting once, and whether the meshes are registered and scaled first.
+// Settings that only one morph has are ignored by the other; the defaults are the
+// operators' own.
 struct MorphOptions {
   bool baseMorph = false;
-  MWrapperOperatorBaseMorph::SParams params;  // distanceTolerance comes from toleranceMm
-  // distanceTolerance comes from toleranceMm, searchDistance from searchDistanceMm, and
-  // targetFraction and normalAngle from `params`, which both morphs share.
-  MWrapperOperatorFieldMorph::SParams fieldParams;
-  double toleranceMm = DefaultMorphToleranceMm();
-  double searchDistanceMm = 0.0;  // the field morph's first reach; 0: a tenth of the moving mesh's diagonal
   bool registerFirst = true;
+  // Both morphs.
+  double toleranceMm = DefaultMorphToleranceMm();  // a point has arrived within this of the target
+  double targetFraction = MWrapperOperatorFieldMorph::SParams().targetFraction;
+  double normalAngle = MWrapperOperatorFieldMorph::SParams().normalAngle;  // degrees
+  // The field morph.
+  double searchDistanceMm = 0.0;  // the first reach; 0: a tenth of the moving mesh's diagonal
+  double smoothing = MWrapperOperatorFieldMorph::SParams().smoothing;  // mean edge lengths
+  std::size_t maxPasses = MWrapperOperatorFieldMorph::SParams().maxPasses;
+  // The base morph.
+  double initialStep = MWrapperOperatorBaseMorph::SParams().initialStep;
+  double stepRetention = MWrapperOperatorBaseMorph::SParams().stepRetention;
+  std::size_t smoothingPasses = MWrapperOperatorBaseMorph::SParams().smoothingPasses;
+
+  // The operators' records at the grid in force.
+  MWrapperOperatorFieldMorph::SParams FieldParams() const;
+  MWrapperOperatorBaseMorph::SParams BaseParams() const;
 };
 
 struct MorphRun {
@@ -96,8 +107,8 @@ struct MorphRun {
 // `progress` (may be null) hears the passes. Throws InputError when the base morph is
 // given points that no triangle uses, or, with registerFirst, when a mesh is flat along
 // an axis; and when the morph carries the mesh off the grid.
-ZOR_API MorphRun MorphPair(MStlBase& moving, MStlBase& target, const MorphOptions& options,
-                           const std::string& movingName, const std::string& targetName,
-                           std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress = {});
+ZOR_PAIR_API MorphRun MorphPair(MStlBase& moving, MStlBase& target, const MorphOptions& options,
+                                const std::string& movingName, const std::string& targetName,
+                                std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress = {});
 
 }  // namespace ZorStlRegistration

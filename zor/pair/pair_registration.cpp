@@ -12,10 +12,11 @@
 #include <tbb/parallel_for.h>
 #include <tbb/parallel_invoke.h>
 
+#include "zor/model/distance_statistics.h"
 #include "zor/model/stopwatch.h"
 #include "zor/model/unit.h"
 #include "zor/services/registration_icp.h"
-#include "zor/spatial/point_triangle_distance.h"
+#include "zor/spatial/surface_query.h"
 #include "zor/spatial/tree_property.h"
 
 namespace ZorStlRegistration {
@@ -41,13 +42,9 @@ constexpr double kLeastOverlap = 0.3;
 // verdict's distance): a right pose puts it at the noise of the scans.
 constexpr double kMostLooseness = 0.5;
 // Or when more than this share of it lies off the fixed surface where that surface is
-// (see Verdict::inconsistent), or more of it than lies on it. On the bunny's range
-// views (six views onto the model and onto their neighbours, five placements each,
-// every mode) right poses left at most 27% so, and at most 0.6 times their overlap;
-// all but one wrong pose (2 degrees off) left 17% to 86%, with little overlap.
+// (see Verdict::inconsistent), or more of it than lies on it: right poses of the bunny's
+// views left at most 27% so, nearly all wrong ones more (bench/README.md).
 constexpr double kMostInconsistent = 0.35;
-// A barycentric weight at or below this puts the nearest place on the opposite edge.
-constexpr double kOnEdge = 1e-9;
 // The finish: samples of the moving mesh (every k-th point, at most this many in the
 // wide rounds and in the last) and iterations of point-to-plane ICP per round.
 constexpr std::size_t kWidePolishSamples = 10000;
@@ -118,27 +115,6 @@ double PairVerdictDistance() { return kVerdictBounds * PairDefaults().reduceTole
 
 namespace {
 
-// Whether the place of `t` nearest to `p` lies on an open border of its mesh: on an edge
-// (or a corner) that no other triangle shares.
-bool OnOpenBorder(const MStlTriangle& t, const MMVector3d& p) {
-  const MMVector3d a = t.GetVertex(0), b = t.GetVertex(1), c = t.GetVertex(2);
-  double w[3];
-  MeshQueries::PointTriangleDistance2(p.Data(), a.Data(), b.Data(), c.Data(), w);
-  for (int k = 0; k < 3; ++k) {
-    if (w[k] > kOnEdge) continue;
-    // The edge opposite corner k.
-    const MStlPoint* from = t.GetPoint((k + 1) % 3);
-    const MStlPoint* to = t.GetPoint((k + 2) % 3);
-    bool shared = false;
-    for (std::uint16_t j = 0; j < from->GetNumberOfNeighbourTriangles() && !shared; ++j) {
-      const MStlTriangle* other = from->GetNeighbourTriangle(j)->GetData();
-      shared = other != &t && other->IndexOfPoint(to) >= 0;
-    }
-    if (!shared) return true;
-  }
-  return false;
-}
-
 // The better of two verdicts by the overlap found, then by its RMS.
 bool Better(const Verdict& a, const Verdict& b) {
   return a.overlap > b.overlap || (a.overlap == b.overlap && a.rms < b.rms);
@@ -164,38 +140,29 @@ Verdict JudgePose(const MStlBase& moving, const MStlBase& fixed, const MMTransfo
     v.reason = "a mesh has no surface to measure";
     return v;
   }
-  // Distances within reach only; farther points count as off the fixed surface.
-  std::vector<double> found(points.size(), -1.0);
-  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, points.size(), 512),
-                    [&](const tbb::blocked_range<std::size_t>& r) {
-                      for (std::size_t k = r.begin(); k != r.end(); ++k) {
-                        const auto nearest = MeshQueries::FindNearestTriangle(*tree, points[k], distance);
-                        if (nearest.first.GetTriangle() != nullptr) found[k] = nearest.second;
-                      }
-                    });
-  // The points off the surface: is their nearest fixed place on an open border?
+  // Distances within reach only; farther points count as off the fixed surface, and
+  // of those the ones whose nearest fixed place is not on an open border contradict it.
+  std::vector<double> found(points.size());
   std::vector<std::uint8_t> inside(points.size(), 0);
   tbb::parallel_for(tbb::blocked_range<std::size_t>(0, points.size(), 512),
                     [&](const tbb::blocked_range<std::size_t>& r) {
                       for (std::size_t k = r.begin(); k != r.end(); ++k) {
-                        if (found[k] >= 0.0) continue;
-                        const auto nearest = MeshQueries::FindNearestTriangle(*tree, points[k], HUGE_VAL);
-                        if (nearest.first.GetTriangle() != nullptr)
-                          inside[k] = OnOpenBorder(*nearest.first.GetTriangle(), points[k]) ? 0 : 1;
+                        MeshQueries::SurfacePlace place;
+                        if (MeshQueries::NearestSurfacePlace(*tree, points[k], distance, place)) {
+                          found[k] = place.distance;
+                          continue;
+                        }
+                        found[k] = std::numeric_limits<double>::max();
+                        if (MeshQueries::NearestSurfacePlace(*tree, points[k], HUGE_VAL, place))
+                          inside[k] = MeshQueries::OnOpenBorder(place) ? 0 : 1;
                       }
                     });
   std::size_t insideCount = 0;
   for (std::uint8_t f : inside) insideCount += f;
   v.inconsistent = double(insideCount) / double(points.size());
-  std::size_t on = 0;
-  double sum2 = 0.0;
-  for (double d : found)
-    if (d >= 0.0 && d <= distance) {
-      ++on;
-      sum2 += d * d;
-    }
-  v.overlap = double(on) / double(points.size());
-  v.rms = on > 0 ? std::sqrt(sum2 / double(on)) : 0.0;
+  const DistanceStatistics statistics = SummariseDistances(found, distance);
+  v.overlap = statistics.withinShare;
+  v.rms = statistics.withinRms;
   char text[160];
   if (v.overlap < kLeastOverlap) {
     v.doubtful = true;
@@ -314,19 +281,12 @@ const char* StrategyName(MUserOperatorStlRegistration::MInitialAlignment a) {
              : "unknown";
 }
 
-bool ParseStrategy(const std::string& name, MUserOperatorStlRegistration::MInitialAlignment& out, bool* withFeatures) {
-  if (withFeatures != nullptr) *withFeatures = false;
-  if (withFeatures != nullptr && name == kDefaultStrategy) {
-    out = MUserOperatorStlRegistration::AlignAutomatic;
-    *withFeatures = true;
-    return true;
-  }
+std::optional<StrategyChoice> ParseStrategy(const std::string& name) {
+  if (name == kDefaultStrategy) return StrategyChoice{MUserOperatorStlRegistration::AlignAutomatic, true};
   for (int i = 0; i <= MUserOperatorStlRegistration::AlignFeatures; ++i)
-    if (name == kStrategyNames[i]) {
-      out = static_cast<MUserOperatorStlRegistration::MInitialAlignment>(i);
-      return true;
-    }
-  return false;
+    if (name == kStrategyNames[i])
+      return StrategyChoice{static_cast<MUserOperatorStlRegistration::MInitialAlignment>(i), false};
+  return std::nullopt;
 }
 
 }  // namespace ZorStlRegistration

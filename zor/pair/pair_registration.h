@@ -9,12 +9,13 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
-#include "zor/export.h"
 #include "zor/model/progress.h"
 #include "zor/model/stl_base.h"
 #include "zor/model/transform.h"
+#include "zor/pair/export.h"
 #include "zor/registration/user_operator_stl_registration.h"
 
 namespace ZorStlRegistration {
@@ -37,20 +38,26 @@ struct Verdict {
 
 // The registration parameters of the pair call: the operator's, except that the
 // strategy starts from the shapes alone (AlignAutomatic).
-ZOR_API MUserOperatorStlRegistration::MParams PairDefaults();
+ZOR_PAIR_API MUserOperatorStlRegistration::MParams PairDefaults();
 
-// Strategy names, and their values: "none", "auto", "axes", "rod", "disc", "ball",
-// "features"; and the pair call's default, "auto+features": auto, and the feature
-// strategy as well when that result is doubtful, for which ParseStrategy sets
-// `withFeatures` (when given) and `out` to auto. False for an unknown name.
+// A strategy by name: the operator's initial alignment, and whether the pair call also
+// tries the feature strategy when that result is doubtful. Names: "none", "auto",
+// "axes", "rod", "disc", "ball", "features", and the pair call's default
+// "auto+features" (auto, and features as well when doubtful).
+struct StrategyChoice {
+  MUserOperatorStlRegistration::MInitialAlignment alignment = MUserOperatorStlRegistration::AlignAutomatic;
+  bool withFeatures = false;
+};
 constexpr const char* kDefaultStrategy = "auto+features";
-ZOR_API const char* StrategyName(MUserOperatorStlRegistration::MInitialAlignment a);
-ZOR_API bool ParseStrategy(const std::string& name, MUserOperatorStlRegistration::MInitialAlignment& out,
-                           bool* withFeatures = nullptr);
+ZOR_PAIR_API const char* StrategyName(MUserOperatorStlRegistration::MInitialAlignment a);
+// The choice a name stands for; none for an unknown name.
+ZOR_PAIR_API std::optional<StrategyChoice> ParseStrategy(const std::string& name);
 
 struct PairOptions {
   MUserOperatorStlRegistration::MParams params = PairDefaults();
-  // The default: automatic, and features as well when that result is doubtful.
+  // With the automatic strategy (params.initialAlignment), try the feature strategy as
+  // well when its result is doubtful, and keep the better (the default); other
+  // strategies run alone.
   bool withFeatures = true;
   bool polish = true;  // point-to-plane ICP on the full meshes after the operator
 };
@@ -69,26 +76,26 @@ struct PairResult {
 
 // The distance the pair calls judge and finish within: three reduction bounds of the
 // pair defaults (internal units).
-ZOR_API double PairVerdictDistance();
+ZOR_PAIR_API double PairVerdictDistance();
 
 // The finish of a found pose: point-to-plane ICP of the full moving mesh onto the full
 // fixed mesh from `pose`, pairing points within 4, then 2, then 1 times `distance`.
 // False, leaving `pose`, when the first round cannot run. `progress`, when not null,
 // counts one step per round.
-ZOR_API bool FinishPose(const MStlBase& moving, const MStlBase& fixed, double distance, MMTransformMatrix& pose,
-                        ZorSDK::Common::IncrementalProgressReporter* progress = nullptr);
+ZOR_PAIR_API bool FinishPose(const MStlBase& moving, const MStlBase& fixed, double distance, MMTransformMatrix& pose,
+                             ZorSDK::Common::IncrementalProgressReporter* progress = nullptr);
 
 // Measures `pose` (moving onto fixed) as Verdict says. The fixed mesh's triangle tree is
 // built on first use and kept with the mesh.
-ZOR_API Verdict JudgePose(const MStlBase& moving, const MStlBase& fixed, const MMTransformMatrix& pose,
-                          double distance);
+ZOR_PAIR_API Verdict JudgePose(const MStlBase& moving, const MStlBase& fixed, const MMTransformMatrix& pose,
+                               double distance);
 
 // Registers `moving` onto `fixed` (lengths of `options.params` in user units, usually
 // millimetres). Throws std::out_of_range when a pose
 // carries the moving mesh off the grid (as the operator does). With reduceMeshes on (the
 // default) the meshes are only read, and other threads may read them meanwhile; with it
 // off the search places them by writing their coordinates for the time of the run.
-ZOR_API PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& options,
-                             std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress = {});
+ZOR_PAIR_API PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& options,
+                                  std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress = {});
 
 }  // namespace ZorStlRegistration

@@ -2,53 +2,21 @@
 
 #include <cmath>
 
-namespace {
+#include "zor/model/point_normal.h"
 
-// The weight of triangle `t` in the normal of its corner `corner`, with `n` the
-// triangle's area vector (twice the area along the normal).
-double CornerWeight(const MStlTriangle& t, int corner, const MMVector3d& areaVector, ePointNormalMethod method) {
-  switch (method) {
-    case ePointNormalMean: return 1.0;
-    case ePointNormalArea: return 0.5 * Length(areaVector);
-    case ePointNormalAngle: {
-      const MMVector3d p = t.GetVertex(corner);
-      const MMVector3d e1 = t.GetVertex((corner + 1) % 3) - p;
-      const MMVector3d e2 = t.GetVertex((corner + 2) % 3) - p;
-      // atan2 of |e1 x e2| and e1 . e2 is accurate for angles near 0 and pi, where the
-      // arc cosine of a normalised dot product is not.
-      return std::atan2(Length(areaVector), Dot(e1, e2));
-    }
-  }
-  return 0.0;
-}
+namespace {
 
 bool IsKnownMethod(ePointNormalMethod method) {
   return method == ePointNormalMean || method == ePointNormalArea || method == ePointNormalAngle;
 }
 
-// The weighted normal sum over the triangles around `point` whose unit normal has a
-// dot product of at least `minCosine` with `reference`; false when it vanishes.
-bool CornerNormal(MMVector3d& normal, const MStlPoint& point, ePointNormalMethod method, const MMVector3d& reference,
-                  double minCosine) {
-  MMVector3d sum;
-  for (std::uint16_t i = 0; i < point.GetNumberOfNeighbourTriangles(); ++i) {
-    const MStlTriangle& t = point.GetNeighbourTriangle(i)->data;
-    const int corner = t.IndexOfPoint(&point);
-    if (corner < 0) continue;
-    MMVector3d areaVector = t.GetAreaVector();
-    const double weight = CornerWeight(t, corner, areaVector, method);
-    if (Normalize(areaVector) == 0.0 || Dot(areaVector, reference) < minCosine) continue;
-    sum += areaVector * weight;
-  }
-  if (Normalize(sum) == 0.0) return false;
-  normal = sum;
-  return true;
-}
+// The two enumerations list the same weightings in the same order.
+NormalWeighting WeightingOf(ePointNormalMethod method) { return static_cast<NormalWeighting>(method); }
 
 }  // namespace
 
 bool ComputePointNormal(MMVector3d& normal, const MStlPoint& point, ePointNormalMethod method) {
-  return IsKnownMethod(method) && CornerNormal(normal, point, method, MMVector3d(), -2.0);
+  return IsKnownMethod(method) && WeightedPointNormal(point, WeightingOf(method), normal);
 }
 
 bool MStlBaseMaskOperatorComputePointNormalVectors::ComputeNormalCurrentMethod(MMVector3f& normal,
@@ -79,7 +47,7 @@ EReturnCode MUserOperatorNormalCalculator::QueryResult(MMVector3d& normal, MStlT
     for (int k = 0; k < 3; ++k) {
       MMVector3d cornerNormal;
       if (barycentric[k] != 0.0 &&
-          CornerNormal(cornerNormal, *triangle->GetPoint(k), params.weighting, flat, creaseCosine))
+          WeightedPointNormal(*triangle->GetPoint(k), WeightingOf(params.weighting), cornerNormal, flat, creaseCosine))
         blend += cornerNormal * barycentric[k];
     }
     if (Normalize(blend) > 0.0) {

@@ -16,7 +16,7 @@
 #include <string_view>
 #include <vector>
 
-#include "zor/files/input_error.h"
+#include "zor/model/input_error.h"
 #include "zor/model/stl_base.h"
 #include "zor/model/transform.h"
 

@@ -17,8 +17,8 @@
 #include <type_traits>
 #include <vector>
 
-#include "zor/files/input_error.h"
 #include "zor/files/native_readers.h"
+#include "zor/model/input_error.h"
 
 namespace ZorStlRegistration::detail {
 

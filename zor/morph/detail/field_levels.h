@@ -30,6 +30,7 @@
 
 #include "zor/export.h"
 #include "zor/model/mm_vector.h"
+#include "zor/morph/detail/conjugate_gradient.h"
 
 namespace ZorStlRegistration::detail {
 
@@ -87,8 +88,9 @@ struct FieldWeights {
 
 // Scratch of the solver, reused between solves of one run.
 struct FieldSolverScratch {
-  std::vector<MMVector3d> residual, direction, product, preconditioned, umbrella;
-  std::vector<double> diagonal, blockSums;
+  ConjugateGradientVectors cg;
+  std::vector<MMVector3d> umbrella;
+  std::vector<double> diagonal;
 };
 
 // Solves the energy above for `field` (warm start: its values on entry), at most

@@ -30,17 +30,4 @@ struct BoxScaling {
 };
 ZOR_API BoxScaling ScalingToBox(const MStlBase& moving, const MStlBase& target);
 
-// The moves of the registered morph before its morph: the rigid registration (from any
-// placement), the scaling of the moving box to the target's, the refining ICP; each is
-// applied to `moving` in turn. Shared by the registered morph and by callers that end
-// with another morph.
-struct RegisteredStages {
-  bool registered = false;  // the rigid registration succeeded (otherwise its move is the identity)
-  MMTransformMatrix registration;
-  float scales[3] = {1.0f, 1.0f, 1.0f};
-  MMTransformMatrix icp;
-  double registrationSeconds = 0.0, scalingSeconds = 0.0, icpSeconds = 0.0;
-};
-ZOR_API RegisteredStages RegisterScaleAndAlign(MStlBase& moving, MStlBase& target);
-
 }  // namespace ZorStlRegistration::detail

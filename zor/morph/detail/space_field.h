@@ -83,9 +83,9 @@ struct SpaceFitWeights {
 struct SpaceFitScratch {
   std::vector<LatticeStencil> stencils;
   std::vector<std::uint32_t> cellStart, pointOrder;
-  std::vector<MMVector3d> pointValues, residual, direction, product, preconditioned, bent;
+  std::vector<MMVector3d> pointValues, bent;
   std::vector<std::array<double, 6>> blocks;  // inverse of each control's diagonal block, upper triangle
-  std::vector<double> blockSums;
+  ConjugateGradientVectors cg;
 };
 
 // Fits the controls of `lattice` (warm start: their values on entry) to the terms of

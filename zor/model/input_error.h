@@ -5,9 +5,12 @@
 
 #include <stdexcept>
 
+#include "zor/model/export.h"
+
 namespace ZorStlRegistration {
 
-class InputError : public std::runtime_error {
+// Visible from every library that throws or catches it, so that all share one type.
+class ZOR_MODEL_API InputError : public std::runtime_error {
 public:
   using std::runtime_error::runtime_error;
 };
