@@ -12,7 +12,7 @@ std::array<std::uint8_t, 3> DeviationColour(double distance, double range) {
   };
   if (t > 1.0) return {255, level(2.0 - t), 0};   // yellow at the range, red from twice it
   if (t < -1.0) return {0, level(2.0 + t), 255};  // cyan at the range, blue from twice it
-  if (std::isnan(t)) return {128, 128, 128};
+  if (std::isnan(t)) return kNoCounterpartColour;
   return {0, 200, 0};
 }
 

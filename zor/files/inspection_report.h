@@ -8,6 +8,7 @@
 // the colours, the histogram and the numbers come from every point of the full mesh.
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,6 +28,10 @@ struct InspectionReport {
   // the tolerance the colours and the share within refer to; internal units.
   std::vector<double> distances;
   double range = 0.0;
+  // Empty: every point has a counterpart on the fixed surface. Otherwise one flag per
+  // point, 0 for a point without one (clutter, or beyond the fixed mesh's open border):
+  // it is shown grey and counted apart, out of the figures and the histogram.
+  std::vector<std::uint8_t> counterpart;
   double scale = 1.0;  // user units per file unit, as for WriteMesh; the page shows file units
   // The summary, row by row (label, text), in the order shown.
   std::vector<std::pair<std::string, std::string>> rows;

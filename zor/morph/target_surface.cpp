@@ -4,6 +4,7 @@
 #include <cmath>
 #include <limits>
 
+#include "zor/model/distance_statistics.h"
 #include "zor/model/stl_base.h"
 #include "zor/morph/detail/parallel_loops.h"
 #include "zor/spatial/surface_query.h"
@@ -20,14 +21,6 @@ constexpr double kCurvedShare = 0.5;
 template <typename Body>
 void ForEach(std::size_t count, const Body& body) {
   ForEachIndex(count, 256, body);
-}
-
-// The value at share q of `values` (a copy is partly sorted).
-double Quantile(std::vector<double> values, double q) {
-  if (values.empty()) return 0.0;
-  const std::size_t k = std::min(values.size() - 1, static_cast<std::size_t>(q * static_cast<double>(values.size())));
-  std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(k), values.end());
-  return values[k];
 }
 
 }  // namespace
@@ -106,11 +99,11 @@ PassSummary MatchLevel(const TargetSurface& surface, const FieldLevel& level, co
   for (double d : distances)
     if (d >= 0.0) {
       matched.push_back(d);
-      s.within += d < tolerance ? 1 : 0;
+      s.within += IsWithin(d, tolerance) ? 1 : 0;
     }
   s.matched = matched.size();
-  s.p90 = Quantile(matched, 0.90);
-  s.p95 = Quantile(std::move(matched), 0.95);
+  s.p90 = NearestRank(matched, 0.90);
+  s.p95 = NearestRank(matched, 0.95);
   return s;
 }
 

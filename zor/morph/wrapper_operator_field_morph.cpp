@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "zor/model/distance_statistics.h"
 #include "zor/model/stl_base.h"
 #include "zor/model/stl_guards.h"
 #include "zor/model/stopwatch.h"
@@ -105,14 +106,6 @@ void CheckParams(const Params& p) {
   if (!(p.searchDistance >= 0.0) || !std::isfinite(p.searchDistance)) fail("the search distance must not be negative");
   if (!(p.smoothing > 0.0) || !std::isfinite(p.smoothing)) fail("the smoothing must be above 0");
   if (p.maxPasses == 0) fail("at least one pass is needed");
-}
-
-// The value at share q of `values` (a copy is partly sorted).
-double Quantile(std::vector<double> values, double q) {
-  if (values.empty()) return 0.0;
-  const std::size_t k = std::min(values.size() - 1, static_cast<std::size_t>(q * static_cast<double>(values.size())));
-  std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(k), values.end());
-  return values[k];
 }
 
 // One Operate: the stages in order, each a member, sharing the state of the run.
@@ -431,15 +424,11 @@ void FieldMorphRun::Measure() {
   report.folded = detail::FoldedTriangles(triangles, levels[0].rest, positions);
   std::vector<double> final(n);
   ForEach(n, [&](std::size_t i) { final[i] = surface->Distance(positions[i]); });
-  double sum = 0.0;
-  for (double d : final) {
-    sum += d;
-    report.maxDistance = std::max(report.maxDistance, d);
-    report.fractionWithin += d < params.distanceTolerance ? 1.0 : 0.0;
-  }
-  report.meanDistance = sum / static_cast<double>(n);
-  report.fractionWithin /= static_cast<double>(n);
-  report.p95Distance = Quantile(std::move(final), 0.95);
+  const DistanceStatistics statistics = SummariseDistances(final, params.distanceTolerance);
+  report.maxDistance = statistics.largest;
+  report.meanDistance = statistics.mean;
+  report.fractionWithin = statistics.withinShare;
+  report.p95Distance = statistics.percentile95;
   if (stop == StopReason::NoMatch) report.unmatched = n;
   report.measure = SecondsSince(stage);
 }

@@ -33,7 +33,7 @@
 // - Points without a match (the target does not cover them) keep the deformation of
 //   their neighbours and are counted.
 // - The run always ends: when the share `targetFraction` of the matched points lies
-//   within `distanceTolerance` of its match (after the full schedule), when the 95th
+//   within `distanceTolerance` of its match (at most that far) (after the full schedule), when the 95th
 //   percentile of the match distances has not improved by 1% in `stallPasses` passes,
 //   or after `maxPasses` passes. The report says which.
 //
@@ -86,11 +86,12 @@ public:
     StopReason stop = StopReason::NotRun;
     std::size_t passes = 0;  // correspondence passes, all levels
     std::size_t levels = 0;  // levels of the hierarchy, the mesh itself included
-    // Distances of the written points to the target surface (internal units).
+    // Distances of the written points to the target surface (internal units), by the
+    // library's one rule for distances (zor/model/distance_statistics.h).
     double maxDistance = 0.0;
     double meanDistance = 0.0;
-    double p95Distance = 0.0;
-    double fractionWithin = 0.0;  // of all points, strictly below distanceTolerance
+    double p95Distance = 0.0;     // nearest rank
+    double fractionWithin = 0.0;  // of all points, at most distanceTolerance
     std::size_t unmatched = 0;    // points without a match in the last pass
     std::size_t folded = 0;       // triangles whose normal turned by more than 90 degrees
     std::size_t laid = 0;         // points the last step laid on the target
