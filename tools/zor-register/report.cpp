@@ -84,20 +84,6 @@ void Operate(Registration& registration, const CommonOptions& common) {
   }
 }
 
-void PrintStageTimes(const Registration::StageTimes& s) {
-  std::printf(
-      "time      %.3f s (reduction %.3f, sampling %.3f, index %.3f, "
-      "alignment %.3f, refinement %.3f; %llu "
-      "iterations)\n",
-      s.total, s.reduction, s.sampling, s.index, s.alignment, s.refinement,
-      static_cast<unsigned long long>(s.iterations));
-}
-
-Json StageTimesJson(const Registration::StageTimes& s) {
-  return Json{{"reduction", s.reduction}, {"sampling", s.sampling},     {"index", s.index},
-              {"alignment", s.alignment}, {"refinement", s.refinement}, {"total", s.total}};
-}
-
 // The transform as rows of file units, for JSON.
 Json TransformJson(const MMTransformMatrix& transform, double toFile) {
   Json rows = Json::array();
@@ -107,24 +93,6 @@ Json TransformJson(const MMTransformMatrix& transform, double toFile) {
     rows.push_back(row);
   }
   return rows;
-}
-
-void PrintTransform(const MMTransformMatrix& transform, double toFile) {
-  std::printf(
-      "transform moving onto fixed (row-major, points as column "
-      "vectors, file units):\n");
-  for (int r = 0; r < 4; ++r) {
-    for (int c = 0; c < 4; ++c) std::printf("%16.9f", FileElement(transform, r, c, toFile));
-    std::printf("\n");
-  }
-}
-
-void PrintMeshes(const std::string& movingPath, const LoadedMesh& moving, const std::string& fixedPath,
-                 const LoadedMesh& fixed) {
-  for (const auto* side : {&moving, &fixed})
-    std::printf("%-9s %s: %zu points, %zu triangles\n", side == &moving ? "moving" : "fixed",
-                (side == &moving ? movingPath : fixedPath).c_str(), side->mesh->NumberOfPoints(),
-                side->mesh->GetNumberOfTriangles());
 }
 
 Json MeshJson(const std::string& path, const LoadedMesh& m) {
@@ -156,12 +124,12 @@ void CheckDeviationPath(const DeviationOptions& deviation) {
 }
 
 std::optional<Deviation> MakeDeviationMap(const DeviationOptions& deviation, const MStlBase& moving,
-                                          const MMTransformMatrix* pose, const MStlBase& fixed, double reportedError,
+                                          const MMTransformMatrix* pose, const MStlBase& fixed, double defaultRange,
                                           const CommonOptions& common) {
   if (deviation.path.empty() && deviation.report.empty()) return std::nullopt;
   const double gridPerFileUnit = common.scale * MUnit::GetIE();
   Deviation d;
-  d.range = (deviation.range > 0.0 ? deviation.range : 3.0 * reportedError) * gridPerFileUnit;
+  d.range = (deviation.range > 0.0 ? deviation.range : defaultRange) * gridPerFileUnit;
   if (!(d.range > 0.0)) d.range = 1.0;
   d.distances = SignedDistances(moving, pose, fixed);
   if (!deviation.path.empty()) WriteDeviationMap(moving, pose, common.scale, deviation.path, d.distances, d.range);
@@ -170,29 +138,6 @@ std::optional<Deviation> MakeDeviationMap(const DeviationOptions& deviation, con
   d.summary.percentile95 /= gridPerFileUnit;
   d.summary.largest /= gridPerFileUnit;
   return d;
-}
-
-void AddDeviation(Json& report, const DeviationOptions& deviation, const std::optional<Deviation>& measured) {
-  if (!measured) return;
-  const DeviationSummary& summary = measured->summary;
-  report["deviation"] = Json{{"range", summary.tolerance},
-                             {"within_range", summary.withinShare},
-                             {"p95", summary.percentile95},
-                             {"largest", summary.largest}};
-  if (!deviation.path.empty()) report["deviation"]["map"] = deviation.path;
-  if (!deviation.report.empty()) report["deviation"]["report"] = deviation.report;
-}
-
-void PrintDeviation(const DeviationOptions& deviation, const std::optional<Deviation>& measured) {
-  if (!measured) return;
-  const DeviationSummary& summary = measured->summary;
-  std::printf("deviation %.2f%% of the vertices within +-%.6g file units; 95%% within %.6g, largest %.6g\n",
-              100.0 * summary.withinShare, summary.tolerance, summary.percentile95, summary.largest);
-  if (!deviation.path.empty())
-    std::printf("wrote     %s (deviation map: signed distance as vertex quality, and colours)\n",
-                deviation.path.c_str());
-  if (!deviation.report.empty())
-    std::printf("wrote     %s (inspection report: open it in a browser)\n", deviation.report.c_str());
 }
 
 void WriteReport(const DeviationOptions& deviation, const std::optional<Deviation>& measured, const std::string& title,
@@ -211,19 +156,6 @@ void WriteReport(const DeviationOptions& deviation, const std::optional<Deviatio
   r.rows = rows;
   r.problem = problem;
   ZorStlRegistration::WriteInspectionReport(r, deviation.report);
-}
-
-std::string TransformText(const MMTransformMatrix& transform, double toFile) {
-  std::string text;
-  char cell[48];
-  for (int r = 0; r < 3; ++r) {
-    for (int c = 0; c < 4; ++c) {
-      std::snprintf(cell, sizeof cell, "%s%.6f", c ? " " : "", FileElement(transform, r, c, toFile));
-      text += cell;
-    }
-    text += r < 2 ? "; " : "";
-  }
-  return text;
 }
 
 bool WriteRefusalReport(const DeviationOptions& deviation, const std::string& title, const std::string& reason,

@@ -38,17 +38,8 @@ double FileElement(const MMTransformMatrix& m, int r, int c, double toFile);
 // that would carry the moving mesh off the grid is the input's fault.
 void Operate(Registration& registration, const CommonOptions& common);
 
-void PrintStageTimes(const Registration::StageTimes& s);
-
-Json StageTimesJson(const Registration::StageTimes& s);
-
 // The transform as rows of file units, for JSON.
 Json TransformJson(const MMTransformMatrix& transform, double toFile);
-
-void PrintTransform(const MMTransformMatrix& transform, double toFile);
-
-void PrintMeshes(const std::string& movingPath, const LoadedMesh& moving, const std::string& fixedPath,
-                 const LoadedMesh& fixed);
 
 Json MeshJson(const std::string& path, const LoadedMesh& m);
 
@@ -66,15 +57,10 @@ struct Deviation {
 
 // Measures the deviation of `moving` (moved by `pose` when not null) from `fixed` and
 // writes the map when one was asked for; nothing when neither a map nor a report was.
-// The range defaults to three times `reportedError` (file units), and to one grid step
-// when that is zero.
+// The range is the one asked for, else `defaultRange` (file units), else one grid step.
 std::optional<Deviation> MakeDeviationMap(const DeviationOptions& deviation, const MStlBase& moving,
-                                          const MMTransformMatrix* pose, const MStlBase& fixed, double reportedError,
+                                          const MMTransformMatrix* pose, const MStlBase& fixed, double defaultRange,
                                           const CommonOptions& common);
-
-void AddDeviation(Json& report, const DeviationOptions& deviation, const std::optional<Deviation>& measured);
-
-void PrintDeviation(const DeviationOptions& deviation, const std::optional<Deviation>& measured);
 
 // Writes the inspection report when one was asked for: the result coloured by its
 // deviation, with `rows` as its summary and `problem` (when not empty) above them.
@@ -90,8 +76,5 @@ void WriteReport(const DeviationOptions& deviation, const std::optional<Deviatio
 // Whether the page was written.
 bool WriteRefusalReport(const DeviationOptions& deviation, const std::string& title, const std::string& reason,
                         const CommonOptions& common) noexcept;
-
-// The transform's rows in file units, for a report's summary.
-std::string TransformText(const MMTransformMatrix& transform, double toFile);
 
 }  // namespace zortool
