@@ -102,3 +102,26 @@ TEST(PairProgress, TheReductionAndTheFinishReportTheirSteps) {
 }
 
 }  // namespace
+
+namespace {
+
+// The pair call's default: a bumpy ball has no axes to start from, so the automatic
+// strategy's tournament lands off, its result is doubtful, and the feature strategy is
+// tried as well; the better of the two, finished, is the right pose and is sound.
+TEST(AlignPair, TriesTheFeatureStrategyWhenTheAutomaticResultIsDoubtful) {
+  const zorgen::MeshArrays body = zorgen::MakeShape(zorgen::Shape::Bumpy, 10000);
+  const auto fixed = zorgen::MakeMesh(body);
+  const MMTransformMatrix pose = zorgen::DrawPose(3, 30000.0);
+  const auto moving = zorgen::MakeMovedCopy(body, pose);
+  const ZorStlRegistration::PairResult r =
+      ZorStlRegistration::AlignPair(*moving, *fixed, ZorStlRegistration::PairOptions());
+  EXPECT_TRUE(r.triedFeatures);
+  EXPECT_EQ(r.used, MUserOperatorStlRegistration::AlignFeatures);
+  EXPECT_FALSE(r.verdict.doubtful) << r.verdict.reason;
+  // The copy lies on the body again (the ball's bumps repeat under a half turn, which
+  // lays it on itself as well): all of it, within a few micrometres.
+  EXPECT_GT(r.verdict.overlap, 0.999);
+  EXPECT_LT(r.verdict.rms, 5.0);
+}
+
+}  // namespace
