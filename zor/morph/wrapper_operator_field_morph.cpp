@@ -455,9 +455,10 @@ void MWrapperOperatorFieldMorph::Operate(std::shared_ptr<ZorSDK::Common::IProgre
   CheckParams(params);
   const Clock::time_point start = Clock::now();
   report = Report();
+  const std::shared_ptr<ZorSDK::Common::IProgressDelegate> delegate = std::move(progress);
   FieldMorphRun run(*moving.GetStl(), *target.GetStl(), params, report);
   if (run.Prepare()) {
-    ZorSDK::Common::IncrementalProgressReporter reporter(std::move(progress), "Field morph", params.maxPasses, false);
+    ZorSDK::Common::IncrementalProgressReporter reporter(delegate, "Field morph", params.maxPasses, false);
     run.FitSpaceField(reporter);
     run.FitSurfaceLevels(reporter);
     run.LayPointsOnTarget();
