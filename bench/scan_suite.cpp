@@ -156,15 +156,17 @@ int main(int argc, char** argv) {
           tally.rotation.push_back(angle);
           tally.seconds.push_back(seconds);
           if (std::getenv("ZOR_SUITE_VERBOSE") != nullptr)
-            std::fprintf(
-                stderr,
-                "%s %s->%s #%d: %s %.3f deg %.3f mm, overlap %.2f inconsistent %.3f rms %.3f mm%s, %s%s, %.2f s "
-                "(operator %.2f: "
-                "reduction %.2f alignment %.2f; finish %.2f)\n",
-                mode.c_str(), c.moving.c_str(), c.fixed.c_str(), p, ok ? "right" : "WRONG", angle, shift / ie,
-                r.verdict.overlap, r.verdict.inconsistent, r.verdict.rms / ie, r.verdict.doubtful ? " (doubtful)" : "",
-                r.used == Registration::AlignFeatures ? "features" : "shapes", r.triedFeatures ? " (both tried)" : "",
-                seconds, r.times.total, r.times.reduction, r.times.alignment, r.polishSeconds);
+            std::fprintf(stderr,
+                         "%s %s->%s #%d: %s %.3f deg %.3f mm, overlap %.2f/%.2f inconsistent %.3f rms %.3f mm in "
+                         "%.3f%s, %s%s, %.2f s "
+                         "(operator %.2f: "
+                         "reduction %.2f alignment %.2f; finish %.2f)\n",
+                         mode.c_str(), c.moving.c_str(), c.fixed.c_str(), p, ok ? "right" : "WRONG", angle, shift / ie,
+                         r.verdict.overlap, r.verdict.fixedOverlap, r.verdict.inconsistent, r.verdict.rms / ie,
+                         r.verdict.distance / ie, r.verdict.doubtful ? " (doubtful)" : "",
+                         r.used == Registration::AlignFeatures ? "features" : "shapes",
+                         r.triedFeatures ? " (both tried)" : "", seconds, r.times.total, r.times.reduction,
+                         r.times.alignment, r.polishSeconds);
         }
       }
       std::printf("| %s | %s | %d/%d (%.0f%%) | %.3f | %.2f | %d | %d | %016llx |\n", mode.c_str(), title.c_str(),

@@ -23,6 +23,20 @@ std::unique_ptr<MStlBase> MakeMesh(const MeshArrays& m) {
   return BuildStl(m.xyz.data(), m.xyz.size() / 3, m.indices.data(), m.indices.size() / 3);
 }
 
+MeshArrays ArraysOf(const MStlBase& mesh) {
+  MeshArrays m;
+  std::vector<std::uint32_t> placeOf(mesh.GetMasks().GetPointMaskSize());
+  for (const MStlPoint* p = mesh.GetFirstPoint(); p != nullptr; p = p->GetNext()) {
+    placeOf[p->GetMaskIndex()] = static_cast<std::uint32_t>(m.xyz.size() / 3);
+    Push3(m.xyz, double(p->GetX()), double(p->GetY()), double(p->GetZ()));
+  }
+  for (auto it = mesh.BeginTriangle(); it != mesh.EndTriangle(); ++it)
+    for (std::size_t k = 0; k < 3; ++k)
+      m.indices.push_back(placeOf[static_cast<const MStlTriangle*>(it)->GetPoint(k)->GetMaskIndex()]);
+  SetDiagonal(m);
+  return m;
+}
+
 std::unique_ptr<MStlBase> MakeMovedCopy(const MeshArrays& m, const MMTransformMatrix& pose, double keep, int cutAxis) {
   std::vector<double> xyz(m.xyz.size());
   for (std::size_t i = 0; i < m.xyz.size(); i += 3) {

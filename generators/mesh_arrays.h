@@ -34,6 +34,9 @@ void SetDiagonal(MeshArrays& m);
 // The mesh of the arrays, coincident points joined.
 std::unique_ptr<MStlBase> MakeMesh(const MeshArrays& m);
 
+// The arrays of a mesh: points in list order, triangles in list order.
+MeshArrays ArraysOf(const MStlBase& mesh);
+
 // A grid of (n + 1)^2 points `step` apart in x and y, point (i, j) at the height
 // height(i, j), row j after row j; two triangles a square, counter-clockwise seen from
 // +z. Coordinates are taken as given (not rounded).
