@@ -1,5 +1,6 @@
 #include "zor/pair/pair_operations.h"
 
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
 #include <utility>
@@ -84,13 +85,16 @@ IcpRun IcpPair(const MStlBase& moving, const MStlBase& fixed, const IcpOptions& 
   run.times = icp.GetStageTimes();
   run.starts = p.multiStart ? p.directionCount * p.rotationCount : 1;
   run.refined = p.multiStart && p.refine && p.refineFactor != 0;
-  const double distance = PairVerdictDistance();
+  // Finished and judged as AlignPair does.
+  // The pair only reads the meshes: the copies without loose pieces are made beside them.
+  const PairSurfaces pair(const_cast<MStlBase&>(moving), const_cast<MStlBase&>(fixed));
+  const double distance = pair.VerdictDistance(0.1 * PairVerdictDistance());
   if (options.polish) {
     const auto start = std::chrono::steady_clock::now();
-    run.polished = FinishPose(moving, fixed, distance, run.transform);
+    run.polished = FinishPose(pair.Moving(), pair.Fixed(), std::max(PairVerdictDistance(), distance), run.transform);
     run.polishSeconds = ZorSDK::Common::SecondsSince(start);
   }
-  run.verdict = JudgePose(moving, fixed, run.transform, distance);
+  run.verdict = JudgePose(pair, run.transform, distance);
   return run;
 }
 

@@ -6,9 +6,11 @@
 #include <cstdio>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <utility>
 #include <vector>
 
+#include <Eigen/Dense>
 #include <tbb/parallel_for.h>
 #include <tbb/parallel_invoke.h>
 
@@ -29,22 +31,16 @@ using Registration = MUserOperatorStlRegistration;
 
 constexpr const char* kStrategyNames[] = {"none", "auto", "axes", "rod", "disc", "ball", "features"};
 
-// Points of the moving mesh that the verdict measures: every k-th, for at most this many.
-constexpr std::size_t kVerdictSamples = 20000;
-// The verdict's distance, in reduction bounds: the surfaces of two scans of one place
-// lie closer than this where they overlap, noise included.
+// The finish's distance, in reduction bounds: the surfaces of two scans of one place
+// lie closer than this where they overlap; its rounds pair points within 4, 2 and 1
+// times it (or the verdict's distance when the scans are noisier).
 constexpr double kVerdictBounds = 3.0;
-// A result is doubtful when less than this share of the moving mesh lies on the fixed
-// one: two neighbouring views overlap by half or more, a wrong pose leaves a few
-// chance contacts.
-constexpr double kLeastOverlap = 0.3;
-// Or when the part that lies on the fixed surface lies this loosely (share of the
-// verdict's distance): a right pose puts it at the noise of the scans.
-constexpr double kMostLooseness = 0.5;
-// Or when more than this share of it lies off the fixed surface where that surface is
-// (see Verdict::inconsistent), or more of it than lies on it: right poses of the bunny's
-// views left at most 27% so, nearly all wrong ones more (bench/README.md).
-constexpr double kMostInconsistent = 0.35;
+// The verdict measures within at least this share of the finish's distance.
+constexpr double kLeastVerdictShare = 0.1;
+// A doubtful first result is finished before the second strategy when this share of
+// it lies on the fixed mesh either way: a pose a few degrees off that the finish pulls
+// in is sound then.
+constexpr double kFinishFirstOverlap = 0.3;
 // The finish: samples of the moving mesh (every k-th point, at most this many in the
 // wide rounds and in the last) and iterations of point-to-plane ICP per round.
 constexpr std::size_t kWidePolishSamples = 10000;
@@ -52,6 +48,29 @@ constexpr std::size_t kPolishSamples = 40000;
 constexpr std::size_t kPolishIterations = 50;
 // A finish round ends once a step moves no sample by more than this (millimetres).
 constexpr double kFinishStillMotion = 0.001;
+// A result whose overlap, either way, falls short of this (or that contradicts the
+// fixed surface anywhere) is set against its twins:
+// the poses a half turn about the principal axes of either mesh away. A body nearly
+// symmetric under a half turn lays most of itself on the other in a wrong twin too, and
+// the search's trimmed score cannot tell the two apart.
+constexpr double kFullOverlap = 0.99;
+// A twin is tried by a short ICP of the search meshes on this many samples, then its
+// support (verdict.h) on this many points; the best is finished and judged in full when
+// it beats the result's support by this much.
+constexpr std::size_t kTwinSamples = 2000;
+constexpr std::size_t kTwinIterations = 30;
+constexpr double kTwinGain = 0.02;
+// Two poses whose rotations differ by less than this are one answer.
+constexpr double kDistinctDegrees = 10.0;
+// Another pose is a rival of the result when it passes the verdict with this share of
+// the result's support: the wrong twin of a near-symmetric body cut in two lays more on
+// the other cut than the right pose does.
+constexpr double kRivalShare = 0.6;
+// and contradicts the fixed mesh hardly more (share of the moving points): a pose that
+// contradicts it where the result does not is no rival.
+constexpr double kRivalContradiction = 0.02;
+// A motion that lays this share of the fixed mesh on itself is a symmetry of it.
+constexpr double kSymmetricOverlap = 0.9;
 // Steps of the reduction's progress report (both meshes) and of the finish's (its
 // rounds and the verdict).
 constexpr std::size_t kReductionSteps = 100;
@@ -115,78 +134,99 @@ double PairVerdictDistance() { return kVerdictBounds * PairDefaults().reduceTole
 
 namespace {
 
-// The better of two verdicts by the overlap found, then by its RMS.
-bool Better(const Verdict& a, const Verdict& b) {
-  return a.overlap > b.overlap || (a.overlap == b.overlap && a.rms < b.rms);
+// The half turns about the principal axes (of their covariance) of the points of the
+// meshes in `meshes`, each placed by its transform: every k-th point, for at most
+// kTwinSamples a mesh.
+std::vector<MMTransformMatrix> HalfTurns(const std::vector<std::pair<const MStlBase*, MMTransformMatrix>>& meshes) {
+  std::vector<MMVector3d> points;
+  for (const auto& [mesh, placement] : meshes) {
+    const std::size_t every = std::max<std::size_t>(1, (mesh->NumberOfPoints() + kTwinSamples - 1) / kTwinSamples);
+    std::size_t i = 0;
+    for (const MStlPoint* p = mesh->GetFirstPoint(); p != nullptr; p = p->GetNext(), ++i)
+      if (i % every == 0) {
+        MMVector3d q = p->GetDouble();
+        placement.Transform(q, false);
+        points.push_back(q);
+      }
+  }
+  std::vector<MMTransformMatrix> turns;
+  if (points.size() < 3) return turns;
+  MMVector3d centre;
+  for (const MMVector3d& p : points) centre += p;
+  centre = centre * (1.0 / static_cast<double>(points.size()));
+  Eigen::Matrix3d covariance = Eigen::Matrix3d::Zero();
+  for (const MMVector3d& p : points) {
+    const Eigen::Vector3d d(p[0] - centre[0], p[1] - centre[1], p[2] - centre[2]);
+    covariance += d * d.transpose();
+  }
+  const Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d> axes(covariance);
+  for (int k = 0; k < 3; ++k) {
+    const Eigen::Vector3d a = axes.eigenvectors().col(k);
+    MMTransformMatrix turn;
+    turn.MakeRotation(centre, MMVector3d(a[0], a[1], a[2]), 3.141592653589793);
+    turns.push_back(turn);
+  }
+  return turns;
+}
+
+// `pose` after a short point-to-plane ICP of the search meshes, pairing points within
+// four times `reach`, then within `reach`: a twin is a half turn about axes that only
+// approach the body's symmetry, and starts a little off.
+MMTransformMatrix Settled(const MStlBase& moving, const MStlBase& fixed, const MMTransformMatrix& pose, double reach) {
+  MMTransformMatrix settled = pose;
+  for (const double share : {4.0, 1.0}) {
+    MStlBaseOperatorRegistrationICP::MParameters p;
+    p.SetMoving(&moving, &settled);
+    p.SetReference(&fixed, nullptr);
+    p.SetThresholdMethod(eRegistrationThresholdAbsolute);
+    p.SetDistanceThreshold(share * reach);
+    p.SetNumberOfIterations(kTwinIterations);
+    p.SetSubSampleRatio(std::max<std::size_t>(1, (moving.NumberOfPoints() + kTwinSamples - 1) / kTwinSamples));
+    MStlBaseOperatorRegistrationICP icp;
+    icp.SetParameters(p);
+    if (!icp.Operate()) break;
+    settled.PostMultiply(icp.GetTransformToBeAppliedToMoving());
+  }
+  return settled;
+}
+
+// The angle (degrees) between the rotations of two poses.
+double TurnDegrees(const MMTransformMatrix& a, const MMTransformMatrix& b) {
+  const MMTransformMatrix relative = a * b.Inverted();
+  const double cosine = 0.5 * (relative.GetElement(0, 0) + relative.GetElement(1, 1) + relative.GetElement(2, 2) - 1.0);
+  return std::acos(std::clamp(cosine, -1.0, 1.0)) * 57.29577951308232;
+}
+
+// The share of `mesh`'s points (every k-th, at most kTwinSamples) that `motion` lays
+// within `distance` of the mesh itself: near 1 when the mesh is symmetric under it.
+double SelfOverlap(const MStlBase& mesh, const MMTransformMatrix& motion, double distance) {
+  const MeshQueries::TriangleTreeHolder* tree = MeshQueries::GetTriangleTree(MeshQueries::MeshHandle(&mesh));
+  if (tree == nullptr || tree->GetTree().GetObjects().empty()) return 0.0;
+  const std::size_t every = std::max<std::size_t>(1, (mesh.NumberOfPoints() + kTwinSamples - 1) / kTwinSamples);
+  std::size_t i = 0, all = 0, on = 0;
+  for (const MStlPoint* p = mesh.GetFirstPoint(); p != nullptr; p = p->GetNext(), ++i) {
+    if (i % every != 0) continue;
+    MMVector3d q = p->GetDouble();
+    motion.Transform(q, false);
+    MeshQueries::SurfacePlace place;
+    on += MeshQueries::NearestSurfacePlace(*tree, q, distance, place) ? 1 : 0;
+    ++all;
+  }
+  return all > 0 ? static_cast<double>(on) / static_cast<double>(all) : 0.0;
 }
 
 }  // namespace
 
-Verdict JudgePose(const MStlBase& moving, const MStlBase& fixed, const MMTransformMatrix& pose, double distance) {
-  Verdict v;
-  v.distance = distance;
-  std::vector<MMVector3d> points;
-  const std::size_t step = std::max<std::size_t>(1, (moving.NumberOfPoints() + kVerdictSamples - 1) / kVerdictSamples);
-  std::size_t i = 0;
-  for (auto it = moving.BeginPoint(); it != moving.EndPoint(); ++it, ++i)
-    if (i % step == 0) {
-      MMVector3d p = it->GetDouble();
-      pose.Transform(p, false);
-      points.push_back(p);
-    }
-  const MeshQueries::TriangleTreeHolder* tree = MeshQueries::GetTriangleTree(MeshQueries::MeshHandle(&fixed));
-  if (points.empty() || tree == nullptr || tree->GetTree().GetObjects().empty()) {
-    v.doubtful = true;
-    v.reason = "a mesh has no surface to measure";
-    return v;
-  }
-  // Distances within reach only; farther points count as off the fixed surface, and
-  // of those the ones whose nearest fixed place is not on an open border contradict it.
-  std::vector<double> found(points.size());
-  std::vector<std::uint8_t> inside(points.size(), 0);
-  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, points.size(), 512),
-                    [&](const tbb::blocked_range<std::size_t>& r) {
-                      for (std::size_t k = r.begin(); k != r.end(); ++k) {
-                        MeshQueries::SurfacePlace place;
-                        if (MeshQueries::NearestSurfacePlace(*tree, points[k], distance, place)) {
-                          found[k] = place.distance;
-                          continue;
-                        }
-                        found[k] = std::numeric_limits<double>::max();
-                        if (MeshQueries::NearestSurfacePlace(*tree, points[k], HUGE_VAL, place))
-                          inside[k] = MeshQueries::OnOpenBorder(place) ? 0 : 1;
-                      }
-                    });
-  std::size_t insideCount = 0;
-  for (std::uint8_t f : inside) insideCount += f;
-  v.inconsistent = double(insideCount) / double(points.size());
-  const DistanceStatistics statistics = SummariseDistances(found, distance);
-  v.overlap = statistics.withinShare;
-  v.rms = statistics.withinRms;
-  char text[160];
-  if (v.overlap < kLeastOverlap) {
-    v.doubtful = true;
-    std::snprintf(text, sizeof text, "only %.0f%% of the moving mesh lies on the fixed mesh", 100.0 * v.overlap);
-    v.reason = text;
-  } else if (v.inconsistent > kMostInconsistent || v.inconsistent > v.overlap) {
-    v.doubtful = true;
-    std::snprintf(text, sizeof text,
-                  "%.0f%% of the moving mesh lies off the fixed surface where that surface is (%.0f%% on it)",
-                  100.0 * v.inconsistent, 100.0 * v.overlap);
-    v.reason = text;
-  } else if (v.rms > kMostLooseness * distance) {
-    v.doubtful = true;
-    std::snprintf(text, sizeof text,
-                  "the overlap found lies loosely (RMS %.0f%% of the distance it is measured within)",
-                  100.0 * v.rms / distance);
-    v.reason = text;
-  }
-  return v;
-}
-
 PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& options,
                      std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress) {
-  const double distance = kVerdictBounds * options.params.reduceTolerance * MUnit::GetIE();
+  // Both meshes without their loose pieces, which take no part in the search, the finish
+  // or the verdict, and studied for the distance the verdict measures within.
+  const PairSurfaces pair(moving, fixed);
+  MStlBase& bodyMoving = pair.Moving();
+  MStlBase& bodyFixed = pair.Fixed();
+  const double finishDistance = kVerdictBounds * options.params.reduceTolerance * MUnit::GetIE();
+  const double distance = pair.VerdictDistance(kLeastVerdictShare * finishDistance);
+  const double reach = std::max(finishDistance, distance);
   const auto judged = [&](const Run& run) {
     PairResult r;
     r.transform = run.transform;
@@ -194,7 +234,7 @@ PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& optio
     r.inliers = run.inliers;
     r.used = run.used;
     r.times = run.times;
-    r.verdict = JudgePose(moving, fixed, r.transform, distance);
+    r.verdict = JudgePose(pair, r.transform, distance);
     return r;
   };
   // The finish, then the verdict on the finished pose; a pose finished once is left.
@@ -202,17 +242,17 @@ PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& optio
     if (!options.polish || r.polished) return;
     const auto start = std::chrono::steady_clock::now();
     ZorSDK::Common::IncrementalProgressReporter reporter(progress, "Finish", kFinishSteps, true);
-    r.polished = FinishPose(moving, fixed, distance, r.transform, &reporter);
+    r.polished = FinishPose(bodyMoving, bodyFixed, reach, r.transform, &reporter);
     r.polishSeconds = SecondsSince(start);
-    r.verdict = JudgePose(moving, fixed, r.transform, distance);
+    r.verdict = JudgePose(pair, r.transform, distance);
     while (reporter.GetDone() < kFinishSteps) ++reporter;
   };
 
   // Both runs search on the same reduced meshes, so they are reduced once here; the
   // finish and the verdict use the full meshes.
   Registration::MParams params = options.params;
-  MStlBase* searchMoving = &moving;
-  MStlBase* searchFixed = &fixed;
+  MStlBase* searchMoving = &bodyMoving;
+  MStlBase* searchFixed = &bodyFixed;
   std::unique_ptr<MStlBase> reducedMoving, reducedFixed;
   double reduction = 0.0;
   if (params.reduceMeshes) {
@@ -223,14 +263,15 @@ PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& optio
     // by writing their coordinates and the caller's may be read meanwhile.
     // The report moves with the blocks of both reductions, each mesh's share by its
     // triangles.
-    const std::size_t movingTriangles = moving.GetNumberOfTriangles(), fixedTriangles = fixed.GetNumberOfTriangles();
+    const std::size_t movingTriangles = bodyMoving.GetNumberOfTriangles(),
+                      fixedTriangles = bodyFixed.GetNumberOfTriangles();
     const std::size_t all = std::max<std::size_t>(1, movingTriangles + fixedTriangles);
     const std::size_t movingSteps = kReductionSteps * movingTriangles / all;
     ZorSDK::Common::IncrementalProgressReporter reporter(progress, "Reduction", kReductionSteps, false);
     ZorSDK::Common::ProgressShare movingShare(reporter, movingSteps, movingTriangles);
     ZorSDK::Common::ProgressShare fixedShare(reporter, kReductionSteps - movingSteps, fixedTriangles);
-    tbb::parallel_invoke([&] { reducedMoving = ReducedSearchCopy(moving, bound, &movingShare); },
-                         [&] { reducedFixed = ReducedSearchCopy(fixed, bound, &fixedShare); });
+    tbb::parallel_invoke([&] { reducedMoving = ReducedSearchCopy(bodyMoving, bound, &movingShare); },
+                         [&] { reducedFixed = ReducedSearchCopy(bodyFixed, bound, &fixedShare); });
     searchMoving = reducedMoving.get();
     searchFixed = reducedFixed.get();
     params.reduceMeshes = false;
@@ -244,6 +285,65 @@ PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& optio
     return judged(run);
   };
 
+  // The twins of a result that leaves part of either mesh off the other: a half turn
+  // about a principal axis of either mesh, each settled by a short ICP and measured on
+  // a sample; the best, when it lays clearly more on the other mesh, is finished and
+  // judged in full, and kept when its verdict is better.
+  const auto twins = [&](PairResult& r) {
+    if (!options.polish || Support(r.verdict) >= kFullOverlap) return;
+    const auto start = std::chrono::steady_clock::now();
+    // The axes of either body, and of both together as the result lays them: where each
+    // is a part of a near-symmetric body, only both together show the body's axes.
+    std::vector<MMTransformMatrix> candidates;
+    const MMTransformMatrix identity;
+    for (const auto& meshes : {std::vector<std::pair<const MStlBase*, MMTransformMatrix>>{{searchMoving, r.transform}},
+                               {{searchFixed, identity}},
+                               {{searchMoving, r.transform}, {searchFixed, identity}}})
+      for (const MMTransformMatrix& turn : HalfTurns(meshes)) candidates.push_back(turn * r.transform);
+    // The result and each twin settled, measured on a sample.
+    struct Tried {
+      MMTransformMatrix pose;
+      Verdict verdict;
+    };
+    std::vector<Tried> tried{{r.transform, JudgePose(pair, r.transform, distance, kTwinSamples)}};
+    std::size_t best = 0;
+    for (const MMTransformMatrix& candidate : candidates) {
+      const MMTransformMatrix settled = Settled(*searchMoving, *searchFixed, candidate, reach);
+      tried.push_back({settled, JudgePose(pair, settled, distance, kTwinSamples)});
+      if (Support(tried.back().verdict) > Support(tried[best].verdict) + (best == 0 ? kTwinGain : 0.0))
+        best = tried.size() - 1;
+    }
+    const double finished = r.polishSeconds;
+    if (best != 0) {
+      PairResult twin = r;
+      twin.transform = tried[best].pose;
+      twin.polished = false;
+      finish(twin);
+      if (Better(twin.verdict, r.verdict)) r = twin;
+    }
+    // The answer is not unique when another pose, distinct from it, would pass as well
+    // with nearly as much support, unless the two are one under a symmetry of the fixed
+    // mesh (a symmetric body has several right answers).
+    if (!r.verdict.doubtful)
+      for (const Tried& other : tried) {
+        const double degrees = TurnDegrees(other.pose, r.transform);
+        if (other.verdict.doubtful || degrees < kDistinctDegrees ||
+            Support(other.verdict) < kRivalShare * Support(r.verdict) ||
+            other.verdict.inconsistent > r.verdict.inconsistent + kRivalContradiction)
+          continue;
+        if (SelfOverlap(bodyFixed, other.pose * r.transform.Inverted(), distance) >= kSymmetricOverlap) continue;
+        r.verdict.doubtful = true;
+        char text[200];
+        std::snprintf(text, sizeof text,
+                      "not unique: a pose turned %.0f degrees from it lays %.0f%% of the moving mesh on the fixed "
+                      "mesh (and %.0f%% of the fixed on the moving) as well",
+                      degrees, 100.0 * other.verdict.overlap, 100.0 * other.verdict.fixedOverlap);
+        r.verdict.reason = text;
+        break;
+      }
+    r.polishSeconds = finished + SecondsSince(start);
+  };
+
   // With both ways, a doubtful first result that still overlaps (it lies loosely or
   // partly off the fixed surface) is finished first: a pose a few degrees off that the
   // finish pulls in is sound then, and needs no second search; one with little overlap
@@ -251,7 +351,9 @@ PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& optio
   // finished too, and the better kept.
   const bool twoWays = options.withFeatures && params.initialAlignment == Registration::AlignAutomatic;
   PairResult result = search(params.initialAlignment);
-  if (twoWays && result.verdict.doubtful && result.verdict.overlap >= kLeastOverlap) finish(result);
+  if (twoWays && result.verdict.doubtful &&
+      std::max(result.verdict.overlap, result.verdict.fixedOverlap) >= kFinishFirstOverlap)
+    finish(result);
   if (twoWays && result.verdict.doubtful) {
     PairResult features = search(Registration::AlignFeatures);
     finish(features);
@@ -263,9 +365,11 @@ PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& optio
       result.times.total += features.times.total + features.polishSeconds;
     }
     result.triedFeatures = true;
+    twins(result);
     return result;
   }
   finish(result);
+  twins(result);
   return result;
 }
 

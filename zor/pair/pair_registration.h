@@ -3,7 +3,9 @@
 // scans come with no starting pose, so the operator starts from the shapes' automatic
 // choice, and when that result is doubtful it tries the feature strategy as well and
 // keeps the better; then a point-to-plane finish on the full meshes; and a verdict on
-// what was found (the overlap, its RMS, and whether the result is doubtful and why).
+// what was found (verdict.h: the overlap, its RMS, and whether the result is doubtful
+// and why). Loose fragments of either mesh (floaters, debris) take no part in the
+// search or the finish.
 // MUserOperatorStlRegistration stays available for callers that want the operator's
 // own defaults and behaviour.
 
@@ -16,25 +18,10 @@
 #include "zor/model/stl_base.h"
 #include "zor/model/transform.h"
 #include "zor/pair/export.h"
+#include "zor/pair/verdict.h"
 #include "zor/registration/user_operator_stl_registration.h"
 
 namespace ZorStlRegistration {
-
-// What the result shows of itself, on up to kVerdictSamples of the moving mesh's points
-// placed by it: the share within `distance` of the fixed surface (the overlap found)
-// and the RMS distance of those.
-struct Verdict {
-  double distance = 0.0;  // internal units
-  double overlap = 0.0;   // 0..1
-  double rms = 0.0;       // internal units
-  // Share of the measured points that lie off the fixed surface where that surface
-  // is: farther than `distance`, with their nearest fixed place inside it rather than
-  // on its open border. A right pose of a partial scan leaves the part it does not share
-  // beyond the fixed scan's border; a wrong one lays it over or through the fixed surface.
-  double inconsistent = 0.0;
-  bool doubtful = false;
-  std::string reason;  // why it is doubtful; empty when it is not
-};
 
 // The registration parameters of the pair call: the operator's, except that the
 // strategy starts from the shapes alone (AlignAutomatic).
@@ -70,12 +57,12 @@ struct PairResult {
   MUserOperatorStlRegistration::StageTimes times;  // of the run kept
   bool triedFeatures = false;
   bool polished = false;
-  double polishSeconds = 0.0;
+  double polishSeconds = 0.0;  // the finish, and the twins' when they were tried (AlignPair)
   Verdict verdict;
 };
 
-// The distance the pair calls judge and finish within: three reduction bounds of the
-// pair defaults (internal units).
+// The distance the pair calls finish within, and the least their verdicts measure
+// within (a tenth of it): three reduction bounds of the pair defaults (internal units).
 ZOR_PAIR_API double PairVerdictDistance();
 
 // The finish of a found pose: point-to-plane ICP of the full moving mesh onto the full
@@ -84,11 +71,6 @@ ZOR_PAIR_API double PairVerdictDistance();
 // counts one step per round.
 ZOR_PAIR_API bool FinishPose(const MStlBase& moving, const MStlBase& fixed, double distance, MMTransformMatrix& pose,
                              ZorSDK::Common::IncrementalProgressReporter* progress = nullptr);
-
-// Measures `pose` (moving onto fixed) as Verdict says. The fixed mesh's triangle tree is
-// built on first use and kept with the mesh.
-ZOR_PAIR_API Verdict JudgePose(const MStlBase& moving, const MStlBase& fixed, const MMTransformMatrix& pose,
-                               double distance);
 
 // Registers `moving` onto `fixed` (lengths of `options.params` in user units, usually
 // millimetres). Throws std::out_of_range when a pose
