@@ -14,6 +14,7 @@
 #include "generators/bodies.h"
 #include "generators/mesh_arrays.h"
 #include "generators/poses.h"
+#include "zor/model/stl_iterators.h"
 
 namespace {
 
@@ -103,10 +104,46 @@ TEST(SurfaceFeatures, DescriptorsFollowTheSurfaceNotItsPoseOrTessellation) {
   EXPECT_LT(shift, 2.0 * params.spacing);
 
   // Reversed normals describe another surface: the same places no longer match.
-  const FeatureCloud reversed = Reversed(finer, params);
+  const FeatureCloud reversed = Reversed(finer);
   std::vector<double> flipped, unused;
   PairDistances(moved, reversed, back, params.spacing, flipped, unused);
   EXPECT_GT(Median(flipped), 2.0 * Median(same));
+}
+
+// Reversing the cloud's normals gives the descriptors that the mesh wound the other way
+// gives at the nearest keypoint (its triangles are cut into parts from another corner,
+// so its keypoints stand a little apart): far closer than the descriptors left as they
+// were.
+TEST(SurfaceFeatures, AReversedCloudIsTheMeshWoundTheOtherWay) {
+  const auto mesh = zorgen::MakeMesh(zorgen::MakeShape(zorgen::Shape::Featured, 20000));
+  const FeatureParameters params = ChooseFeatureParameters(*mesh, *mesh);
+  const FeatureCloud cloud = DescribeSurface(*mesh, params);
+  auto inverted = zorgen::MakeMesh(zorgen::MakeShape(zorgen::Shape::Featured, 20000));
+  for (auto it = MStlIteratorStlTriangle::Begin(inverted.get()); it != MStlIteratorStlTriangle::End(inverted.get());
+       ++it)
+    it->Invert(0);
+  const FeatureCloud other = DescribeSurface(*inverted, params);
+  const FeatureCloud reversed = Reversed(cloud);
+  ASSERT_EQ(reversed.points.size(), cloud.points.size());
+  ASSERT_GT(other.points.size(), 100u);
+  // Each keypoint against the other mesh's nearest, every 16th for speed.
+  double mirrored = 0.0, unmirrored = 0.0;
+  std::size_t compared = 0;
+  for (std::size_t k = 0; k < reversed.points.size(); k += 16, ++compared) {
+    std::size_t nearest = 0;
+    for (std::size_t j = 1; j < other.points.size(); ++j)
+      if (Length2(other.points[j] - reversed.points[k]) < Length2(other.points[nearest] - reversed.points[k]))
+        nearest = j;
+    EXPECT_GT(Dot(reversed.normals[k], other.normals[nearest]), 0.95);
+    for (std::size_t b = 0; b < ZorStlRegistration::kFeatureBins; ++b) {
+      mirrored += std::fabs(reversed.descriptors[k][b] - other.descriptors[nearest][b]);
+      unmirrored += std::fabs(cloud.descriptors[k][b] - other.descriptors[nearest][b]);
+    }
+  }
+  mirrored /= static_cast<double>(compared);
+  unmirrored /= static_cast<double>(compared);
+  EXPECT_LT(mirrored, 15.0) << unmirrored;  // of 300 (three histograms summing to 100)
+  EXPECT_GT(unmirrored, 8.0 * mirrored) << mirrored;
 }
 
 TEST(SurfaceFeatures, PoseSearchFindsThePoseAmongNineWrongMatchesInTen) {
@@ -155,6 +192,47 @@ TEST(SurfaceFeatures, PoseSearchFindsThePoseAmongNineWrongMatchesInTen) {
   EXPECT_TRUE(EstimatePoses(mp, mn, fp, fn, {{0, 0}, {1, 1}}, search).empty());
   search.inlierDistance = 0.0;
   EXPECT_TRUE(EstimatePoses(mp, mn, fp, fn, matches, search).empty());
+}
+
+// The matcher's tree search gives the brute force's mutual nearest descriptors, ties to
+// the lower number both ways: descriptors drawn at random (most components zero, as a
+// histogram's are), some of them repeated.
+TEST(SurfaceFeatures, MatchesAreTheMutualNearestOfTheBruteForce) {
+  std::mt19937 rng(21);
+  std::uniform_real_distribution<float> value(0.0f, 30.0f);
+  std::uniform_int_distribution<int> bin(0, static_cast<int>(ZorStlRegistration::kFeatureBins) - 1);
+  const auto draw = [&](std::size_t n) {
+    FeatureCloud cloud;
+    for (std::size_t i = 0; i < n; ++i) {
+      ZorStlRegistration::FeatureDescriptor d{};
+      for (int k = 0; k < 8; ++k) d[static_cast<std::size_t>(bin(rng))] += value(rng);
+      cloud.descriptors.push_back(d);
+    }
+    return cloud;
+  };
+  FeatureCloud a = draw(700), b = draw(900);
+  for (std::size_t i = 0; i < 40; ++i) b.descriptors[10 * i + 5] = b.descriptors[10 * i];  // ties on the fixed side
+  for (std::size_t i = 0; i < 40; ++i) a.descriptors[3 * i + 1] = b.descriptors[7 * i];    // exact matches
+  const auto nearest = [](const FeatureCloud& from, std::size_t i, const FeatureCloud& to) {
+    double best = HUGE_VAL;
+    std::uint32_t at = 0;
+    for (std::size_t j = 0; j < to.descriptors.size(); ++j) {
+      double d = 0.0;
+      for (std::size_t k = 0; k < ZorStlRegistration::kFeatureBins; ++k) {
+        const double e = double(from.descriptors[i][k]) - double(to.descriptors[j][k]);
+        d += e * e;
+      }
+      if (d < best) best = d, at = static_cast<std::uint32_t>(j);
+    }
+    return at;
+  };
+  std::vector<std::pair<std::uint32_t, std::uint32_t>> expected;
+  for (std::uint32_t i = 0; i < a.descriptors.size(); ++i) {
+    const std::uint32_t j = nearest(a, i, b);
+    if (nearest(b, j, a) == i) expected.emplace_back(i, j);
+  }
+  EXPECT_EQ(MatchFeatures(a, b), expected);
+  EXPECT_GT(expected.size(), 40u);
 }
 
 TEST(SurfaceFeatures, EmptyAndFlatMeshesGiveNoKeypoints) {

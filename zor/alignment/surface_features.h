@@ -54,16 +54,24 @@ struct FeatureCloud {
 // descriptor and are dropped. The mesh must not change meanwhile.
 ZOR_API FeatureCloud DescribeSurface(const MStlBase& mesh, const FeatureParameters& parameters);
 
-// The same keypoints with their normals reversed and described again. Meshes of one
-// body may be wound either way (scanner views are often wound towards the scanner,
-// reconstructions outwards), and a descriptor built on oriented normals only matches
-// one wound the same way.
-ZOR_API FeatureCloud Reversed(const FeatureCloud& cloud, const FeatureParameters& parameters);
+// The same keypoints with their normals reversed and their descriptors as the reversed
+// normals give them (the histograms of the two angles that change sign, mirrored; equal
+// to describing them anew but for values on a bin's border). Meshes of one body may be
+// wound either way (scanner views are often wound towards the scanner, reconstructions
+// outwards), and a descriptor built on oriented normals only matches one wound the same
+// way.
+ZOR_API FeatureCloud Reversed(const FeatureCloud& cloud);
 
 // Pairs (moving keypoint, fixed keypoint) whose descriptors are each other's nearest
 // (Euclidean), in moving order; ties go to the lower number.
 ZOR_API std::vector<std::pair<std::uint32_t, std::uint32_t>> MatchFeatures(const FeatureCloud& moving,
                                                                            const FeatureCloud& fixed);
+
+// How closely the descriptors of `moving` find their nearest in `fixed`: the median
+// squared descriptor distance of every `every`-th moving keypoint to its nearest fixed
+// one (+infinity when either has none). Two meshes wound alike match far closer than
+// wound opposite.
+ZOR_API double MedianNearestDescriptor(const FeatureCloud& moving, const FeatureCloud& fixed, std::size_t every);
 
 struct FeaturePose {
   MMTransformMatrix pose;     // moving onto fixed
@@ -72,7 +80,12 @@ struct FeaturePose {
 
 struct PoseSearchParameters {
   double inlierDistance = 0.0;   // internal units
-  std::uint64_t trials = 20000;  // triples drawn
+  std::uint64_t trials = 20000;  // triples drawn at most
+  // The search ends early, after at least `minimumTrials`, once the trials drawn would
+  // have drawn a triple of inliers alone with this confidence at the inlier share of
+  // the best pose so far (RANSAC's adaptive stop, Fischler and Bolles).
+  std::uint64_t minimumTrials = 4096;
+  double confidence = 0.9999;
   std::size_t keep = 8;          // best distinct poses returned
   double edgeAgreement = 0.9;    // shortest over longest of corresponding edges
   double normalAgreement = 0.5;  // least cosine between a moved normal and its match
