@@ -1,7 +1,7 @@
 // Surface descriptors and the pose search on their matches: descriptors must not change
 // with a rigid motion or a finer tessellation of the same surface, the search must find
 // a pose among mostly wrong matches, and everything must repeat bit for bit.
-#include "zor/alignment/surface_features.h"
+#include "zor/alignment/feature_poses.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,5 +1,6 @@
 #pragma once
-// Local shape descriptors of a surface and poses from matching them.
+// Local shape descriptors of a surface, and their matches (the poses they give are in
+// feature_poses.h).
 //
 // Two partial views of one body share no principal axes and no symmetry, but they share
 // the local shape where they overlap. A view is described by keypoints on a regular
@@ -7,13 +8,10 @@
 // (Rusu et al., 2009: 3 x 11 bins of the angles between the normals of neighbouring
 // keypoints in their Darboux frame). The mesh's own triangles give the normals: they
 // are oriented, so that a descriptor tells a bump from a dent, and they need no fit.
-// Descriptors of the two meshes are matched mutually (each the other's nearest), and
-// the pose comes from a RANSAC over triples of matches: a triple whose edge lengths or
-// normals disagree is rejected before any fit, the rest are fitted and counted.
+// Descriptors of the two meshes are matched mutually (each the other's nearest).
 //
-// Everything here is deterministic: keypoints come in grid order, and the n-th triple
-// is drawn from a generator seeded by n alone, so the hypotheses, their order and the
-// result are the same on every run and at every thread count.
+// Everything here is deterministic: keypoints come in grid order, and matches in moving
+// order, the same on every run and at every thread count.
 
 #include <array>
 #include <cstddef>
@@ -72,33 +70,5 @@ ZOR_API std::vector<std::pair<std::uint32_t, std::uint32_t>> MatchFeatures(const
 // one (+infinity when either has none). Two meshes wound alike match far closer than
 // wound opposite.
 ZOR_API double MedianNearestDescriptor(const FeatureCloud& moving, const FeatureCloud& fixed, std::size_t every);
-
-struct FeaturePose {
-  MMTransformMatrix pose;     // moving onto fixed
-  std::uint32_t inliers = 0;  // matches that the pose brings within the inlier distance
-};
-
-struct PoseSearchParameters {
-  double inlierDistance = 0.0;   // internal units
-  std::uint64_t trials = 20000;  // triples drawn at most
-  // The search ends early, after at least `minimumTrials`, once the trials drawn would
-  // have drawn a triple of inliers alone with this confidence at the inlier share of
-  // the best pose so far (RANSAC's adaptive stop, Fischler and Bolles).
-  std::uint64_t minimumTrials = 4096;
-  double confidence = 0.9999;
-  std::size_t keep = 8;          // best distinct poses returned
-  double edgeAgreement = 0.9;    // shortest over longest of corresponding edges
-  double normalAgreement = 0.5;  // least cosine between a moved normal and its match
-};
-
-// The best poses from matched points (and their normals): for each, the triple fit is
-// refitted on all its inliers (least squares). Best first: more inliers, then the
-// earlier triple. Poses closer than the inlier distance to a better one are dropped.
-ZOR_API std::vector<FeaturePose> EstimatePoses(const std::vector<MMVector3d>& movingPoints,
-                                               const std::vector<MMVector3d>& movingNormals,
-                                               const std::vector<MMVector3d>& fixedPoints,
-                                               const std::vector<MMVector3d>& fixedNormals,
-                                               const std::vector<std::pair<std::uint32_t, std::uint32_t>>& matches,
-                                               const PoseSearchParameters& parameters);
 
 }  // namespace ZorStlRegistration

@@ -10,10 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include <oneapi/tbb/parallel_invoke.h>
-
 #include "zor/alignment/principal_frame.h"
-#include "zor/alignment/surface_features.h"
+#include "zor/alignment/feature_poses.h"
 #include "zor/model/progress.h"
 #include "zor/model/stl_guards.h"
 #include "zor/registration/detail/solver_tournament.h"
@@ -27,16 +25,6 @@ constexpr std::uint64_t kCoarseSamples = 100;
 // More slide positions than this would only repeat ScorePose at spacings far below
 // any sample spacing.
 constexpr double kMaxSlideSteps = 1 << 20;
-// Matches that a feature pose brings this many keypoint spacings apart still count as
-// agreeing with it: the keypoints of two scans of one place are cut by different grids.
-constexpr double kFeatureInlierSpacings = 1.5;
-// Every this-many-th moving keypoint tells which winding matches the fixed mesh's: the
-// one whose median nearest descriptor lies this much closer (alike, the two differ by 2
-// to 100 times on scans and generated bodies; a view against a model wound the other
-// way, 6 to 10 times the other way).
-constexpr std::size_t kWindingProbe = 8;
-constexpr double kWindingMargin = 1.5;
-
 MUserOperatorStlRegistration::MInitialAlignment ChooseAlignment(const MStlBase& moving, const MStlBase& fixed) {
   using Op = MUserOperatorStlRegistration;
   const ZorStlRegistration::AxisSymmetryResult symmetry =
@@ -206,30 +194,7 @@ void MUserOperatorStlRegistration::SearchFeaturePoses(const MStlBase* moving, co
                                                       const std::vector<MMVector3d>& samples,
                                                       const std::vector<MMVector3d>* normals, std::uint64_t count) {
   using namespace ZorStlRegistration;
-  const FeatureParameters features = ChooseFeatureParameters(*moving, *fixed);
-  // The moving mesh is described as wound and reversed, since the two meshes may be
-  // wound opposite ways; the poses of both are scored alike.
-  FeatureCloud fixedCloud, movingClouds[2];
-  tbb::parallel_invoke([&] { fixedCloud = DescribeSurface(*fixed, features); },
-                       [&] {
-                         movingClouds[0] = DescribeSurface(*moving, features);
-                         movingClouds[1] = Reversed(movingClouds[0]);
-                       });
-  PoseSearchParameters search;
-  search.inlierDistance = kFeatureInlierSpacings * features.spacing;
-  // The winding that matches clearly closer is the one to search; both when neither is.
-  const double asWound = MedianNearestDescriptor(movingClouds[0], fixedCloud, kWindingProbe);
-  const double reversed = MedianNearestDescriptor(movingClouds[1], fixedCloud, kWindingProbe);
-  const bool searchWound = !(reversed * kWindingMargin < asWound);
-  const bool searchReversed = !(asWound * kWindingMargin < reversed);
-  std::vector<FeaturePose> poses;
-  for (const FeatureCloud& movingCloud : movingClouds) {
-    if (&movingCloud == &movingClouds[0] ? !searchWound : !searchReversed) continue;
-    const auto matches = MatchFeatures(movingCloud, fixedCloud);
-    const std::vector<FeaturePose> found =
-        EstimatePoses(movingCloud.points, movingCloud.normals, fixedCloud.points, fixedCloud.normals, matches, search);
-    poses.insert(poses.end(), found.begin(), found.end());
-  }
+  const std::vector<FeaturePose> poses = FeaturePoses(*moving, *fixed);
   for (const FeaturePose& candidate : poses) {
     const double score = ScorePose(samples, normals, candidate.pose, count, true);
     if (score < error) {

@@ -171,7 +171,7 @@ private:
   void SlideAlongAxis(MStlBase* moving, const MStlBase* fixed, const std::vector<MMVector<double, 3>>& samples,
                       const std::vector<MMVector<double, 3>>* normals, std::uint64_t count,
                       const MMVector<double, 3>& axis, MMTransformMatrix& pose, double& score) const;
-  // The poses that matched surface descriptors give (see surface_features.h); takes the
+  // The poses that matched surface descriptors give (see feature_poses.h); takes the
   // best scoring only if it beats `error` strictly.
   void SearchFeaturePoses(const MStlBase* moving, const MStlBase* fixed,
                           const std::vector<MMVector<double, 3>>& samples,
