@@ -1,7 +1,9 @@
 // The verdict on a pose: a right pose of a partial scan is sound, and a wrong pose that
 // still leaves part of the moving mesh on the fixed one is doubtful. And the reports a
 // pair call gives while it runs.
+#include <array>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -109,8 +111,9 @@ TEST(PairProgress, TheReductionAndTheFinishReportTheirSteps) {
 namespace {
 
 // The pair call's default: a bumpy ball has no axes to start from, so the automatic
-// strategy's tournament lands off, its result is doubtful, and the feature strategy is
-// tried as well; the better of the two, finished, is the right pose and is sound.
+// strategy's tournament lands off and its finished result does not lay the copy fully
+// on the body; the feature strategy's poses are tried beside its twins, and the best,
+// finished, is the right pose and is sound.
 TEST(AlignPair, TriesTheFeatureStrategyWhenTheAutomaticResultIsDoubtful) {
   const zorgen::MeshArrays body = zorgen::MakeShape(zorgen::Shape::Bumpy, 10000);
   const auto fixed = zorgen::MakeMesh(body);
@@ -119,7 +122,6 @@ TEST(AlignPair, TriesTheFeatureStrategyWhenTheAutomaticResultIsDoubtful) {
   const ZorStlRegistration::PairResult r =
       ZorStlRegistration::AlignPair(*moving, *fixed, ZorStlRegistration::PairOptions());
   EXPECT_TRUE(r.triedFeatures);
-  EXPECT_EQ(r.used, MUserOperatorStlRegistration::AlignFeatures);
   EXPECT_FALSE(r.verdict.doubtful) << r.verdict.reason;
   // The copy lies on the body again (the ball's bumps repeat under a half turn, which
   // lays it on itself as well): all of it, within a few micrometres.
@@ -196,6 +198,100 @@ TEST(AlignPair, FindsAndTrustsThePoseOfAPartAmongDebrisAndOnATable) {
       EXPECT_NEAR(residual.GetElement(row, 3), 0.0, 200.0) << zorgen::ScanKindName(kind);
     }
   }
+}
+
+}  // namespace
+
+namespace {
+
+// Whether each point of `mesh` (made from the case's moving arrays, whose joined corners
+// it welds) stands for a place of the fixed surface: 1 or 0, or -1 where points of both
+// kinds were welded into it.
+std::vector<int> OnFixed(const zorgen::ScanCase& c, const MStlBase& mesh) {
+  std::map<std::array<double, 3>, int> truth;
+  for (std::size_t i = 0; i < c.onFixed.size(); ++i) {
+    const std::array<double, 3> at{c.moving.xyz[3 * i], c.moving.xyz[3 * i + 1], c.moving.xyz[3 * i + 2]};
+    const auto [it, added] = truth.emplace(at, c.onFixed[i]);
+    if (!added && it->second != c.onFixed[i]) it->second = -1;
+  }
+  std::vector<int> result;
+  for (const MStlPoint* p = mesh.GetFirstPoint(); p != nullptr; p = p->GetNext()) {
+    const MMVector3d q = p->GetDouble();
+    const auto it = truth.find({q[0], q[1], q[2]});
+    result.push_back(it == truth.end() ? -1 : it->second);
+  }
+  return result;
+}
+
+// Which points a deviation map shows apart: on a part standing on a table, the table and
+// the objects beside it; loose fragments; but not a dent pressed into the part, however
+// deep, nor a bump raised from it within the far distance.
+TEST(Counterparts, TheTableAndLooseFragmentsHaveNoneAndADentOrABumpHasOne) {
+  {
+    const zorgen::ScanCase c = Case(zorgen::ScanKind::Scene, 3);
+    auto moving = zorgen::MakeMesh(c.moving);
+    auto fixed = zorgen::MakeMesh(c.fixed);
+    const ZorStlRegistration::PairSurfaces pair(*moving, *fixed);
+    const double distance = pair.VerdictDistance(0.1 * ZorStlRegistration::PairVerdictDistance());
+    const std::vector<std::uint8_t> flags =
+        ZorStlRegistration::Counterparts(pair, c.pose.Inverted(), distance, 5.0 * distance);
+    const std::vector<int> truth = OnFixed(c, *moving);
+    std::size_t part = 0, partMatched = 0, clutter = 0, clutterApart = 0;
+    for (std::size_t i = 0; i < flags.size(); ++i) {
+      if (truth[i] < 0) continue;
+      (truth[i] != 0 ? part : clutter) += 1;
+      (truth[i] != 0 ? partMatched : clutterApart) += truth[i] != 0 ? flags[i] : 1 - flags[i];
+    }
+    EXPECT_GT(partMatched, 0.99 * part);
+    // The table is flat under the part, where it touches it: those points stay.
+    EXPECT_GT(clutterApart, 0.9 * clutter);
+  }
+  {
+    const zorgen::ScanCase c = Case(zorgen::ScanKind::Debris, 3);
+    auto moving = zorgen::MakeMesh(c.moving);
+    auto fixed = zorgen::MakeMesh(c.fixed);
+    const ZorStlRegistration::PairSurfaces pair(*moving, *fixed);
+    const std::vector<std::uint8_t> flags = ZorStlRegistration::Counterparts(pair, c.pose.Inverted(), 900.0, 4500.0);
+    const std::vector<int> truth = OnFixed(c, *moving);
+    for (std::size_t i = 0; i < flags.size(); ++i) {
+      if (truth[i] >= 0) {
+        ASSERT_EQ(flags[i], truth[i]) << i;
+      }
+    }
+  }
+  // A closed body, and a copy with a dent 10 mm deep and a bump 3 mm high (the far
+  // distance is 4.5 mm), each a few millimetres across, pressed along the lines from the
+  // centre.
+  const zorgen::MeshArrays body = zorgen::ScaledToDiagonal(zorgen::MakeLumpyBody(11, 12000), 200000.0);
+  zorgen::MeshArrays changed = body;
+  const std::size_t points = body.xyz.size() / 3;
+  MMVector3d centre;
+  for (std::size_t i = 0; i < points; ++i)
+    centre += MMVector3d(body.xyz[3 * i], body.xyz[3 * i + 1], body.xyz[3 * i + 2]) * (1.0 / points);
+  std::vector<std::uint8_t> moved(points, 0);
+  for (const auto& [seed, depth] : {std::pair<std::size_t, double>{0, -10000.0}, {points / 2, 3000.0}}) {
+    const MMVector3d at(body.xyz[3 * seed], body.xyz[3 * seed + 1], body.xyz[3 * seed + 2]);
+    for (std::size_t i = 0; i < points; ++i) {
+      MMVector3d p(body.xyz[3 * i], body.xyz[3 * i + 1], body.xyz[3 * i + 2]);
+      if (Length(p - at) > 4000.0) continue;
+      MMVector3d out = p - centre;
+      Normalize(out);
+      p = p + out * depth;
+      for (int k = 0; k < 3; ++k) changed.xyz[3 * i + k] = p[k];
+      moved[i] = 1;
+    }
+  }
+  auto moving = zorgen::MakeMesh(changed);
+  auto fixed = zorgen::MakeMesh(body);
+  const ZorStlRegistration::PairSurfaces pair(*moving, *fixed);
+  const std::vector<std::uint8_t> flags = ZorStlRegistration::Counterparts(pair, MMTransformMatrix(), 900.0, 4500.0);
+  ASSERT_EQ(flags.size(), points);
+  std::size_t dented = 0;
+  for (std::size_t i = 0; i < points; ++i) {
+    EXPECT_EQ(flags[i], 1) << i;
+    dented += moved[i];
+  }
+  EXPECT_GT(dented, 10u);
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include <tbb/parallel_for.h>
 #include <tbb/parallel_invoke.h>
 
+#include "zor/alignment/feature_poses.h"
 #include "zor/model/distance_statistics.h"
 #include "zor/model/stopwatch.h"
 #include "zor/model/unit.h"
@@ -37,10 +38,6 @@ constexpr const char* kStrategyNames[] = {"none", "auto", "axes", "rod", "disc",
 constexpr double kVerdictBounds = 3.0;
 // The verdict measures within at least this share of the finish's distance.
 constexpr double kLeastVerdictShare = 0.1;
-// A doubtful first result is finished before the second strategy when this share of
-// it lies on the fixed mesh either way: a pose a few degrees off that the finish pulls
-// in is sound then.
-constexpr double kFinishFirstOverlap = 0.3;
 // The finish: samples of the moving mesh (every k-th point, at most this many in the
 // wide rounds and in the last) and iterations of point-to-plane ICP per round.
 constexpr std::size_t kWidePolishSamples = 10000;
@@ -60,6 +57,13 @@ constexpr double kFullOverlap = 0.99;
 constexpr std::size_t kTwinSamples = 2000;
 constexpr std::size_t kTwinIterations = 30;
 constexpr double kTwinGain = 0.02;
+// A first result that lays less than this support either way is no start for the
+// finish or for twins (a pose among clutter or turned far off): with both ways only the
+// feature strategy's poses are set against it.
+constexpr double kHopelessSupport = 0.1;
+// A sound finished result with this much support is not searched for by features as
+// well: what could rival it is a twin.
+constexpr double kSureSupport = 0.9;
 // Two poses whose rotations differ by less than this are one answer.
 constexpr double kDistinctDegrees = 10.0;
 // Another pose is a rival of the result when it passes the verdict with this share of
@@ -285,91 +289,160 @@ PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& optio
     return judged(run);
   };
 
-  // The twins of a result that leaves part of either mesh off the other: a half turn
-  // about a principal axis of either mesh, each settled by a short ICP and measured on
-  // a sample; the best, when it lays clearly more on the other mesh, is finished and
-  // judged in full, and kept when its verdict is better.
-  const auto twins = [&](PairResult& r) {
-    if (!options.polish || Support(r.verdict) >= kFullOverlap) return;
-    const auto start = std::chrono::steady_clock::now();
-    // The axes of either body, and of both together as the result lays them: where each
-    // is a part of a near-symmetric body, only both together show the body's axes.
-    std::vector<MMTransformMatrix> candidates;
+  // A candidate pose, settled by a short ICP of the search meshes and measured on a
+  // sample of the full meshes, and the strategy it came from.
+  struct Candidate {
+    MMTransformMatrix pose;
+    Verdict verdict;
+    Registration::MInitialAlignment from;
+  };
+  const auto settled = [&](const MMTransformMatrix& pose, Registration::MInitialAlignment from) {
+    const MMTransformMatrix at = Settled(*searchMoving, *searchFixed, pose, reach);
+    return Candidate{at, JudgePose(pair, at, distance, kTwinSamples), from};
+  };
+  // The twins of a pose: the half turns about the principal axes of either mesh, and of
+  // both together as the pose lays them (where each is a part of a near-symmetric body,
+  // only both together show the body's axes).
+  const auto twinsOf = [&](const MMTransformMatrix& pose) {
+    std::vector<MMTransformMatrix> twins;
     const MMTransformMatrix identity;
-    for (const auto& meshes : {std::vector<std::pair<const MStlBase*, MMTransformMatrix>>{{searchMoving, r.transform}},
+    for (const auto& meshes : {std::vector<std::pair<const MStlBase*, MMTransformMatrix>>{{searchMoving, pose}},
                                {{searchFixed, identity}},
-                               {{searchMoving, r.transform}, {searchFixed, identity}}})
-      for (const MMTransformMatrix& turn : HalfTurns(meshes)) candidates.push_back(turn * r.transform);
-    // The result and each twin settled, measured on a sample.
-    struct Tried {
-      MMTransformMatrix pose;
-      Verdict verdict;
-    };
-    std::vector<Tried> tried{{r.transform, JudgePose(pair, r.transform, distance, kTwinSamples)}};
-    std::size_t best = 0;
-    for (const MMTransformMatrix& candidate : candidates) {
-      const MMTransformMatrix settled = Settled(*searchMoving, *searchFixed, candidate, reach);
-      tried.push_back({settled, JudgePose(pair, settled, distance, kTwinSamples)});
-      if (Support(tried.back().verdict) > Support(tried[best].verdict) + (best == 0 ? kTwinGain : 0.0))
-        best = tried.size() - 1;
-    }
-    const double finished = r.polishSeconds;
-    if (best != 0) {
-      PairResult twin = r;
-      twin.transform = tried[best].pose;
-      twin.polished = false;
-      finish(twin);
-      if (Better(twin.verdict, r.verdict)) r = twin;
-    }
-    // The answer is not unique when another pose, distinct from it, would pass as well
-    // with nearly as much support, unless the two are one under a symmetry of the fixed
-    // mesh (a symmetric body has several right answers).
-    if (!r.verdict.doubtful)
-      for (const Tried& other : tried) {
-        const double degrees = TurnDegrees(other.pose, r.transform);
-        if (other.verdict.doubtful || degrees < kDistinctDegrees ||
-            Support(other.verdict) < kRivalShare * Support(r.verdict) ||
-            other.verdict.inconsistent > r.verdict.inconsistent + kRivalContradiction)
-          continue;
-        if (SelfOverlap(bodyFixed, other.pose * r.transform.Inverted(), distance) >= kSymmetricOverlap) continue;
-        r.verdict.doubtful = true;
-        char text[200];
-        std::snprintf(text, sizeof text,
-                      "not unique: a pose turned %.0f degrees from it lays %.0f%% of the moving mesh on the fixed "
-                      "mesh (and %.0f%% of the fixed on the moving) as well",
-                      degrees, 100.0 * other.verdict.overlap, 100.0 * other.verdict.fixedOverlap);
-        r.verdict.reason = text;
-        break;
-      }
-    r.polishSeconds = finished + SecondsSince(start);
+                               {{searchMoving, pose}, {searchFixed, identity}}})
+      for (const MMTransformMatrix& turn : HalfTurns(meshes)) twins.push_back(turn * pose);
+    return twins;
   };
 
-  // With both ways, a doubtful first result that still overlaps (it lies loosely or
-  // partly off the fixed surface) is finished first: a pose a few degrees off that the
-  // finish pulls in is sound then, and needs no second search; one with little overlap
-  // is too far off for that. A result still doubtful is set against the feature result,
-  // finished too, and the better kept.
   const bool twoWays = options.withFeatures && params.initialAlignment == Registration::AlignAutomatic;
-  PairResult result = search(params.initialAlignment);
-  if (twoWays && result.verdict.doubtful &&
-      std::max(result.verdict.overlap, result.verdict.fixedOverlap) >= kFinishFirstOverlap)
-    finish(result);
-  if (twoWays && result.verdict.doubtful) {
-    PairResult features = search(Registration::AlignFeatures);
-    finish(features);
-    const double seconds = result.times.total + result.polishSeconds;
-    if (Better(features.verdict, result.verdict)) {
-      features.times.total += seconds;
-      result = features;
-    } else {
-      result.times.total += features.times.total + features.polishSeconds;
+  if (!options.polish) {
+    // Without the finish there is nothing to settle candidates by: the feature strategy
+    // runs as the operator runs it when the first result is doubtful, and the better is
+    // kept.
+    PairResult result = search(params.initialAlignment);
+    if (twoWays && result.verdict.doubtful) {
+      PairResult features = search(Registration::AlignFeatures);
+      const double seconds = result.times.total;
+      if (Better(features.verdict, result.verdict)) {
+        features.times.total += seconds;
+        result = features;
+      } else {
+        result.times.total += features.times.total;
+      }
+      result.triedFeatures = true;
     }
-    result.triedFeatures = true;
-    twins(result);
     return result;
   }
-  finish(result);
-  twins(result);
+
+  // A scene of several bodies facing a part alone (or the other way about): the
+  // automatic strategy's axes and moments are the scene's, not the part's, so the
+  // feature strategy's poses go first and the automatic search only follows when none of
+  // them is sound.
+  const bool scene = twoWays && pair.MovingBodies() != pair.FixedBodies();
+  std::vector<Candidate> tried;
+  const auto tryFeatures = [&](PairResult& r) {
+    const auto start = std::chrono::steady_clock::now();
+    for (const FeaturePose& pose : FeaturePoses(*searchMoving, *searchFixed))
+      tried.push_back(settled(pose.pose, Registration::AlignFeatures));
+    r.triedFeatures = true;
+    const double seconds = SecondsSince(start) + reduction;
+    r.times.reduction += reduction;
+    reduction = 0.0;  // counted once
+    r.times.alignment += seconds;
+    r.times.total += seconds;
+  };
+  // The best of the candidates from `first` on, when one beats `bar` (a support).
+  const auto bestOf = [&](std::size_t first, double bar) {
+    std::size_t best = tried.size();
+    for (std::size_t k = first; k < tried.size(); ++k)
+      if (Support(tried[k].verdict) > (best < tried.size() ? Support(tried[best].verdict) : bar)) best = k;
+    return best;
+  };
+  // `r` moved to candidate `k` and finished, kept when its verdict is better than the
+  // finished `r`'s (or `r` was never finished).
+  const auto takeIfBetter = [&](PairResult& r, std::size_t k) {
+    PairResult other = r;
+    other.transform = tried[k].pose;
+    other.used = tried[k].from;
+    other.error = tried[k].verdict.rms;  // the settled candidate's, on its sample
+    other.inliers = 0;
+    other.polished = false;
+    finish(other);
+    other.polishSeconds += r.polishSeconds;
+    if (!r.polished || Better(other.verdict, r.verdict))
+      r = other;
+    else
+      r.polishSeconds = other.polishSeconds;
+  };
+
+  PairResult result;
+  if (scene) {
+    tryFeatures(result);
+    const std::size_t best = bestOf(0, -std::numeric_limits<double>::infinity());
+    if (best < tried.size()) takeIfBetter(result, best);
+    if (!result.polished || result.verdict.doubtful) {
+      PairResult automatic = search(params.initialAlignment);
+      finish(automatic);
+      tried.push_back(
+          {automatic.transform, JudgePose(pair, automatic.transform, distance, kTwinSamples), automatic.used});
+      // The time of both goes to the one kept.
+      PairResult& kept = !result.polished || Better(automatic.verdict, result.verdict) ? automatic : result;
+      const PairResult& other = &kept == &automatic ? result : automatic;
+      kept.times.reduction += other.times.reduction;
+      kept.times.alignment += other.times.alignment;
+      kept.times.total += other.times.total;
+      kept.polishSeconds += other.polishSeconds;
+      kept.triedFeatures = true;
+      if (&kept == &automatic) result = automatic;
+    }
+  } else {
+    // A result that lays the two meshes fully on each other, finished, is the answer;
+    // one hopeless from the start is not finished unless nothing beats it.
+    result = search(params.initialAlignment);
+    const bool hopeless = twoWays && Support(result.verdict) < kHopelessSupport;
+    if (!hopeless) {
+      finish(result);
+      if (Support(result.verdict) >= kFullOverlap) return result;
+    }
+    // Otherwise it is set against other candidates: its twins, and with both ways the
+    // feature strategy's poses unless the result is sound and nearly full; each settled
+    // and measured on a sample, the best finished and judged in full, and kept when its
+    // verdict is better.
+    const auto start = std::chrono::steady_clock::now();
+    tried.push_back({result.transform, JudgePose(pair, result.transform, distance, kTwinSamples), result.used});
+    if (!hopeless)
+      for (const MMTransformMatrix& twin : twinsOf(result.transform)) tried.push_back(settled(twin, result.used));
+    const double seconds = SecondsSince(start);
+    result.times.alignment += seconds;
+    result.times.total += seconds;
+    if (twoWays && (result.verdict.doubtful || Support(result.verdict) < kSureSupport)) tryFeatures(result);
+    const std::size_t best = bestOf(1, Support(tried[0].verdict) + kTwinGain);
+    if (best < tried.size()) takeIfBetter(result, best);
+    if (!result.polished) {
+      const double first = result.polishSeconds;
+      finish(result);
+      result.polishSeconds += first;
+    }
+  }
+  // The answer is not unique when another pose, distinct from it, would pass as well
+  // with nearly as much support, unless the two are one under a symmetry of the fixed
+  // mesh (a symmetric body has several right answers).
+  if (!result.verdict.doubtful)
+    for (const Candidate& other : tried) {
+      const double degrees = TurnDegrees(other.pose, result.transform);
+      if (other.verdict.doubtful || degrees < kDistinctDegrees ||
+          Support(other.verdict) < kRivalShare * Support(result.verdict) ||
+          other.verdict.inconsistent > result.verdict.inconsistent + kRivalContradiction)
+        continue;
+      if (SelfOverlap(bodyFixed, other.pose * result.transform.Inverted(), distance) >= kSymmetricOverlap) continue;
+      result.verdict.doubtful = true;
+      char text[200];
+      std::snprintf(text, sizeof text,
+                    "not unique: a pose turned %.0f degrees from it lays %.0f%% of the moving mesh on the fixed "
+                    "mesh (and %.0f%% of the fixed on the moving) as well",
+                    degrees, 100.0 * other.verdict.overlap, 100.0 * other.verdict.fixedOverlap);
+      result.verdict.reason = text;
+      break;
+    }
   return result;
 }
 

@@ -1,11 +1,17 @@
 #pragma once
 // The registration of one mesh onto another as a host application wants it: files and
 // scans come with no starting pose, so the operator starts from the shapes' automatic
-// choice, and when that result is doubtful it tries the feature strategy as well and
-// keeps the better; then a point-to-plane finish on the full meshes; and a verdict on
-// what was found (verdict.h: the overlap, its RMS, and whether the result is doubtful
-// and why). Loose fragments of either mesh (floaters, debris) take no part in the
-// search or the finish.
+// choice; then a point-to-plane finish on the full meshes; and a verdict on what was
+// found (verdict.h: the overlap both ways, its RMS, and whether the result is doubtful
+// and why). A finished result that does not lay the meshes fully on each other is set
+// against other poses, each settled by a short ICP and measured on a sample: its twins
+// (half turns about the meshes' principal axes, where a near-symmetric body may lie as
+// well), and the feature strategy's poses when it is doubtful or leaves much off; the
+// best is finished and kept when its verdict is better, and a distinct pose that would
+// pass nearly as well makes the answer doubtful ("not unique"). A scene of several
+// bodies facing a part alone starts from the feature poses, since its axes are not the
+// part's. Loose fragments of either mesh (floaters, debris) take no part in the search,
+// the finish or the verdict.
 // MUserOperatorStlRegistration stays available for callers that want the operator's
 // own defaults and behaviour.
 
@@ -42,22 +48,26 @@ ZOR_PAIR_API std::optional<StrategyChoice> ParseStrategy(const std::string& name
 
 struct PairOptions {
   MUserOperatorStlRegistration::MParams params = PairDefaults();
-  // With the automatic strategy (params.initialAlignment), try the feature strategy as
-  // well when its result is doubtful, and keep the better (the default); other
-  // strategies run alone.
+  // With the automatic strategy (params.initialAlignment), try the feature strategy's
+  // poses as well when its result is doubtful or leaves much of either mesh off the
+  // other, and keep the better (the default); other strategies run alone, set against
+  // their twins only.
   bool withFeatures = true;
   bool polish = true;  // point-to-plane ICP on the full meshes after the operator
 };
 
 struct PairResult {
   MMTransformMatrix transform;  // moving onto fixed
-  double error = 0.0;           // internal units, the operator's measure
+  // Internal units: the operator's measure of the pose it found (the mean distance of its
+  // `inliers` closest samples), or for a pose the pair call settled beside it, the RMS of
+  // its sample on the fixed surface (`inliers` 0). Both before the finish.
+  double error = 0.0;
   std::uint64_t inliers = 0;
   MUserOperatorStlRegistration::MInitialAlignment used = MUserOperatorStlRegistration::AlignNone;
-  MUserOperatorStlRegistration::StageTimes times;  // of the run kept
+  MUserOperatorStlRegistration::StageTimes times;  // of the whole search: every run and candidate tried
   bool triedFeatures = false;
   bool polished = false;
-  double polishSeconds = 0.0;  // the finish, and the twins' when they were tried (AlignPair)
+  double polishSeconds = 0.0;  // the finishes (AlignPair may finish two poses)
   Verdict verdict;
 };
 

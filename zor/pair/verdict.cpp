@@ -46,6 +46,8 @@ constexpr double kNeighbourhoodShare = 0.03;
 // lies inside it is solid, what lies outside may be clutter. A range view, or a body cut
 // in half, has more.
 constexpr double kMostOpenOfClosed = 0.05;
+// The sample of the moving body that tells each point's neighbourhood in Counterparts.
+constexpr std::size_t kCounterpartSamples = 20000;
 
 // Every k-th point of `mesh` with a triangle, for at most `samples`.
 std::vector<const MStlPoint*> Sample(const MStlBase& mesh, std::size_t samples) {
@@ -117,6 +119,55 @@ std::string Text(const char* format, Values... values) {
   return text;
 }
 
+// The distance of each of `points`, placed by `pose`, to the fixed surface (beyond
+// `distance` at least the next double above it; the largest double when the fixed mesh
+// has no surface), and for one beyond `distance` the side of the fixed surface it lies
+// on (0 when its nearest fixed place is on an open border: beyond what the fixed mesh
+// shows).
+void Measure(const std::vector<const MStlPoint*>& points, const MMTransformMatrix& pose,
+             const MeshQueries::TriangleTreeHolder& fixedTree, double distance, std::vector<double>& found,
+             std::vector<std::uint8_t>& side) {
+  found.assign(points.size(), 0.0);
+  side.assign(points.size(), 0);
+  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, points.size(), 512),
+                    [&](const tbb::blocked_range<std::size_t>& r) {
+                      for (std::size_t k = r.begin(); k != r.end(); ++k) {
+                        MMVector3d p = points[k]->GetDouble();
+                        pose.Transform(p, false);
+                        MeshQueries::SurfacePlace place;
+                        if (MeshQueries::NearestSurfacePlace(fixedTree, p, distance, place)) {
+                          found[k] = place.distance;
+                          continue;
+                        }
+                        if (!MeshQueries::NearestSurfacePlace(fixedTree, p, HUGE_VAL, place)) {
+                          found[k] = std::numeric_limits<double>::max();
+                          continue;
+                        }
+                        found[k] = std::max(place.distance, std::nextafter(distance, HUGE_VAL));
+                        if (!MeshQueries::OnOpenBorder(place))
+                          side[k] = MeshQueries::SignedDistance(place, p) < 0.0 ? kBehind : kInFront;
+                      }
+                    });
+}
+
+// Whether a moving point off the fixed surface, on `side` of it, contradicts it: when it
+// lies inside a closed fixed surface (its solid), or, on either side, amid moving points
+// (of `cells`, whose distances are `found`) that lie on the fixed surface. Where the two
+// surfaces match all about, a point that leaves the surface is a mismatch (the wrong end
+// of a near-symmetric body), while clutter (a table, other objects) and the part of a
+// view that the other view did not see are surfaces of their own that match nowhere.
+bool Contradicts(std::uint8_t side, bool closed, const MMVector3d& at, const PointCells& cells,
+                 const std::vector<double>& found, double distance, double reach) {
+  if (side == 0) return false;
+  if (closed && side == kBehind) return true;
+  std::size_t on = 0, near = 0;
+  cells.ForNear(at, reach, [&](std::uint32_t j) {
+    ++near;
+    on += found[j] <= distance ? 1 : 0;
+  });
+  return near > 0 && 2 * on >= near;
+}
+
 }  // namespace
 
 SurfaceFacts StudySurface(const MStlBase& mesh) {
@@ -128,14 +179,17 @@ SurfaceFacts StudySurface(const MStlBase& mesh) {
 }
 
 PairSurfaces::PairSurfaces(MStlBase& movingMesh, MStlBase& fixedMesh) : moving(&movingMesh), fixed(&fixedMesh) {
-  const auto study = [](MStlBase& mesh, std::unique_ptr<MStlBase>& copy, SurfaceFacts& facts, double& loose) {
-    const MeshPieces pieces = FindPieces(mesh);
+  const auto study = [](MStlBase& mesh, std::unique_ptr<MStlBase>& copy, SurfaceFacts& facts, double& loose,
+                        std::size_t& bodies, MeshPieces& pieces) {
+    pieces = FindPieces(mesh);
     copy = WithoutLoosePieces(mesh, pieces);
     loose = LooseShare(mesh, pieces);
+    bodies = CountBodies(pieces);
     facts = StudySurface(copy ? *copy : mesh);
   };
-  tbb::parallel_invoke([&] { study(movingMesh, movingCopy, movingFacts, movingLoose); },
-                       [&] { study(fixedMesh, fixedCopy, fixedFacts, fixedLoose); });
+  MeshPieces fixedPieces;
+  tbb::parallel_invoke([&] { study(movingMesh, movingCopy, movingFacts, movingLoose, movingBodies, movingPieces); },
+                       [&] { study(fixedMesh, fixedCopy, fixedFacts, fixedLoose, fixedBodies, fixedPieces); });
 }
 
 double PairSurfaces::VerdictDistance(double least) const {
@@ -169,26 +223,11 @@ Verdict JudgePose(const PairSurfaces& pair, const MMTransformMatrix& pose, doubl
   }
   const bool closed = pair.FixedFacts().holeShare < kMostOpenOfClosed;
 
-  // The moving points: their distance within reach (the largest double beyond it), and
-  // whether one beyond it contradicts the fixed surface.
-  std::vector<double> found(movingPoints.size());
-  std::vector<std::uint8_t> contradicts(movingPoints.size(), 0);
-  tbb::parallel_for(
-      tbb::blocked_range<std::size_t>(0, movingPoints.size(), 512), [&](const tbb::blocked_range<std::size_t>& r) {
-        for (std::size_t k = r.begin(); k != r.end(); ++k) {
-          MMVector3d p = movingPoints[k]->GetDouble();
-          pose.Transform(p, false);
-          MeshQueries::SurfacePlace place;
-          if (MeshQueries::NearestSurfacePlace(*fixedTree, p, distance, place)) {
-            found[k] = place.distance;
-            continue;
-          }
-          found[k] = std::numeric_limits<double>::max();
-          if (!MeshQueries::NearestSurfacePlace(*fixedTree, p, HUGE_VAL, place) || MeshQueries::OnOpenBorder(place))
-            continue;
-          contradicts[k] = MeshQueries::SignedDistance(place, p) < 0.0 ? kBehind : kInFront;
-        }
-      });
+  // The moving points: their distance within reach, and which side of the fixed surface
+  // one beyond it lies on.
+  std::vector<double> found;
+  std::vector<std::uint8_t> side;
+  Measure(movingPoints, pose, *fixedTree, distance, found, side);
   // The fixed points on the moving surface.
   const MMTransformMatrix back = pose.Inverted();
   std::vector<double> fixedFound(fixedPoints.size());
@@ -203,31 +242,15 @@ Verdict JudgePose(const PairSurfaces& pair, const MMTransformMatrix& pose, doubl
                                             : std::numeric_limits<double>::max();
                       }
                     });
-  // A point off the fixed surface contradicts it when it lies inside a closed fixed
-  // surface (its solid), or, on either side, amid moving points that lie on the fixed
-  // surface: where the two surfaces match all about, a point that leaves the surface is a
-  // mismatch (the wrong end of a near-symmetric body), while clutter (a table, other
-  // objects) and the part of a view that the other view did not see are surfaces of their
-  // own that match nowhere.
   const double reach = kNeighbourhoodShare * Diagonal(moving);
   const PointCells cells(movingPoints, reach);
   std::vector<std::uint8_t> contradicting(movingPoints.size(), 0);
-  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, movingPoints.size(), 512),
-                    [&](const tbb::blocked_range<std::size_t>& r) {
-                      for (std::size_t k = r.begin(); k != r.end(); ++k) {
-                        if (contradicts[k] == 0) continue;
-                        if (closed && contradicts[k] == kBehind) {
-                          contradicting[k] = 1;
-                          continue;
-                        }
-                        std::size_t on = 0, near = 0;
-                        cells.ForNear(movingPoints[k]->GetDouble(), reach, [&](std::uint32_t j) {
-                          ++near;
-                          on += found[j] <= distance ? 1 : 0;
-                        });
-                        contradicting[k] = 2 * on >= near ? 1 : 0;
-                      }
-                    });
+  tbb::parallel_for(
+      tbb::blocked_range<std::size_t>(0, movingPoints.size(), 512), [&](const tbb::blocked_range<std::size_t>& r) {
+        for (std::size_t k = r.begin(); k != r.end(); ++k)
+          contradicting[k] =
+              Contradicts(side[k], closed, movingPoints[k]->GetDouble(), cells, found, distance, reach) ? 1 : 0;
+      });
   std::size_t contradictions = 0;
   for (std::uint8_t c : contradicting) contradictions += c;
   v.inconsistent = static_cast<double>(contradictions) / static_cast<double>(movingPoints.size());
@@ -253,6 +276,53 @@ Verdict JudgePose(const PairSurfaces& pair, const MMTransformMatrix& pose, doubl
                     100.0 * v.rms / distance);
   }
   return v;
+}
+
+std::vector<std::uint8_t> Counterparts(const PairSurfaces& pair, const MMTransformMatrix& pose, double distance,
+                                       double far) {
+  const MStlBase& caller = pair.CallerMoving();
+  std::vector<const MStlPoint*> points;
+  points.reserve(caller.NumberOfPoints());
+  for (const MStlPoint* p = caller.GetFirstPoint(); p != nullptr; p = p->GetNext()) points.push_back(p);
+  std::vector<std::uint8_t> counterpart(points.size(), 1);
+  const MStlBase& fixed = pair.Fixed();
+  const MeshQueries::TriangleTreeHolder* fixedTree = MeshQueries::GetTriangleTree(MeshQueries::MeshHandle(&fixed));
+  if (points.empty() || fixedTree == nullptr || fixedTree->GetTree().GetObjects().empty()) return counterpart;
+  // Whether a point contradicts the fixed surface is told by its neighbours among the
+  // verdict's sample of the body, as the verdict tells it.
+  const std::vector<const MStlPoint*> sample = Sample(pair.Moving(), kCounterpartSamples);
+  std::vector<double> sampleFound;
+  std::vector<std::uint8_t> sampleSide;
+  Measure(sample, pose, *fixedTree, distance, sampleFound, sampleSide);
+  const double reach = kNeighbourhoodShare * Diagonal(pair.Moving());
+  const PointCells cells(sample, reach);
+  // Every point: what lies on the fixed surface has a counterpart; beyond the distance,
+  // one whose nearest fixed place is on the open border has none (the fixed mesh did not
+  // see there); one within `far` has, a deviation however large; beyond that only one
+  // that contradicts the fixed surface.
+  std::vector<double> found;
+  std::vector<std::uint8_t> side;
+  Measure(points, pose, *fixedTree, distance, found, side);
+  const bool closed = pair.FixedFacts().holeShare < kMostOpenOfClosed;
+  const MeshPieces& pieces = pair.MovingPieces();
+  tbb::parallel_for(
+      tbb::blocked_range<std::size_t>(0, points.size(), 512), [&](const tbb::blocked_range<std::size_t>& r) {
+        for (std::size_t k = r.begin(); k != r.end(); ++k) {
+          if (pieces.IsLoose(*points[k])) {
+            counterpart[k] = 0;
+            continue;
+          }
+          if (found[k] <= distance) continue;
+          if (side[k] == 0) {
+            counterpart[k] = 0;
+            continue;
+          }
+          if (found[k] <= far) continue;
+          counterpart[k] =
+              Contradicts(side[k], closed, points[k]->GetDouble(), cells, sampleFound, distance, reach) ? 1 : 0;
+        }
+      });
+  return counterpart;
 }
 
 double Support(const Verdict& v) { return std::max(v.overlap, v.fixedOverlap) - kContradictionWeight * v.inconsistent; }

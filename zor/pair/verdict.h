@@ -26,8 +26,10 @@
 // use); several verdicts may run at once.
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "zor/model/stl_base.h"
 #include "zor/model/transform.h"
@@ -66,6 +68,9 @@ public:
   PairSurfaces(const PairSurfaces&) = delete;
   PairSurfaces& operator=(const PairSurfaces&) = delete;
 
+  // The meshes as given, and their pieces (the moving mesh's).
+  const MStlBase& CallerMoving() const { return *moving; }
+  const MeshPieces& MovingPieces() const { return movingPieces; }
   // The bodies: the meshes, or their copies without loose pieces.
   MStlBase& Moving() const { return movingCopy ? *movingCopy : *moving; }
   MStlBase& Fixed() const { return fixedCopy ? *fixedCopy : *fixed; }
@@ -74,6 +79,9 @@ public:
   // Shares of the meshes' points in loose pieces.
   double MovingLoose() const { return movingLoose; }
   double FixedLoose() const { return fixedLoose; }
+  // How many bodies each mesh shows (CountBodies): a part alone, or a scene of several.
+  std::size_t MovingBodies() const { return movingBodies; }
+  std::size_t FixedBodies() const { return fixedBodies; }
   // The distance a verdict on the two measures within: three times the combined noise
   // of the moving points and roughness of the fixed surface (the moving mesh is measured
   // by its points, which lie on the surface however coarse its triangles; the fixed one
@@ -87,6 +95,8 @@ private:
   std::unique_ptr<MStlBase> movingCopy, fixedCopy;
   SurfaceFacts movingFacts, fixedFacts;
   double movingLoose = 0.0, fixedLoose = 0.0;
+  std::size_t movingBodies = 0, fixedBodies = 0;
+  MeshPieces movingPieces;
 };
 
 // Judges `pose` (moving onto fixed) within `distance`, on up to `samples` points of
@@ -97,6 +107,16 @@ ZOR_PAIR_API Verdict JudgePose(const PairSurfaces& pair, const MMTransformMatrix
 // As above, for two meshes studied first (their loose pieces left out).
 ZOR_PAIR_API Verdict JudgePose(const MStlBase& moving, const MStlBase& fixed, const MMTransformMatrix& pose,
                                double distance);
+
+// Which points of the moving mesh as given (one flag per point, list order) have a
+// counterpart on the fixed surface under `pose`, as the verdict within `distance` sees
+// them: 0 for a point of a loose piece, for one off the fixed surface whose nearest fixed
+// place is on its open border (beyond what the fixed mesh shows), and for one farther
+// than `far` that does not contradict the fixed surface (clutter: a table, other
+// objects); 1 for every other, however far it deviates. A deviation map shows the points without one
+// apart, out of its figures.
+ZOR_PAIR_API std::vector<std::uint8_t> Counterparts(const PairSurfaces& pair, const MMTransformMatrix& pose,
+                                                    double distance, double far);
 
 // How much a verdict speaks for its pose: the overlap (the larger way) less four times
 // the share that contradicts the fixed surface, since a contradiction is evidence

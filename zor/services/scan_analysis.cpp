@@ -101,6 +101,14 @@ MeshPieces FindPieces(const MStlBase& mesh, double looseShare) {
   return pieces;
 }
 
+std::size_t CountBodies(const MeshPieces& pieces, double bodyShare) {
+  const double largest = pieces.area.empty() ? 0.0 : *std::max_element(pieces.area.begin(), pieces.area.end());
+  std::size_t bodies = 0;
+  for (std::size_t k = 0; k < pieces.area.size(); ++k)
+    bodies += pieces.loose[k] == 0 && pieces.area[k] >= bodyShare * largest ? 1 : 0;
+  return bodies;
+}
+
 std::unique_ptr<MStlBase> WithoutLoosePieces(const MStlBase& mesh, const MeshPieces& pieces) {
   if (pieces.loosePieces == 0) return nullptr;
   std::vector<double> xyz;

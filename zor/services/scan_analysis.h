@@ -44,6 +44,11 @@ struct MeshPieces {
 // more area than the body (a small part in a big messy scan).
 ZOR_SERVICES_API MeshPieces FindPieces(const MStlBase& mesh, double looseShare = 0.02);
 
+// The pieces of `pieces` that are bodies of their own: not loose, and at least
+// `bodyShare` of the largest piece's area (a part and the table it stands on; not a
+// fragment a little above the loose share).
+ZOR_SERVICES_API std::size_t CountBodies(const MeshPieces& pieces, double bodyShare = 0.1);
+
 // A copy of `mesh` without its loose pieces, or null when it has none.
 ZOR_SERVICES_API std::unique_ptr<MStlBase> WithoutLoosePieces(const MStlBase& mesh, const MeshPieces& pieces);
 
