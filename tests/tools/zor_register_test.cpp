@@ -17,7 +17,9 @@
 #include <nlohmann/json.hpp>
 
 #include "generators/bodies.h"
+#include "generators/mesh_arrays.h"
 #include "generators/poses.h"
+#include "generators/scan_cases.h"
 #include "generators/small_meshes.h"
 #include "zor/files/mesh_files.h"
 #include "zor/model/unit.h"
@@ -186,6 +188,25 @@ TEST_F(ZorRegister, ADoubtfulResultIsReportedAndWarnedOfButNotAnError) {
   EXPECT_NE(report["doubt"].get<std::string>().find("lies on the fixed mesh"), std::string::npos);
   // Both ways were tried; quiet keeps stderr empty.
   EXPECT_EQ(Tool("align ball.stl box.stl --quiet --strategy features").err, "");
+}
+
+// A part scanned on a table beside other objects, aligned onto the part alone: the
+// result is sound, and the map greys the table and the objects out of its figures
+// instead of colouring them as deviations.
+TEST_F(ZorRegister, AlignMapsTheClutterOfAScanAsWithoutCounterpart) {
+  const zorgen::MeshArrays body = zorgen::ScaledToDiagonal(zorgen::MakeLumpyBody(11, 12000), 200000.0);
+  const zorgen::ScanCase c = zorgen::MakeScanCase(body, zorgen::ScanKind::Scene, 3);
+  ZorStlRegistration::WriteMesh(*zorgen::MakeMesh(c.moving), nullptr, 1.0, Path("scan.ply"), false);
+  ZorStlRegistration::WriteMesh(*zorgen::MakeMesh(c.fixed), nullptr, 1.0, Path("part.stl"), false);
+  const nlohmann::json report = ParseJson(Tool("align scan.ply part.stl --json --deviation map.ply"));
+  EXPECT_EQ(report["doubtful"], false) << report["doubt"];
+  std::size_t clutter = 0;
+  for (const std::uint8_t on : c.onFixed) clutter += on == 0 ? 1 : 0;
+  const std::size_t apart = report["deviation"]["without_counterpart"].get<std::size_t>();
+  EXPECT_GT(apart, clutter / 2);
+  EXPECT_LT(apart, clutter + clutter / 10);
+  EXPECT_GT(report["deviation"]["within_range"].get<double>(), 0.95);
+  EXPECT_NE(Slurp("map.ply").find("grey without a counterpart"), std::string::npos);
 }
 
 // The multi-start ICP from the files alone, on a body with a deep relief (the search

@@ -65,6 +65,19 @@ std::string NoOverlapProblem(const Verdict& v, double toFile, const char* what) 
              : "No part of MOVING lies within " + Figure(v.distance * toFile) + " file units of FIXED: " + what;
 }
 
+// The deviation of a registration's result, when a map or a report was asked for:
+// green within the verdict's distance (what it counts as lying on the fixed surface;
+// `fallback`, file units, when it has none), the points without a counterpart grey.
+std::optional<Deviation> RegisteredDeviation(const DeviationOptions& deviation, const LoadedMesh& moving,
+                                             const MMTransformMatrix& pose, const LoadedMesh& fixed, const Verdict& v,
+                                             double fallback, double toFile, const CommonOptions& common) {
+  if (deviation.path.empty() && deviation.report.empty()) return std::nullopt;
+  const ZorStlRegistration::PairSurfaces pair(*moving.mesh, *fixed.mesh);
+  const Registered registered{&pair, v.distance};
+  return MakeDeviationMap(deviation, *moving.mesh, &pose, *fixed.mesh,
+                          v.distance > 0.0 ? v.distance * toFile : fallback, common, &registered);
+}
+
 }  // namespace
 
 int RunAlign(const std::string& movingPath, const std::string& fixedPath, const std::string& output,
@@ -88,9 +101,8 @@ int RunAlign(const std::string& movingPath, const std::string& fixedPath, const 
   }
   const double toFile = 1.0 / (common.scale * MUnit::GetIE());
   if (!output.empty()) WriteMesh(*moving.mesh, &result.transform, common.scale, output, common.ascii);
-  // Green within three times the error the search reports.
-  const std::optional<Deviation> map =
-      MakeDeviationMap(deviation, *moving.mesh, &result.transform, *fixed.mesh, 3.0 * result.error * toFile, common);
+  const std::optional<Deviation> map = RegisteredDeviation(deviation, moving, result.transform, fixed, result.verdict,
+                                                           3.0 * result.error * toFile, toFile, common);
   WarnIfDoubtful(result.verdict, common);
   ResultDescription d = DescribeAlign(movingPath, moving, fixedPath, fixed, options, result, toFile);
   DescribeOutputs(d, output, deviation, map, common.scale);
@@ -119,9 +131,8 @@ int RunIcp(const std::string& movingPath, const std::string& fixedPath, const st
   }
   const double toFile = 1.0 / (common.scale * MUnit::GetIE());
   if (!output.empty()) WriteMesh(*moving.mesh, &run.transform, common.scale, output, common.ascii);
-  // Green within three times the search's RMS error.
   const std::optional<Deviation> map =
-      MakeDeviationMap(deviation, *moving.mesh, &run.transform, *fixed.mesh, 3.0 * run.rms * toFile, common);
+      RegisteredDeviation(deviation, moving, run.transform, fixed, run.verdict, 3.0 * run.rms * toFile, toFile, common);
   WarnIfDoubtful(run.verdict, common);
   ResultDescription d = DescribeIcp(movingPath, moving, fixedPath, fixed, options, run, toFile);
   DescribeOutputs(d, output, deviation, map, common.scale);

@@ -123,17 +123,37 @@ void CheckDeviationPath(const DeviationOptions& deviation) {
   CheckOutputPath(path);
 }
 
+namespace {
+
+// A point that lies farther off than this many times the map's range and does not
+// contradict the fixed surface is clutter, not a deviation: a table or a clamp scanned
+// with the part.
+constexpr double kClutterRanges = 5.0;
+
+}  // namespace
+
 std::optional<Deviation> MakeDeviationMap(const DeviationOptions& deviation, const MStlBase& moving,
                                           const MMTransformMatrix* pose, const MStlBase& fixed, double defaultRange,
-                                          const CommonOptions& common) {
+                                          const CommonOptions& common, const Registered* registered) {
   if (deviation.path.empty() && deviation.report.empty()) return std::nullopt;
   const double gridPerFileUnit = common.scale * MUnit::GetIE();
   Deviation d;
   d.range = (deviation.range > 0.0 ? deviation.range : defaultRange) * gridPerFileUnit;
   if (!(d.range > 0.0)) d.range = 1.0;
   d.distances = SignedDistances(moving, pose, fixed);
-  if (!deviation.path.empty()) WriteDeviationMap(moving, pose, common.scale, deviation.path, d.distances, d.range);
-  d.summary = SummariseDeviation(d.distances, d.range);
+  std::vector<double> counted;
+  if (registered != nullptr && registered->pair != nullptr) {
+    const MMTransformMatrix identity;
+    d.counterpart = ZorStlRegistration::Counterparts(*registered->pair, pose != nullptr ? *pose : identity,
+                                                     registered->verdictDistance, kClutterRanges * d.range);
+    for (std::size_t i = 0; i < d.distances.size(); ++i)
+      if (d.counterpart[i] != 0) counted.push_back(d.distances[i]);
+    d.withoutCounterpart = d.distances.size() - counted.size();
+    if (d.withoutCounterpart == 0) d.counterpart.clear();
+  }
+  if (!deviation.path.empty())
+    WriteDeviationMap(moving, pose, common.scale, deviation.path, d.distances, d.range, d.counterpart);
+  d.summary = SummariseDeviation(d.counterpart.empty() ? d.distances : counted, d.range);
   d.summary.tolerance /= gridPerFileUnit;
   d.summary.percentile95 /= gridPerFileUnit;
   d.summary.largest /= gridPerFileUnit;
@@ -152,6 +172,7 @@ void WriteReport(const DeviationOptions& deviation, const std::optional<Deviatio
   r.fixed = &fixed;
   r.distances = measured->distances;
   r.range = measured->range;
+  r.counterpart = measured->counterpart;
   r.scale = common.scale;
   r.rows = rows;
   r.problem = problem;

@@ -2,6 +2,8 @@
 // What the subcommands share in what they print: warnings, poses and transforms, stage
 // times, the meshes read, the JSON report's parts, and the deviation map of a result.
 
+#include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <utility>
@@ -50,17 +52,31 @@ void CheckDeviationPath(const DeviationOptions& deviation);
 // The signed distances of a result and their summary in file units, when a deviation
 // map or a report was asked for.
 struct Deviation {
-  DeviationSummary summary;       // file units
+  DeviationSummary summary;       // file units, of the points with a counterpart
   std::vector<double> distances;  // internal units, one per moving point
   double range = 0.0;             // internal units
+  // Empty when every point has a counterpart on the fixed surface; else one flag per
+  // moving point, 0 for clutter or a point beyond the fixed mesh's border.
+  std::vector<std::uint8_t> counterpart;
+  std::size_t withoutCounterpart = 0;
+};
+
+// A registration's result, for telling which moved points have a counterpart as its
+// verdict sees them (ZorStlRegistration::Counterparts).
+struct Registered {
+  const ZorStlRegistration::PairSurfaces* pair = nullptr;
+  double verdictDistance = 0.0;  // internal units
 };
 
 // Measures the deviation of `moving` (moved by `pose` when not null) from `fixed` and
 // writes the map when one was asked for; nothing when neither a map nor a report was.
 // The range is the one asked for, else `defaultRange` (file units), else one grid step.
+// With `registered`, points without a counterpart are told apart (grey, out of the
+// figures): beside the verdict's own, what lies farther than kClutterRanges times the
+// range without contradicting the fixed surface.
 std::optional<Deviation> MakeDeviationMap(const DeviationOptions& deviation, const MStlBase& moving,
                                           const MMTransformMatrix* pose, const MStlBase& fixed, double defaultRange,
-                                          const CommonOptions& common);
+                                          const CommonOptions& common, const Registered* registered = nullptr);
 
 // Writes the inspection report when one was asked for: the result coloured by its
 // deviation, with `rows` as its summary and `problem` (when not empty) above them.

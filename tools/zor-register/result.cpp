@@ -80,6 +80,11 @@ void DescribeOutputs(ResultDescription& d, const std::string& output, const Devi
                             100.0 * s.withinShare, s.tolerance, s.percentile95, s.largest));
   Json& j = d.json["deviation"];
   j = Json{{"range", s.tolerance}, {"within_range", s.withinShare}, {"p95", s.percentile95}, {"largest", s.largest}};
+  if (measured->withoutCounterpart > 0)
+    d.Add("unmatched", Format("%zu vertices without a counterpart on FIXED (clutter, or beyond its border): grey, "
+                              "out of the figures above",
+                              measured->withoutCounterpart));
+  j["without_counterpart"] = measured->withoutCounterpart;
   if (!deviation.path.empty()) {
     d.Add("wrote", deviation.path + " (deviation map: signed distance as vertex quality, and colours)");
     j["map"] = deviation.path;
@@ -107,8 +112,10 @@ ResultDescription DescribeAlign(const std::string& movingPath, const LoadedMesh&
   d.Add("transform", TransformLines(result.transform, toFile));
   d.json["transform"] = TransformJson(result.transform, toFile);
   const double error = result.error * toFile;
-  d.Add("error", Format("%.6g file units (mean distance of the %llu closest samples, before the finish)", error,
-                        static_cast<unsigned long long>(result.inliers)));
+  d.Add("error", result.inliers > 0
+                     ? Format("%.6g file units (mean distance of the %llu closest samples, before the finish)", error,
+                              static_cast<unsigned long long>(result.inliers))
+                     : Format("%.6g file units (RMS of the samples on the fixed surface, before the finish)", error));
   d.json["error"] = error;
   d.json["inliers"] = result.inliers;
   d.json["samples"] = params.sampleCount;

@@ -219,20 +219,23 @@ FileGeometry InFileUnits(const MStlBase& mesh, const MMTransformMatrix* pose, do
 }  // namespace detail
 
 void WriteDeviationMap(const MStlBase& mesh, const MMTransformMatrix* pose, double scale, const std::string& path,
-                       const std::vector<double>& distances, double range) {
+                       const std::vector<double>& distances, double range,
+                       const std::vector<std::uint8_t>& counterpart) {
   const std::string extension = LowerExtension(path);
   if (extension != ".ply") throw InputError("the deviation map " + Quoted(path) + " must be a .ply file");
   CheckOutputPath(path);
   const detail::FileGeometry g = detail::InFileUnits(mesh, pose, scale);
   if (distances.size() != g.points.size())
     throw std::logic_error("WriteDeviationMap: one distance per point is needed");
+  if (!counterpart.empty() && counterpart.size() != g.points.size())
+    throw std::logic_error("WriteDeviationMap: one counterpart flag per point is needed");
   const double gridPerFileUnit = scale * MUnit::GetIE();
   detail::AtomicFile out(path);
   out.Append("ply\nformat binary_little_endian 1.0\ncomment deviation map written by zor-register\n");
   out.Append("comment quality: signed distance to the fixed surface in file units, positive outside\n");
   out.Append("comment colours: green within ");
   out.Append(range / gridPerFileUnit);
-  out.Append(" file units, yellow to red above, cyan to blue below\nelement vertex ");
+  out.Append(" file units, yellow to red above, cyan to blue below, grey without a counterpart\nelement vertex ");
   out.Append(std::uint64_t{g.points.size()});
   out.Append(
       "\nproperty float x\nproperty float y\nproperty float z\nproperty float quality\n"
@@ -242,7 +245,8 @@ void WriteDeviationMap(const MStlBase& mesh, const MMTransformMatrix* pose, doub
   for (std::size_t i = 0; i < g.points.size(); ++i) {
     for (int k = 0; k < 3; ++k) out.AppendRaw(static_cast<float>(g.points[i][k]));
     out.AppendRaw(static_cast<float>(distances[i] / gridPerFileUnit));
-    for (const std::uint8_t c : DeviationColour(distances[i], range)) out.AppendRaw(c);
+    const bool apart = !counterpart.empty() && counterpart[i] == 0;
+    for (const std::uint8_t c : apart ? kNoCounterpartColour : DeviationColour(distances[i], range)) out.AppendRaw(c);
   }
   for (std::size_t t = 0; t < g.triangles.size(); t += 3) {
     out.AppendRaw(std::uint8_t{3});

@@ -8,6 +8,7 @@
 // MUnit::GetIE() (giving grid units); on the way out they are divided by both.
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -57,9 +58,11 @@ ZOR_FILES_API void WriteMesh(const MStlBase& mesh, const MMTransformMatrix* pose
 // Writes the deviation map: `mesh` (moved by `pose` when not null) as binary PLY with
 // each vertex's signed distance (`distances`, internal units, one per point in list
 // order) as a float `quality` in file units and its colour (see DeviationColour, with
-// `range` in internal units). Throws InputError unless `path` ends in .ply, and as
-// WriteMesh.
+// `range` in internal units). A point whose flag in `counterpart` (when not empty, one
+// per point) is 0 has no counterpart on the fixed surface and is grey, its distance kept
+// as its quality. Throws InputError unless `path` ends in .ply, and as WriteMesh.
 ZOR_FILES_API void WriteDeviationMap(const MStlBase& mesh, const MMTransformMatrix* pose, double scale,
-                                     const std::string& path, const std::vector<double>& distances, double range);
+                                     const std::string& path, const std::vector<double>& distances, double range,
+                                     const std::vector<std::uint8_t>& counterpart = {});
 
 }  // namespace ZorStlRegistration
