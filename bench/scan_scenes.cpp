@@ -20,7 +20,8 @@
 //
 // --save DIR writes every case as DIR/NNN_moving.ply and DIR/NNN_fixed.ply (millimetres)
 // with DIR/cases.txt listing them, for bench/peers/open3d_scan_scenes.py, which writes
-// the transforms it finds and its seconds to a file; --peer FILE judges that file's
+// the transforms it finds and its seconds to a file (and its verdicts, when it gives
+// any: an earlier build of ours through the tool's JSON); --peer FILE judges that file's
 // results on the same cases by the same measures and prints them beside ours.
 // --verdicts judges the verdict alone on the true pose and on wrong poses that the finish
 // has settled (see RunVerdicts), instead of running the pair call.
@@ -153,9 +154,17 @@ std::vector<Body> LoadBodies(const std::vector<std::string>& names, const std::s
   return bodies;
 }
 
-// The peer's results by case number: seconds and the transform (millimetres).
-std::map<int, std::pair<double, MMTransformMatrix>> ReadPeer(const std::string& path) {
-  std::map<int, std::pair<double, MMTransformMatrix>> out;
+// A peer's result: its seconds, the transform (millimetres), and its verdict when it
+// gives one (a 19th value on the line, 1 for doubtful; -1 when there is none).
+struct PeerResult {
+  double seconds = 0.0;
+  MMTransformMatrix transform;
+  int doubtful = -1;
+};
+
+// The peer's results by case number.
+std::map<int, PeerResult> ReadPeer(const std::string& path) {
+  std::map<int, PeerResult> out;
   std::ifstream in(path);
   std::string line;
   while (std::getline(in, line)) {
@@ -167,7 +176,9 @@ std::map<int, std::pair<double, MMTransformMatrix>> ReadPeer(const std::string& 
     for (int r = 0; r < 3; ++r) m[4 * r + 3] *= 1000.0;
     MMTransformMatrix t;
     t.MakeFromDouble16(m);
-    out[id] = {seconds, t};
+    int doubtful = -1;
+    if (!(s >> doubtful)) doubtful = -1;
+    out[id] = {seconds, t, doubtful};
   }
   return out;
 }
@@ -289,7 +300,9 @@ int main(int argc, char** argv) {
     RunVerdicts(bodies, kinds, poses, verbose);
     return 0;
   }
-  const auto peerResults = peer.empty() ? std::map<int, std::pair<double, MMTransformMatrix>>() : ReadPeer(peer);
+  const auto peerResults = peer.empty() ? std::map<int, PeerResult>() : ReadPeer(peer);
+  const bool peerVerdicts =
+      std::any_of(peerResults.begin(), peerResults.end(), [](const auto& entry) { return entry.second.doubtful >= 0; });
   std::ofstream manifest;
   if (!save.empty()) {
     std::filesystem::create_directories(save);
@@ -298,8 +311,13 @@ int main(int argc, char** argv) {
   std::printf("scan scenes: %zu bodies, %d poses, %ld threads; the pair call with its defaults%s\n\n", bodies.size(),
               poses, threads, peer.empty() ? "" : "; beside it the peer's results from the file given");
   std::printf("| kind | cases | on surface | strict | right, doubted | wrong, unwarned | median ms |%s digest |\n",
-              peer.empty() ? "" : " peer on surface | peer strict | peer median ms |");
-  std::printf("|---|---|---|---|---|---|---|%s---|\n", peer.empty() ? "" : "---|---|---|");
+              peer.empty() ? ""
+              : peerVerdicts
+                  ? " peer on surface | peer strict | peer right, doubted | peer wrong, unwarned | peer median ms |"
+                  : " peer on surface | peer strict | peer median ms |");
+  std::printf("|---|---|---|---|---|---|---|%s---|\n", peer.empty()   ? ""
+                                                       : peerVerdicts ? "---|---|---|---|---|"
+                                                                      : "---|---|---|");
   Tally all, peerAll;
   int id = 0;
   for (const zorgen::ScanKind kind : kinds) {
@@ -343,19 +361,24 @@ int main(int argc, char** argv) {
                        r.polishSeconds * 1000.0, r.verdict.doubtful ? ", doubtful: " : "", r.verdict.reason.c_str());
         const auto found = peerResults.find(id);
         if (found != peerResults.end()) {
-          const Judged pj = Judge(c, *fixed, found->second.second);
+          const PeerResult& pr = found->second;
+          const Judged pj = Judge(c, *fixed, pr.transform);
           for (Tally* t : {&peerTally, &peerAll}) {
             ++t->cases;
             t->onSurface += pj.onSurface ? 1 : 0;
             t->strict += pj.strict ? 1 : 0;
-            t->ms.push_back(found->second.first * 1000.0);
+            t->doubted += pj.onSurface && pr.doubtful == 1 ? 1 : 0;
+            t->unwarned += !pj.onSurface && pr.doubtful == 0 ? 1 : 0;
+            t->ms.push_back(pr.seconds * 1000.0);
           }
         }
       }
     const auto row = [&](const char* name, const Tally& t, const Tally& pt) {
       std::printf("| %s | %d | %d | %d | %d of %d | %d | %.0f |", name, t.cases, t.onSurface, t.strict, t.doubted,
                   t.onSurface, t.unwarned, Median(t.ms));
-      if (!peer.empty()) std::printf(" %d/%d | %d | %.0f |", pt.onSurface, pt.cases, pt.strict, Median(pt.ms));
+      if (!peer.empty()) std::printf(" %d/%d | %d |", pt.onSurface, pt.cases, pt.strict);
+      if (peerVerdicts) std::printf(" %d of %d | %d |", pt.doubted, pt.onSurface, pt.unwarned);
+      if (!peer.empty()) std::printf(" %.0f |", Median(pt.ms));
       std::printf(" %016llx |\n", static_cast<unsigned long long>(t.digest));
       std::fflush(stdout);
     };

@@ -85,6 +85,7 @@ IcpResult RunIcp(const py::object& movingObject, const py::object& fixedObject, 
   out.refined = r.refined;
   out.polished = r.polished;
   out.overlap = r.verdict.overlap;
+  out.fixed_overlap = r.verdict.fixedOverlap;
   out.overlap_rms = r.verdict.rms / MUnit::GetIE();
   out.doubtful = r.verdict.doubtful;
   out.doubt = r.verdict.reason;

@@ -169,18 +169,19 @@ FileNotFoundError for a missing file and ValueError for a malformed one, naming 
   py::class_<RegisterResult> registerResult(m, "RegisterResult", "What zor.register found.");
   Fields(registerResult,
          {"transform", "error", "strategy", "strategy_used", "inliers", "iterations", "tried_features", "polished",
-          "overlap", "overlap_rms", "overlap_distance", "doubtful", "doubt", "seconds"},
+          "overlap", "fixed_overlap", "overlap_rms", "overlap_distance", "doubtful", "doubt", "seconds"},
          &RegisterResult::transform, &RegisterResult::error, &RegisterResult::strategy, &RegisterResult::strategy_used,
          &RegisterResult::inliers, &RegisterResult::iterations, &RegisterResult::tried_features,
-         &RegisterResult::polished, &RegisterResult::overlap, &RegisterResult::overlap_rms,
-         &RegisterResult::overlap_distance, &RegisterResult::doubtful, &RegisterResult::doubt,
-         &RegisterResult::seconds);
+         &RegisterResult::polished, &RegisterResult::overlap, &RegisterResult::fixed_overlap,
+         &RegisterResult::overlap_rms, &RegisterResult::overlap_distance, &RegisterResult::doubtful,
+         &RegisterResult::doubt, &RegisterResult::seconds);
   py::class_<IcpResult> icpResult(m, "IcpResult", "What zor.icp found.");
   Fields(icpResult,
-         {"transform", "rms_error", "starts", "refined", "polished", "overlap", "overlap_rms", "doubtful", "doubt",
-          "seconds"},
+         {"transform", "rms_error", "starts", "refined", "polished", "overlap", "fixed_overlap", "overlap_rms",
+          "doubtful", "doubt", "seconds"},
          &IcpResult::transform, &IcpResult::rms_error, &IcpResult::starts, &IcpResult::refined, &IcpResult::polished,
-         &IcpResult::overlap, &IcpResult::overlap_rms, &IcpResult::doubtful, &IcpResult::doubt, &IcpResult::seconds);
+         &IcpResult::overlap, &IcpResult::fixed_overlap, &IcpResult::overlap_rms, &IcpResult::doubtful,
+         &IcpResult::doubt, &IcpResult::seconds);
   py::class_<MorphResult> morphResult(m, "MorphResult", "What zor.morph made.");
   Fields(morphResult,
          {"vertices", "triangles", "mesh", "max_distance", "mean_distance", "fraction_within", "tolerance",
@@ -228,8 +229,8 @@ progress: None, True (a tqdm bar) or a callable (label, done, total).
 
 Returns a RegisterResult: transform (4x4, points as column vectors, shift in mm), error
 (mm), strategy_used, inliers, iterations, overlap (share of moving within
-overlap_distance mm of fixed), overlap_rms (mm), doubtful and doubt (why), seconds by
-stage. The interpreter is free for other threads while it runs.)");
+overlap_distance mm of fixed, loose fragments aside), fixed_overlap (share of fixed
+within it of moving), overlap_rms (mm), doubtful and doubt (why), seconds by stage. The interpreter is free for other threads while it runs.)");
 
   const Icp::MParams i;
   m.def("icp", &RunIcp, py::arg("moving"), py::arg("fixed"), py::kw_only(), py::arg("single") = !i.multiStart,
@@ -252,8 +253,8 @@ a sample this many times larger. polish: finish with point-to-plane ICP on the f
 meshes, as register does. progress: as in register.
 
 Returns an IcpResult: transform (4x4, shift in mm), rms_error (mm, of the search, before
-the finish), starts, refined, polished, overlap, overlap_rms (mm), doubtful and doubt
-(why), seconds by stage.)");
+the finish), starts, refined, polished, overlap, fixed_overlap, overlap_rms (mm), doubtful
+and doubt (why), seconds by stage.)");
 
   const ZorStlRegistration::MorphOptions mo;
   m.def("morph", &Morph, py::arg("moving"), py::arg("target"), py::kw_only(), py::arg("register") = mo.registerFirst,

@@ -75,7 +75,7 @@ struct RegisterResult {
   std::string strategy, strategy_used;
   std::uint64_t inliers = 0, iterations = 0;
   bool tried_features = false, polished = false;
-  double overlap = 0.0, overlap_rms = 0.0, overlap_distance = 0.0;
+  double overlap = 0.0, fixed_overlap = 0.0, overlap_rms = 0.0, overlap_distance = 0.0;
   bool doubtful = false;
   std::string doubt;
   py::dict seconds;
@@ -87,7 +87,7 @@ struct IcpResult {
   std::uint64_t starts = 0;
   bool refined = false;
   bool polished = false;
-  double overlap = 0.0, overlap_rms = 0.0;
+  double overlap = 0.0, fixed_overlap = 0.0, overlap_rms = 0.0;
   bool doubtful = false;
   std::string doubt;
   py::dict seconds;

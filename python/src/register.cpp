@@ -101,6 +101,7 @@ RegisterResult Register(const py::object& movingObject, const py::object& fixedO
   out.tried_features = r.triedFeatures;
   out.polished = r.polished;
   out.overlap = r.verdict.overlap;
+  out.fixed_overlap = r.verdict.fixedOverlap;
   out.overlap_rms = r.verdict.rms / ie;
   out.overlap_distance = r.verdict.distance / ie;
   out.doubtful = r.verdict.doubtful;

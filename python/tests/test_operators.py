@@ -19,6 +19,7 @@ def test_register_recovers_a_pose_and_reports_it(body, moved, pose):
     assert np.abs(back - body.vertices).max() < 0.05
     assert result.strategy == "auto+features" and result.strategy_used in ("axes", "rod", "disc", "ball", "features")
     assert not result.doubtful and result.doubt == "" and result.overlap > 0.95 and result.polished
+    assert result.fixed_overlap > 0.95
     assert result.seconds["total"] >= result.seconds["polish"] > 0 and result.iterations >= 1
     assert set(result.as_dict()) >= {"transform", "error", "overlap", "seconds"}
     # Anything with vertices and faces is a mesh.

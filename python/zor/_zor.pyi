@@ -48,6 +48,7 @@ class RegisterResult:
     tried_features: bool
     polished: bool
     overlap: float
+    fixed_overlap: float
     overlap_rms: float
     overlap_distance: float
     doubtful: bool
@@ -62,6 +63,7 @@ class IcpResult:
     refined: bool
     polished: bool
     overlap: float
+    fixed_overlap: float
     overlap_rms: float
     doubtful: bool
     doubt: str

@@ -20,7 +20,8 @@ using ZorStlRegistration::FindPieces;
 using ZorStlRegistration::MeshPieces;
 
 // A body with loose triangles scattered through its box: each is a piece of its own and
-// loose, whatever their area together; the copy without them is the body again.
+// loose, whatever their area together; the copy without them is the body again, and
+// the debris counts as no body.
 TEST(ScanAnalysis, LooseFragmentsArePiecesOfTheirOwnAndTheCopyDropsThem) {
   const zorgen::MeshArrays body = zorgen::ScaledToDiagonal(zorgen::MakeLumpyBody(3, 8000), 200000.0);
   const zorgen::ScanCase debris = zorgen::MakeScanCase(body, zorgen::ScanKind::Debris, 4);
@@ -35,6 +36,10 @@ TEST(ScanAnalysis, LooseFragmentsArePiecesOfTheirOwnAndTheCopyDropsThem) {
   EXPECT_EQ(copy->NumberOfPoints(), partPoints);
   EXPECT_EQ(FindPieces(*copy).loosePieces, 0u);
   EXPECT_EQ(ZorStlRegistration::WithoutLoosePieces(*copy, FindPieces(*copy)), nullptr);  // nothing to drop
+  // One body among the debris; a scene shows the part, the table, a box and a ball.
+  EXPECT_EQ(ZorStlRegistration::CountBodies(pieces), 1u);
+  const auto scene = zorgen::MakeMesh(zorgen::MakeScanCase(body, zorgen::ScanKind::Scene, 4).moving);
+  EXPECT_EQ(ZorStlRegistration::CountBodies(FindPieces(*scene)), 4u);
 }
 
 // Triangles that share no point (a facet soup) are a body of their own: none is loose.

@@ -62,7 +62,10 @@ constexpr double kTwinGain = 0.02;
 // feature strategy's poses are set against it.
 constexpr double kHopelessSupport = 0.1;
 // A sound finished result with this much support is not searched for by features as
-// well: what could rival it is a twin.
+// well: what could rival it is a twin. (The support, not the overlap: the wrong half
+// turn of a near-symmetric cut can lay 95% of one mesh on the other, and only the
+// points that contradict tell it; two real views that disagree by their calibration
+// fall below it and pay for the feature poses.)
 constexpr double kSureSupport = 0.9;
 // Two poses whose rotations differ by less than this are one answer.
 constexpr double kDistinctDegrees = 10.0;
