@@ -57,10 +57,12 @@ void DescribeMeshes(ResultDescription& d, const char* movingRole, const std::str
 }
 
 void DescribeVerdict(ResultDescription& d, const Verdict& v, double toFile) {
-  d.Add("overlap", Format("%.1f%% of MOVING within %.6g file units of FIXED, RMS %.6g there", 100.0 * v.overlap,
-                          v.distance * toFile, v.rms * toFile));
+  d.Add("overlap", Format("%.1f%% of MOVING within %.6g file units of FIXED, RMS %.6g there; %.1f%% of FIXED on "
+                          "MOVING",
+                          100.0 * v.overlap, v.distance * toFile, v.rms * toFile, 100.0 * v.fixedOverlap));
   d.Add("verdict", v.doubtful ? "doubtful: " + v.reason : std::string("sound"));
   d.json["overlap"] = v.overlap;
+  d.json["fixed_overlap"] = v.fixedOverlap;
   d.json["overlap_rms"] = v.rms * toFile;
   d.json["overlap_distance"] = v.distance * toFile;
   d.json["doubtful"] = v.doubtful;
