@@ -1,8 +1,6 @@
 // Surface descriptors and the pose search on their matches: descriptors must not change
 // with a rigid motion or a finer tessellation of the same surface, the search must find
 // a pose among mostly wrong matches, and everything must repeat bit for bit.
-#include "zor/alignment/feature_poses.h"
-
 #include <algorithm>
 #include <cmath>
 #include <random>
@@ -14,6 +12,7 @@
 #include "generators/bodies.h"
 #include "generators/mesh_arrays.h"
 #include "generators/poses.h"
+#include "zor/alignment/feature_poses.h"
 #include "zor/model/stl_iterators.h"
 
 namespace {

@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "zor/alignment/principal_frame.h"
 #include "zor/alignment/feature_poses.h"
+#include "zor/alignment/principal_frame.h"
 #include "zor/model/progress.h"
 #include "zor/model/stl_guards.h"
 #include "zor/registration/detail/solver_tournament.h"
