@@ -19,9 +19,13 @@ endfunction()
 
 # A shared library of the package: its alias ZorStlRegistration::<name>, the project's
 # options, the export macro defined while it builds (`building`), includes from the
-# repository root (installed under include/), and its install into the export set.
+# repository root (installed under include/), and its install into the export set: the
+# library itself is the `runtime` component, its unversioned link name the `dev` one.
+# The ABI may change with every minor version while the major one is 0.
 function(zor_add_library name building)
   add_library(${name} SHARED ${ARGN})
+  set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION}
+                                           SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
   add_library(ZorStlRegistration::${name} ALIAS ${name})
   zor_target_options(${name})
   target_compile_definitions(${name} PRIVATE ${building})
@@ -29,7 +33,7 @@ function(zor_add_library name building)
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   install(TARGETS ${name} EXPORT ZorStlRegistrationTargets
-    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
-    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
 endfunction()

@@ -24,6 +24,7 @@ from typing import Any, Dict, Iterable, Iterator, List, Optional, Sequence, Tupl
 from . import _zor
 
 PathLike = Union[str, "os.PathLike[str]"]
+Pair = Tuple[str, str, Optional[str]]  # moving, fixed, report (or None)
 
 # The keyword parameters of zor.register that a batch passes on (progress aside: a
 # batch shows its own).
@@ -54,26 +55,37 @@ def register_pair(
     scale: float = 1.0,
     threads: Optional[int] = None,
     params: Optional[Dict[str, Any]] = None,
+    report: Optional[PathLike] = None,
 ) -> Dict[str, Any]:
-    """Reads and registers one pair; a record as register_pairs gives it, never raises
-    for the pair's own faults."""
+    """Reads and registers one pair, and writes its inspection report to `report` when
+    given; a record as register_pairs gives it, never raises for the pair's own faults."""
     record: Dict[str, Any] = {"moving": os.fspath(moving), "fixed": os.fspath(fixed), "ok": False, "failure": None}
     try:
         if threads is not None:
             with _zor.threads(threads):
-                result = _run(moving, fixed, scale, params or {})
+                result = _run(moving, fixed, scale, params or {}, report)
         else:
-            result = _run(moving, fixed, scale, params or {})
+            result = _run(moving, fixed, scale, params or {}, report)
     except Exception as e:  # noqa: BLE001 - a pair's fault becomes its record
         record["failure"] = f"{type(e).__name__}: {e}"
         return record
     record.update(result.as_dict())
     record["ok"] = True
+    if report is not None:
+        record["report"] = os.fspath(report)
     return record
 
 
-def _run(moving: PathLike, fixed: PathLike, scale: float, params: Dict[str, Any]) -> _zor.RegisterResult:
-    return _zor.register(_zor.load(moving, scale), _zor.load(fixed, scale), **params)
+def _run(
+    moving: PathLike, fixed: PathLike, scale: float, params: Dict[str, Any], report: Optional[PathLike]
+) -> _zor.RegisterResult:
+    moving_mesh, fixed_mesh = _zor.load(moving, scale), _zor.load(fixed, scale)
+    result = _zor.register(moving_mesh, fixed_mesh, **params)
+    if report is not None:
+        from . import inspect  # the package's own, defined after this module is imported
+
+        inspect(report, moving_mesh, fixed_mesh, result, title=os.path.basename(os.fspath(moving)))
+    return result
 
 
 def register_pairs(
@@ -85,7 +97,9 @@ def register_pairs(
     progress: bool = False,
     **params: Any,
 ) -> List[Dict[str, Any]]:
-    """Registers each (moving path, fixed path) pair with zor.register.
+    """Registers each (moving path, fixed path) pair with zor.register. A pair may carry a
+    third item, the path of its inspection report (see zor.inspect), written where the
+    task runs.
 
     client: a dask.distributed Client; one task per pair is submitted to its cluster and
         the records gathered. None runs the pairs here, one after the other.
@@ -146,8 +160,8 @@ def _here(
     pairs: Iterator[Any], scale: float, threads: Optional[int], params: Dict[str, Any]
 ) -> Iterator[Dict[str, Any]]:
     for pair in pairs:
-        moving, fixed = _pair(pair)
-        yield register_pair(moving, fixed, scale, threads, params)
+        moving, fixed, report = _pair(pair)
+        yield register_pair(moving, fixed, scale, threads, params, report)
 
 
 def _on_cluster(
@@ -157,14 +171,14 @@ def _on_cluster(
 
     if window is None:
         window = max(2, 2 * sum(client.nthreads().values()))
-    flying: Dict[Any, Tuple[int, Tuple[str, str], int]] = {}  # future: (index, pair, attempt)
+    flying: Dict[Any, Tuple[int, Pair, int]] = {}  # future: (index, pair, attempt)
     arrived: Dict[int, Dict[str, Any]] = {}  # records that wait for an earlier one
     queue = as_completed()
     head = 0  # the index of the next record to yield
     taken = 0  # pairs read from the iterable so far
 
-    def submit(index: int, pair: Tuple[str, str], attempt: int) -> None:
-        future = client.submit(register_pair, pair[0], pair[1], scale, threads, params, pure=False)
+    def submit(index: int, pair: Pair, attempt: int) -> None:
+        future = client.submit(register_pair, pair[0], pair[1], scale, threads, params, pair[2], pure=False)
         flying[future] = (index, pair, attempt)
         queue.add(future)
 
@@ -202,10 +216,11 @@ def _on_cluster(
         fill()
 
 
-def _pair(pair: Sequence[PathLike]) -> Tuple[str, str]:
-    if isinstance(pair, (str, bytes)) or len(pair) != 2:
-        raise ValueError(f"register_pairs: each pair must be (moving path, fixed path); got {pair!r}")
-    return os.fspath(pair[0]), os.fspath(pair[1])
+def _pair(pair: Sequence[PathLike]) -> Pair:
+    if isinstance(pair, (str, bytes)) or len(pair) not in (2, 3):
+        raise ValueError(f"register_pairs: each pair must be (moving path, fixed path[, report path]); got {pair!r}")
+    report = os.fspath(pair[2]) if len(pair) == 3 and pair[2] is not None else None
+    return os.fspath(pair[0]), os.fspath(pair[1]), report
 
 
 def _bar(total: int) -> Any:

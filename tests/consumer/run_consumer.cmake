@@ -1,11 +1,16 @@
-# Installs the build tree into a scratch prefix, then configures, builds and runs the
-# outside consumers against it: one of the pair calls and files, one of the operators
-# alone (whose program must not need the file module at run time).
+# Installs the build tree into a scratch prefix (or takes PREFIX, where the Debian
+# packages were unpacked), then configures, builds and runs the outside consumers against
+# it: one of the pair calls and files, one of the operators alone (whose program must
+# not need the file module at run time).
 file(REMOVE_RECURSE "${WORK_DIR}")
-set(prefix "${WORK_DIR}/install")
-execute_process(COMMAND "${CMAKE_COMMAND}" --install "${BUILD_DIR}" --prefix "${prefix}" RESULT_VARIABLE rc)
-if(rc)
-  message(FATAL_ERROR "install failed: ${rc}")
+if(DEFINED PREFIX)
+  set(prefix "${PREFIX}")
+else()
+  set(prefix "${WORK_DIR}/install")
+  execute_process(COMMAND "${CMAKE_COMMAND}" --install "${BUILD_DIR}" --prefix "${prefix}" RESULT_VARIABLE rc)
+  if(rc)
+    message(FATAL_ERROR "install failed: ${rc}")
+  endif()
 endif()
 
 function(build_and_run name source program)
