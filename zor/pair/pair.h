@@ -12,6 +12,7 @@
 // Failures from bad input leave as InputError with a one-line message.
 
 #include "zor/model/input_error.h"
+#include "zor/pair/align_views.h"
 #include "zor/pair/deviation.h"
 #include "zor/pair/pair_operations.h"
 #include "zor/pair/pair_registration.h"
