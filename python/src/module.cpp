@@ -232,6 +232,27 @@ Returns a RegisterResult: transform (4x4, points as column vectors, shift in mm)
 overlap_distance mm of fixed, loose fragments aside), fixed_overlap (share of fixed
 within it of moving), overlap_rms (mm), doubtful and doubt (why), seconds by stage. The interpreter is free for other threads while it runs.)");
 
+  m.def("align_views", &AlignViews, py::arg("meshes"), py::arg("reference") = py::none(), py::kw_only(),
+        py::arg("strategy") = std::string(ZorStlRegistration::kDefaultStrategy), py::arg("max_pairs") = 0,
+        py::arg("refine") = false, py::arg("progress") = py::none(),
+        R"(Brings many views of one part, in any order and with no poses, into one frame.
+
+meshes: the views (zor.Mesh, or anything with vertices and faces arrays).
+reference: a model of the part, whose frame the views go to; None: the first view's.
+strategy: of each pair registration, as in register.
+max_pairs: pair registrations at most (0: three for each view beyond the first).
+refine: then refine all placed views together on their surfaces (multi-view ICP).
+progress: None, True (a tqdm bar) or a callable (label, done, total).
+
+Returns a dict: views, one dict per view in the order given (placed; confirmed: joined
+by sound pairs to at least two other views, so that a loop checks it; transform, 4x4
+into the frame with its shift in mm, None when not placed; pairs, the places in pairs
+of the kept pairs that join it; overlap, the largest share of it on another view;
+residual, mm); pairs, the pairs registered (moving, fixed: view numbers, the reference
+being len(meshes); score; sound; kept; transform; overlap; fixed_overlap; overlap_rms;
+residual; doubt); seconds by stage. A view no sound pair joins is not placed, never
+placed by a guess. The interpreter is free for other threads while it runs.)");
+
   const Icp::MParams i;
   m.def("icp", &RunIcp, py::arg("moving"), py::arg("fixed"), py::kw_only(), py::arg("single") = !i.multiStart,
         py::arg("directions") = i.directionCount, py::arg("rotations") = i.rotationCount,

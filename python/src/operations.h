@@ -132,6 +132,8 @@ DeviationResult Deviation(const py::object& movingObject, const py::object& fixe
 DeviationResult Report(const std::filesystem::path& path, const py::object& movingObject, const py::object& fixedObject,
                        const py::object& transform, const py::object& range, const std::string& title,
                        const py::object& rows);
+py::dict AlignViews(const py::sequence& meshObjects, const py::object& referenceObject, const std::string& strategy,
+                    long long maxPairs, bool refine, const py::object& progress);
 std::shared_ptr<Mesh> Load(const std::filesystem::path& path, double scale);
 void Save(const Mesh& mesh, const std::filesystem::path& path, double scale, bool ascii);
 std::shared_ptr<Mesh> Transformed(const Mesh& mesh, const py::object& matrix);

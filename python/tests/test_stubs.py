@@ -28,6 +28,6 @@ def stub_defaults(name):
 
 
 def test_stub_defaults_are_the_module_defaults():
-    for function in (zor.register, zor.icp, zor.morph, zor.deviation, zor.report, zor.load, zor.sample_body):
+    for function in (zor.register, zor.align_views, zor.icp, zor.morph, zor.deviation, zor.report, zor.load, zor.sample_body):
         assert stub_defaults(function.__name__) == runtime_defaults(function), function.__name__
     assert "strategy" in zor.register.__doc__ and "auto+features" in zor.register.__doc__

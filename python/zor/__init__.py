@@ -24,6 +24,7 @@ from ._zor import (
     MorphResult,
     RegisterResult,
     __version__,
+    align_views,
     closest_points,
     deviation,
     grid_steps_per_mm,

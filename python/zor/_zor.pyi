@@ -132,6 +132,15 @@ def register(
     polish: bool = True,
     progress: _Progress = None,
 ) -> RegisterResult: ...
+def align_views(
+    meshes: Sequence[_MeshLike],
+    reference: Optional[_MeshLike] = None,
+    *,
+    strategy: str = "auto+features",
+    max_pairs: int = 0,
+    refine: bool = False,
+    progress: _Progress = None,
+) -> Dict[str, Any]: ...
 def icp(
     moving: _MeshLike,
     fixed: _MeshLike,

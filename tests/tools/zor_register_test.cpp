@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -21,6 +22,7 @@
 #include "generators/poses.h"
 #include "generators/scan_cases.h"
 #include "generators/small_meshes.h"
+#include "generators/virtual_scans.h"
 #include "zor/files/mesh_files.h"
 #include "zor/model/unit.h"
 
@@ -406,6 +408,36 @@ TEST_F(ZorRegister, WarnsWhenTheGridIsCoarseForTheMesh) {
   EXPECT_NE(run.err.find("warning: 'small.off' spans only 3 grid steps"), std::string::npos) << run.err;
   EXPECT_NE(run.err.find("try --scale 100000"), std::string::npos) << run.err;
   EXPECT_EQ(Tool("info small.off --quiet").err, "");
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(ZorRegister, MergePlacesViewsInTheFirstOnesFrameAndWritesThemTogether) {
+  const zorgen::MeshArrays body = zorgen::ScaledToDiagonal(zorgen::MakeLumpyBody(3, 12000), 150.0 * MUnit::GetIE());
+  std::string views;
+  std::size_t triangles = 0, number = 0;
+  std::mt19937 rng(4);
+  for (const zorgen::VirtualScan& scan : zorgen::VirtualScans(body, 6, 0.0, 5)) {
+    const std::unique_ptr<MStlBase> mesh = zorgen::MakeMovedCopy(scan.view, zorgen::UniformPose(rng, 30000.0));
+    const std::string name = "view" + std::to_string(number++) + ".ply";
+    ZorStlRegistration::WriteMesh(*mesh, nullptr, 1.0, Path(name), false);
+    views += " " + name;
+    triangles += mesh->GetNumberOfTriangles();
+  }
+  const Outcome run = Tool("merge" + views + " -o all.stl --json");
+  ASSERT_EQ(run.status, 0) << run.err;
+  const nlohmann::json report = nlohmann::json::parse(run.out);
+  ASSERT_EQ(report["views"].size(), 6u);
+  for (const auto& view : report["views"]) EXPECT_TRUE(view["placed"].get<bool>()) << view["file"];
+  EXPECT_NEAR(report["views"][0]["transform"][0][0].get<double>(), 1.0, 1e-12);
+  EXPECT_EQ(ZorStlRegistration::ReadMesh(Path("all.stl"), 1.0).fileTriangles, triangles);
+
+  const Outcome text = Tool("merge" + views);
+  EXPECT_EQ(text.status, 0);
+  EXPECT_NE(text.out.find("placed     6 of 6 views"), std::string::npos) << text.out;
+  EXPECT_EQ(Tool("merge view0.ply missing.ply").status, 2);
 }
 
 }  // namespace

@@ -39,6 +39,16 @@ int RunIcp(const std::string& moving, const std::string& fixed, const std::strin
 int RunMorph(const std::string& moving, const std::string& target, const std::string& output,
              const MorphOptions& options, const DeviationOptions& deviation, const CommonOptions& common);
 
+// Many views of one part into one frame: each view's transform and whether it was
+// placed; -o writes the placed views together.
+struct MergeOptions {
+  std::vector<std::string> views;
+  std::string reference;  // empty: the frame of the first view
+  std::string output;
+  ViewsOptions options;
+};
+int RunMerge(const MergeOptions& merge, const CommonOptions& common);
+
 struct DemoOptions {
   std::uint64_t seed = 1;
   std::uint64_t triangles = 50000;

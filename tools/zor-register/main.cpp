@@ -3,6 +3,7 @@
 //   zor-register align MOVING FIXED [-o MOVED] [--json] [registration options]
 //   zor-register icp MOVING FIXED [-o MOVED] [--json] [ICP options]
 //   zor-register morph MOVING TARGET [-o MORPHED] [--no-register] [morph options]
+//   zor-register merge VIEW... [-o MERGED] [--reference MODEL] [--json]
 //   zor-register demo [--seed N] [--save DIR]        (also what runs with no arguments)
 //   zor-register info FILE | convert IN OUT
 // align, icp and morph also write a deviation map with --deviation MAP.ply.
@@ -241,6 +242,27 @@ int Run(int argc, char** argv) {
   AddMorphOptions(*morph, morphOptions);
   AddDeviationOptions(*morph, deviation);
 
+  MergeOptions merge;
+  std::string mergeStrategy;
+  Registration::MParams mergeParams = PairDefaults();
+  CLI::App* mergeCmd = app.add_subcommand(
+      "merge",
+      "Bring many views of one part into the frame of the first (or of --reference): print each view's "
+      "transform and whether it was placed");
+  mergeCmd->add_option("VIEW", merge.views, "The views, in any order")->required();
+  mergeCmd->add_option("-o,--output", merge.output,
+                       "Also write the placed views together, side by side, to this file (.stl, .ply, .obj or .off)");
+  mergeCmd->add_option("--reference", merge.reference, "A model of the part: its frame, and a view like the others");
+  mergeCmd
+      ->add_option("--max-pairs", merge.options.maxPairs,
+                   "Pair registrations at most (0: three for each view beyond the first)")
+      ->capture_default_str();
+  mergeCmd->add_flag("--refine", merge.options.refine,
+                     "Then refine all placed views together on their surfaces (multi-view ICP)");
+  mergeCmd->add_flag("--ascii", common.ascii, "Write STL and PLY as text rather than binary");
+  AddCommonOptions(*mergeCmd, common, true);
+  AddRegistrationOptions(*mergeCmd, mergeParams, mergeStrategy, true);
+
   DemoOptions demo;
   Registration::MParams demoParams = DemoDefaults();
   std::string demoStrategy;
@@ -275,9 +297,10 @@ int Run(int argc, char** argv) {
     args.push_back("--help");
   }
   const std::string& first = args[0];
-  if (first[0] != '-' && first != "align" && first != "icp" && first != "morph" && first != "demo" && first != "info" &&
-      first != "convert")
-    return Fail(2, "unknown command '" + first + "' (align, icp, morph, demo, info, convert; --help lists them)");
+  if (first[0] != '-' && first != "align" && first != "icp" && first != "morph" && first != "merge" &&
+      first != "demo" && first != "info" && first != "convert")
+    return Fail(2,
+                "unknown command '" + first + "' (align, icp, morph, merge, demo, info, convert; --help lists them)");
   try {
     std::reverse(args.begin(), args.end());  // the parser takes its arguments last first
     app.parse(args);
@@ -304,6 +327,13 @@ int Run(int argc, char** argv) {
     return WithRefusalReport(deviation, "zor-register morph", common, [&] {
       return RunMorph(morphMoving, morphTarget, morphOutput, morphOptions, deviation, common);
     });
+  if (*mergeCmd) {
+    merge.options.pair.params = mergeParams;
+    const StrategyChoice choice = *ParseStrategy(mergeStrategy);  // checked by the option
+    merge.options.pair.params.initialAlignment = choice.alignment;
+    merge.options.pair.withFeatures = choice.withFeatures;
+    return RunMerge(merge, common);
+  }
   if (*demoCmd) {
     demoParams.initialAlignment = ParseStrategy(demoStrategy)->alignment;  // checked by the option
     return RunDemo(demo, demoParams, common);
