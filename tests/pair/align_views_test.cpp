@@ -160,6 +160,35 @@ TEST(AlignViews, TakesAReferenceAsTheFrameAndRefusesEmptyViews) {
   EXPECT_TRUE(one.views[0].placed && one.views[0].transform.IsIdentity());
 }
 
+// Views given their poses, one of them half a degree and half a millimetre off: the joint
+// refinement brings it back onto the others and leaves the right ones where they are.
+TEST(AlignViews, RefinesGivenPosesTogether) {
+  const std::vector<zorgen::MeshArrays> scans = Scans(6);
+  const PlacedViews views = Views(scans, 5);
+  ViewsOptions options;
+  options.refine = true;
+  for (std::size_t v = 0; v < 6; ++v) {
+    MMTransformMatrix truth = views.poses[0];
+    truth.PostMultiply(views.poses[v].Inverted());
+    options.initial.push_back(truth);
+  }
+  MMTransformMatrix nudge;
+  nudge.MakeRotation(MMVector3d(1000.0, 0.0, 0.0), MMVector3d(1.0, 2.0, 0.5), 0.5 * M_PI / 180.0);
+  nudge.AddTranslation(MMVector3d(300.0, -300.0, 200.0));
+  options.initial[3].PreMultiply(nudge);
+  const ViewsResult r = AlignViews(views.Pointers(), nullptr, options);
+  EXPECT_GT(r.refinedPairs, 5u);
+  for (std::size_t v = 0; v < 6; ++v) {
+    ASSERT_TRUE(r.views[v].placed && r.views[v].confirmed);
+    double degrees = 0.0, mm = 0.0;
+    Error(r, views, v, 0, degrees, mm);
+    EXPECT_LT(degrees, 0.05) << v;
+    EXPECT_LT(mm, 0.05) << v;
+  }
+  options.initial.pop_back();
+  EXPECT_THROW(AlignViews(views.Pointers(), nullptr, options), ZorStlRegistration::InputError);
+}
+
 // A square of four nodes with both diagonals; one diagonal's measure is turned 5 degrees.
 TEST(PoseGraph, SwitchesOffThePairALoopContradictsAndKeepsABridge) {
   namespace d = ZorStlRegistration::detail;

@@ -28,9 +28,16 @@ constexpr double kRidge = 1e-9;
 // Range scans curl and thin out towards their borders: points this many edge rings from
 // an open border of their own view do not pull.
 constexpr int kBorderRings = 4;
+// A point pairs only with a place whose normal is within about 45 degrees of its own.
+constexpr double kNormalAgreement = 0.7;
 
 using Matrix12 = Eigen::Matrix<double, 12, 12>;
 using Vector12 = Eigen::Matrix<double, 12, 1>;
+
+struct Sample {
+  std::vector<MMVector3d> points;   // millimetres
+  std::vector<MMVector3d> normals;  // unit, area-weighted over the triangles of the point and its neighbours
+};
 
 struct PairSums {
   Matrix12 h;
@@ -41,13 +48,14 @@ struct PairSums {
 
 // The point-to-plane sums of view b's sample against view a's surface, in the frame of
 // node 0 and millimetres; the unknowns are small turns and shifts of b, then of a.
-PairSums Sum(const std::vector<MMVector3d>& sample, const MeshQueries::TriangleTreeHolder& treeA, const Pose& a,
-             const Pose& b, double reachMm, double ie) {
+PairSums Sum(const Sample& sample, const MeshQueries::TriangleTreeHolder& treeA, const Pose& a, const Pose& b,
+             double reachMm, double ie) {
   PairSums s;
   s.h.setZero();
   s.g.setZero();
   const Pose aInverse = Inverse(a);
-  for (const MMVector3d& p : sample) {
+  for (std::size_t i = 0; i < sample.points.size(); ++i) {
+    const MMVector3d& p = sample.points[i];
     const Eigen::Vector3d w = b.topLeftCorner<3, 3>() * Eigen::Vector3d(p[0], p[1], p[2]) + b.topRightCorner<3, 1>();
     const Eigen::Vector3d inA = aInverse.topLeftCorner<3, 3>() * w + aInverse.topRightCorner<3, 1>();
     MeshQueries::SurfacePlace place;
@@ -58,7 +66,13 @@ PairSums Sum(const std::vector<MMVector3d>& sample, const MeshQueries::TriangleT
     const MMVector3d pn = MeshQueries::PseudoNormal(place);
     const double length = Length(pn);
     if (!(length > 0.0)) continue;
-    const Eigen::Vector3d n = a.topLeftCorner<3, 3>() * Eigen::Vector3d(pn[0], pn[1], pn[2]) / length;
+    // The plane is the moving point's own, smoothed over its neighbours: the normal of the
+    // nearest facet of a noisy fixed view leans towards the point it was chosen for, and
+    // with noise along each view's own line of sight that lean pulls the views askew.
+    const Eigen::Vector3d fixedNormal = a.topLeftCorner<3, 3>() * Eigen::Vector3d(pn[0], pn[1], pn[2]) / length;
+    const MMVector3d& own = sample.normals[i];
+    const Eigen::Vector3d n = b.topLeftCorner<3, 3>() * Eigen::Vector3d(own[0], own[1], own[2]);
+    if (n.dot(fixedNormal) < kNormalAgreement) continue;  // the other side of a thin wall
     const Eigen::Vector3d v =
         a.topLeftCorner<3, 3>() * Eigen::Vector3d(place.point[0], place.point[1], place.point[2]) / ie +
         a.topRightCorner<3, 1>();
@@ -77,8 +91,8 @@ PairSums Sum(const std::vector<MMVector3d>& sample, const MeshQueries::TriangleT
 }
 
 // Every `step`-th point of `mesh` (list order) that lies more than kBorderRings edge
-// rings from an open border, in millimetres.
-std::vector<MMVector3d> InnerSample(const MStlBase& mesh, std::size_t step, double ie) {
+// rings from an open border.
+Sample InnerSample(const MStlBase& mesh, std::size_t step, double ie) {
   std::vector<const MStlPoint*> points;
   points.reserve(mesh.NumberOfPoints());
   std::unordered_map<const MStlPoint*, std::uint32_t> number;
@@ -115,9 +129,24 @@ std::vector<MMVector3d> InnerSample(const MStlBase& mesh, std::size_t step, doub
     }
     front.swap(next);
   }
-  std::vector<MMVector3d> sample;
-  for (std::size_t i = 0; i < points.size(); i += step)
-    if (rings[i] > kBorderRings) sample.push_back(points[i]->GetDouble() / ie);
+  Sample sample;
+  for (std::size_t i = 0; i < points.size(); i += step) {
+    if (rings[i] <= kBorderRings) continue;
+    MMVector3d normal;
+    const MStlPoint* p = points[i];
+    for (std::uint16_t k = 0; k < p->GetNumberOfNeighbourTriangles(); ++k) {
+      const MStlTriangle& t = p->GetNeighbourTriangle(k)->data;
+      for (std::size_t c = 0; c < 3; ++c) {
+        const MStlPoint* q = t.GetPoint(c);
+        for (std::uint16_t m = 0; m < q->GetNumberOfNeighbourTriangles(); ++m)
+          normal = normal + q->GetNeighbourTriangle(m)->data.GetAreaVector();
+      }
+    }
+    const double length = Length(normal);
+    if (!(length > 0.0)) continue;
+    sample.points.push_back(points[i]->GetDouble() / ie);
+    sample.normals.push_back(normal / length);
+  }
   return sample;
 }
 
@@ -134,7 +163,7 @@ JointRefinement RefineJointly(const std::vector<MStlBase*>& nodes, const std::ve
     if (placed[k]) column[k] = 6 * unknowns++;
   if (unknowns == 0 || !placed[0]) return result;
 
-  std::vector<std::vector<MMVector3d>> samples(n);
+  std::vector<Sample> samples(n);
   std::vector<const MeshQueries::TriangleTreeHolder*> trees(n, nullptr);
   std::vector<Pose> x(n, Pose::Identity());
   for (std::size_t k = 0; k < n; ++k) {
@@ -151,7 +180,7 @@ JointRefinement RefineJointly(const std::vector<MStlBase*>& nodes, const std::ve
   std::vector<Pair> pairs;
   for (std::size_t b = 1; b < n; ++b)
     for (std::size_t a = 0; a < b; ++a)
-      if (placed[a] && placed[b] && trees[a] != nullptr && !samples[b].empty()) pairs.push_back({a, b});
+      if (placed[a] && placed[b] && trees[a] != nullptr && !samples[b].points.empty()) pairs.push_back({a, b});
 
   const Eigen::Index size = static_cast<Eigen::Index>(6 * unknowns);
   std::vector<PairSums> sums(pairs.size());
@@ -168,7 +197,8 @@ JointRefinement RefineJointly(const std::vector<MStlBase*>& nodes, const std::ve
       std::size_t count = 0;
       for (std::size_t k = 0; k < pairs.size(); ++k) {
         const PairSums& s = sums[k];
-        if (s.count < kLeastPairs || double(s.count) < kLeastShare * double(samples[pairs[k].b].size())) continue;
+        if (s.count < kLeastPairs || double(s.count) < kLeastShare * double(samples[pairs[k].b].points.size()))
+          continue;
         ++result.pairs;
         squares += s.squares;
         count += s.count;

@@ -2,6 +2,9 @@
 // The poses of several views refined together on their surfaces: point-to-plane ICP over
 // every pair of placed views that overlap under the present poses, all poses solved in
 // one step (node 0 stays), pairing points within 4, 2, then 1 times the given distance.
+// A point pairs with the nearest place of the other view unless that lies on its open
+// border or faces away; points near their own view's border take no part (range scans
+// curl there), and the plane is the point's own, its normal smoothed over two rings.
 // A pair registered alone settles where its own overlap pulls it; in a set of views each
 // surface is held by all its neighbours at once, so the small errors of single pairs
 // average out instead of adding up along a chain.
