@@ -3,14 +3,14 @@
 // first view.
 //
 //   bench_views [--sets bunny,virtual] [--draws 20] [--views 8,12,20] [--noise 0.05,0.2]
-//               [--triangles 150000] [--foreign] [--refine] [--from-truth] [--threads 2]
+//               [--triangles 150000] [--foreign] [--no-refine] [--from-truth] [--threads 2]
 //               [--data DIR] [--save DIR] [--verbose]
 //
 // bunny: the six range scans of ../shared/data/bunny (which lie in one frame). virtual:
 // a seeded blob and the bunny model (scaled to 200 mm, about --triangles triangles), seen
 // by a virtual range scanner from 8, 12 and 20 directions (generators/virtual_scans.h)
 // with Gaussian noise along the line of sight; --foreign adds a view of another blob,
-// which must be reported unplaced. --refine turns on the joint refinement of all views;
+// which must be reported unplaced. --no-refine leaves out the joint refinement of all views;
 // --from-truth gives every view its true pose and only refines (where the surfaces
 // themselves put the views, against where the truth does).
 //
@@ -123,7 +123,7 @@ int main(int argc, char** argv) {
   std::vector<long> counts = {8, 12, 20};
   std::vector<double> noises = {0.05, 0.2};
   long draws = 20, threads = 2, triangles = 150000;
-  bool foreign = false, verbose = false, refine = false, fromTruth = false;
+  bool foreign = false, verbose = false, refine = true, fromTruth = false;
   std::string save;
   for (int i = 1; i < argc; ++i) {
     const std::string flag = argv[i];
@@ -135,8 +135,8 @@ int main(int argc, char** argv) {
       verbose = true;
       continue;
     }
-    if (flag == "--refine") {
-      refine = true;
+    if (flag == "--no-refine") {
+      refine = false;
       continue;
     }
     if (flag == "--from-truth") {

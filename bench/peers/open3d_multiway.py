@@ -57,6 +57,8 @@ def pair(source, target, prepared, voxel):
 
 def register_set(clouds, voxel):
     reg = o3d.pipelines.registration
+    for c in clouds:
+        c.estimate_normals(o3d.geometry.KDTreeSearchParamHybrid(radius=2 * voxel, max_nn=30))
     prepared = [prepare(c, voxel) for c in clouds]
     graph = reg.PoseGraph()
     odometry = np.identity(4)

@@ -234,7 +234,7 @@ within it of moving), overlap_rms (mm), doubtful and doubt (why), seconds by sta
 
   m.def("align_views", &AlignViews, py::arg("meshes"), py::arg("reference") = py::none(), py::kw_only(),
         py::arg("strategy") = std::string(ZorStlRegistration::kDefaultStrategy), py::arg("max_pairs") = 0,
-        py::arg("refine") = false, py::arg("progress") = py::none(),
+        py::arg("refine") = true, py::arg("progress") = py::none(),
         R"(Brings many views of one part, in any order and with no poses, into one frame.
 
 meshes: the views (zor.Mesh, or anything with vertices and faces arrays).

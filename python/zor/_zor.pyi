@@ -138,7 +138,7 @@ def align_views(
     *,
     strategy: str = "auto+features",
     max_pairs: int = 0,
-    refine: bool = False,
+    refine: bool = True,
     progress: _Progress = None,
 ) -> Dict[str, Any]: ...
 def icp(

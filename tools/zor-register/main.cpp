@@ -257,8 +257,8 @@ int Run(int argc, char** argv) {
       ->add_option("--max-pairs", merge.options.maxPairs,
                    "Pair registrations at most (0: three for each view beyond the first)")
       ->capture_default_str();
-  mergeCmd->add_flag("--refine", merge.options.refine,
-                     "Then refine all placed views together on their surfaces (multi-view ICP)");
+  mergeCmd->add_flag("!--no-refine", merge.options.refine,
+                     "Skip the joint refinement of all placed views on their surfaces (multi-view ICP)");
   mergeCmd->add_flag("--ascii", common.ascii, "Write STL and PLY as text rather than binary");
   AddCommonOptions(*mergeCmd, common, true);
   AddRegistrationOptions(*mergeCmd, mergeParams, mergeStrategy, true);
