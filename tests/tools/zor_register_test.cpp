@@ -426,13 +426,17 @@ TEST_F(ZorRegister, MergePlacesViewsInTheFirstOnesFrameAndWritesThemTogether) {
     views += " " + name;
     triangles += mesh->GetNumberOfTriangles();
   }
-  const Outcome run = Tool("merge" + views + " -o all.stl --json");
+  const Outcome run = Tool("merge" + views + " -o all.stl --json --report merge.html");
   ASSERT_EQ(run.status, 0) << run.err;
   const nlohmann::json report = nlohmann::json::parse(run.out);
   ASSERT_EQ(report["views"].size(), 6u);
   for (const auto& view : report["views"]) EXPECT_TRUE(view["placed"].get<bool>()) << view["file"];
   EXPECT_NEAR(report["views"][0]["transform"][0][0].get<double>(), 1.0, 1e-12);
   EXPECT_EQ(ZorStlRegistration::ReadMesh(Path("all.stl"), 1.0).fileTriangles, triangles);
+  const std::string page = Slurp("merge.html");
+  EXPECT_NE(page.find("view 6"), std::string::npos);
+  EXPECT_NE(page.find("onto 1"), std::string::npos);  // a pair onto the first view
+  EXPECT_EQ(Tool("merge" + views + " --report merge.txt").status, 2);
 
   const Outcome text = Tool("merge" + views);
   EXPECT_EQ(text.status, 0);

@@ -45,6 +45,7 @@ struct MergeOptions {
   std::vector<std::string> views;
   std::string reference;  // empty: the frame of the first view
   std::string output;
+  std::string report;  // an inspection report of the merged views (.html)
   ViewsOptions options;
 };
 int RunMerge(const MergeOptions& merge, const CommonOptions& common);

@@ -3,7 +3,7 @@
 //   zor-register align MOVING FIXED [-o MOVED] [--json] [registration options]
 //   zor-register icp MOVING FIXED [-o MOVED] [--json] [ICP options]
 //   zor-register morph MOVING TARGET [-o MORPHED] [--no-register] [morph options]
-//   zor-register merge VIEW... [-o MERGED] [--reference MODEL] [--json]
+//   zor-register merge VIEW... [-o MERGED] [--reference MODEL] [--json] [--report PAGE]
 //   zor-register demo [--seed N] [--save DIR]        (also what runs with no arguments)
 //   zor-register info FILE | convert IN OUT
 // align, icp and morph also write a deviation map with --deviation MAP.ply.
@@ -252,6 +252,9 @@ int Run(int argc, char** argv) {
   mergeCmd->add_option("VIEW", merge.views, "The views, in any order")->required();
   mergeCmd->add_option("-o,--output", merge.output,
                        "Also write the placed views together, side by side, to this file (.stl, .ply, .obj or .off)");
+  mergeCmd->add_option("--report", merge.report,
+                       "Also write an inspection report: the placed views one colour each, how far each point lies "
+                       "from the other views, and every view's and pair's verdict (.html)");
   mergeCmd->add_option("--reference", merge.reference, "A model of the part: its frame, and a view like the others");
   mergeCmd
       ->add_option("--max-pairs", merge.options.maxPairs,

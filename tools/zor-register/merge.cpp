@@ -1,19 +1,29 @@
 // zor-register merge: many views of one part into one frame (AlignViews).
 #include <unistd.h>
 
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <string>
 #include <vector>
 
+#include <tbb/parallel_for.h>
+
 #include "generators/mesh_arrays.h"
 #include "tools/zor-register/commands.h"
 #include "tools/zor-register/progress_bar.h"
 #include "tools/zor-register/report.h"
+#include "zor/files/inspection_report.h"
 #include "zor/model/unit.h"
+#include "zor/spatial/surface_query.h"
+#include "zor/spatial/tree_property.h"
 
 namespace zortool {
 namespace {
+
+// The report measures each point against the other views within this many times the
+// kept pairs' verdict distance, and colours within a fifth of that.
+constexpr double kReportReach = 5.0;
 
 std::string Percent(double share) {
   char text[16];
@@ -38,11 +48,106 @@ std::unique_ptr<MStlBase> Together(const std::vector<LoadedMesh>& views, const V
   return zorgen::MakeMesh(all);
 }
 
+// One colour a view, apart enough to tell neighbours apart.
+constexpr std::array<std::array<std::uint8_t, 3>, 10> kViewColours = {{{230, 25, 75},
+                                                                       {60, 180, 75},
+                                                                       {0, 130, 200},
+                                                                       {245, 130, 48},
+                                                                       {145, 30, 180},
+                                                                       {70, 240, 240},
+                                                                       {240, 50, 230},
+                                                                       {210, 245, 60},
+                                                                       {170, 110, 40},
+                                                                       {0, 128, 128}}};
+
+// The report of a merge: the placed views together, each point coloured by its view, and
+// measured against the nearest other view (within `reach`): the second nearest of all
+// views, the nearest being its own.
+void WriteMergeReport(const MergeOptions& merge, const std::vector<LoadedMesh>& views, const ViewsResult& result,
+                      const MStlBase& together, double scale) {
+  std::vector<const MeshQueries::TriangleTreeHolder*> trees(views.size(), nullptr);
+  std::vector<MMTransformMatrix> back(views.size());
+  std::vector<double> distances;
+  for (std::size_t v = 0; v < views.size(); ++v) {
+    if (!result.views[v].placed) continue;
+    trees[v] = MeshQueries::GetTriangleTree(MeshQueries::MeshHandle(views[v].mesh.get()));
+    back[v] = result.views[v].transform.Inverted();
+  }
+  for (const ViewPair& pair : result.pairs)
+    if (pair.kept) distances.push_back(pair.result.verdict.distance);
+  std::sort(distances.begin(), distances.end());
+  const double reach = distances.empty() ? PairVerdictDistance() : kReportReach * distances[distances.size() / 2];
+
+  std::vector<const MStlPoint*> points;
+  for (const MStlPoint* p = together.GetFirstPoint(); p != nullptr; p = p->GetNext()) points.push_back(p);
+  InspectionReport report;
+  report.title = "zor-register merge";
+  report.moving = &together;
+  report.scale = scale;
+  report.range = reach / kReportReach;
+  report.distances.assign(points.size(), 0.0);
+  report.counterpart.assign(points.size(), 0);
+  report.colours.assign(points.size(), {128, 128, 128});
+  tbb::parallel_for(std::size_t(0), points.size(), [&](std::size_t i) {
+    double nearest = HUGE_VAL, nearestSigned = 0.0, second = HUGE_VAL, secondSigned = 0.0;
+    std::size_t own = views.size();
+    for (std::size_t v = 0; v < views.size(); ++v) {
+      if (trees[v] == nullptr) continue;
+      MMVector3d q = points[i]->GetDouble();
+      back[v].Transform(q, false);
+      MeshQueries::SurfacePlace place;
+      if (!MeshQueries::NearestSurfacePlace(*trees[v], q, reach, place)) continue;
+      if (place.distance < nearest) {
+        second = nearest;
+        secondSigned = nearestSigned;
+        nearest = place.distance;
+        nearestSigned = MeshQueries::SignedDistance(place, q);
+        own = v;
+      } else if (place.distance < second) {
+        second = place.distance;
+        secondSigned = MeshQueries::SignedDistance(place, q);
+      }
+    }
+    if (own < views.size()) report.colours[i] = kViewColours[own % kViewColours.size()];
+    if (second < HUGE_VAL) {
+      report.counterpart[i] = 1;
+      report.distances[i] = secondSigned;
+    }
+  });
+  for (std::size_t v = 0; v < views.size(); ++v) {
+    const ViewPlacement& p = result.views[v];
+    char text[200];
+    std::snprintf(text, sizeof text, "%s: %s", merge.views[v].c_str(),
+                  !p.placed         ? "not placed"
+                  : p.pairs.empty() ? "placed (the frame)"
+                  : p.confirmed     ? "placed"
+                                    : "placed, unconfirmed (one pair alone joins it)");
+    report.rows.emplace_back("view " + std::to_string(v + 1), text);
+  }
+  for (const ViewPair& pair : result.pairs) {
+    char text[200];
+    std::snprintf(text, sizeof text, "overlap %.0f%% / %.0f%%, residual %.3g mm, %s",
+                  100.0 * pair.result.verdict.overlap, 100.0 * pair.result.verdict.fixedOverlap, pair.residual,
+                  pair.kept    ? "kept"
+                  : pair.sound ? "switched off by a loop"
+                               : "doubtful");
+    report.rows.emplace_back("pair " + std::to_string(pair.moving + 1) + " onto " + std::to_string(pair.fixed + 1),
+                             text);
+  }
+  report.colourNote =
+      "Each view has its own colour; the figures and the histogram are each point's signed distance to the nearest "
+      "other view, grey in the histogram's terms where no other view lies near.";
+  WriteInspectionReport(report, merge.report);
+}
+
 }  // namespace
 
 int RunMerge(const MergeOptions& merge, const CommonOptions& common) {
   if (merge.views.empty()) throw InputError("merge needs at least one view");
   if (!merge.output.empty()) CheckOutputPath(merge.output);
+  DeviationOptions reportPath;
+  reportPath.report = merge.report;
+  CheckDeviationPath(reportPath);
   const auto threads = LimitThreads(common.threads);
   std::vector<LoadedMesh> views;
   views.reserve(merge.views.size());
@@ -95,10 +200,16 @@ int RunMerge(const MergeOptions& merge, const CommonOptions& common) {
                        {"graph", result.graphSeconds},
                        {"total", result.rankSeconds + result.pairSeconds + result.graphSeconds}};
 
-  if (!merge.output.empty()) {
+  if (!merge.output.empty() || !merge.report.empty()) {
     const std::unique_ptr<MStlBase> together = Together(views, result);
-    WriteMesh(*together, nullptr, common.scale, merge.output, common.ascii);
-    report["output"] = merge.output;
+    if (!merge.output.empty()) {
+      WriteMesh(*together, nullptr, common.scale, merge.output, common.ascii);
+      report["output"] = merge.output;
+    }
+    if (!merge.report.empty()) {
+      WriteMergeReport(merge, views, result, *together, common.scale);
+      report["report"] = merge.report;
+    }
   }
   if (common.json) {
     std::printf("%s\n", report.dump(2).c_str());
@@ -127,6 +238,7 @@ int RunMerge(const MergeOptions& merge, const CommonOptions& common) {
   std::printf("placed     %zu of %zu views (%zu confirmed), %zu pair calls, %.2f s\n", placed, views.size(), confirmed,
               result.pairs.size(), result.rankSeconds + result.pairSeconds + result.graphSeconds);
   if (!merge.output.empty()) std::printf("wrote      %s\n", merge.output.c_str());
+  if (!merge.report.empty()) std::printf("report     %s\n", merge.report.c_str());
   return 0;
 }
 

@@ -180,6 +180,8 @@ void WriteInspectionReport(const InspectionReport& r, const std::string& path) {
     throw std::invalid_argument("WriteInspectionReport: one distance per point of the moving mesh is needed");
   if (!r.counterpart.empty() && r.counterpart.size() != r.distances.size())
     throw std::invalid_argument("WriteInspectionReport: one counterpart flag per distance is needed");
+  if (!r.colours.empty() && r.colours.size() != r.distances.size())
+    throw std::invalid_argument("WriteInspectionReport: one colour per point is needed");
   const PageFigures figures = Figures(r, gridPerFileUnit);
   const bool measured = figures.statistics.count > 0;
 
@@ -189,8 +191,9 @@ void WriteInspectionReport(const InspectionReport& r, const std::string& path) {
     moving = ForPage(*r.moving, r.pose, r.scale, r.maxTriangles);
     colours.reserve(3 * moving.source.size());
     for (std::uint32_t s : moving.source) {
-      const std::array<std::uint8_t, 3> colour =
-          HasCounterpart(r, s) ? DeviationColour(r.distances[s], r.range) : kNoCounterpartColour;
+      const std::array<std::uint8_t, 3> colour = !r.colours.empty()     ? r.colours[s]
+                                                 : HasCounterpart(r, s) ? DeviationColour(r.distances[s], r.range)
+                                                                        : kNoCounterpartColour;
       colours.insert(colours.end(), colour.begin(), colour.end());
     }
   }
@@ -241,10 +244,13 @@ void WriteInspectionReport(const InspectionReport& r, const std::string& path) {
         "<h2>Histogram (bar height: square root of the count)</h2>\n<canvas class=\"chart\" "
         "id=\"zor-histogram\" width=\"400\" height=\"160\"></canvas>\n");
   }
-  out.Append(
-      "<p>Drag to turn, wheel to zoom, right-drag or shift-drag to pan. Green lies within the tolerance, yellow "
-      "to red outside the fixed surface, cyan to blue inside it");
-  out.Append(figures.withoutCounterpart > 0 ? "; grey has no counterpart on it." : ".");
+  out.Append("<p>Drag to turn, wheel to zoom, right-drag or shift-drag to pan. ");
+  if (!r.colourNote.empty()) {
+    out.Append(Escaped(r.colourNote));
+  } else {
+    out.Append("Green lies within the tolerance, yellow to red outside the fixed surface, cyan to blue inside it");
+    out.Append(figures.withoutCounterpart > 0 ? "; grey has no counterpart on it." : ".");
+  }
   if (hasMoving && r.moving->GetNumberOfTriangles() > moving.corners.size() / 3)
     out.Append(" The view shows " + std::to_string(moving.corners.size() / 3) + " of the moving mesh's " +
                std::to_string(r.moving->GetNumberOfTriangles()) + " triangles; the numbers come from all of them.");

@@ -7,6 +7,7 @@
 // (three.js) is inlined. Meshes above `maxTriangles` are simplified for the page only;
 // the colours, the histogram and the numbers come from every point of the full mesh.
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -32,6 +33,10 @@ struct InspectionReport {
   // point, 0 for a point without one (clutter, or beyond the fixed mesh's open border):
   // it is shown grey and counted apart, out of the figures and the histogram.
   std::vector<std::uint8_t> counterpart;
+  // When not empty: one colour per point of `moving`, drawn instead of the deviation's
+  // (the views of a merge, one colour each), and the sentence that says what they mean.
+  std::vector<std::array<std::uint8_t, 3>> colours;
+  std::string colourNote;
   double scale = 1.0;  // user units per file unit, as for WriteMesh; the page shows file units
   // The summary, row by row (label, text), in the order shown.
   std::vector<std::pair<std::string, std::string>> rows;
