@@ -253,6 +253,27 @@ being len(meshes); score; sound; kept; transform; overlap; fixed_overlap; overla
 residual; doubt); seconds by stage. A view no sound pair joins is not placed, never
 placed by a guess. The interpreter is free for other threads while it runs.)");
 
+  m.def(
+      "_sound_view_pair",
+      [](bool doubtful, double overlap, double fixedOverlap) {
+        ZorStlRegistration::Verdict v;
+        v.doubtful = doubtful;
+        v.overlap = overlap;
+        v.fixedOverlap = fixedOverlap;
+        return ZorStlRegistration::SoundViewPair(v);
+      },
+      py::arg("doubtful"), py::arg("overlap"), py::arg("fixed_overlap"),
+      "Whether a registered pair of views may join them (not doubtful, each a tenth on the other).");
+  m.def("rank_view_pairs", &RankViewPairs, py::arg("meshes"), py::arg("reference") = py::none(),
+        R"(The pairs of views worth a registration, best first: (moving, fixed, score) with view
+numbers as in align_views. The first stage of align_views, for zor.batch.align_views.)");
+  m.def("place_views", &PlaceViews, py::arg("meshes"), py::arg("pairs"), py::arg("reference") = py::none(),
+        py::kw_only(), py::arg("refine") = true,
+        R"(Places the views from pairs registered elsewhere: each a dict with moving, fixed, score and
+the fields of register's result (transform, overlap, fixed_overlap, overlap_rms,
+overlap_distance, doubtful, doubt), or a failure without a transform. Returns what
+align_views does. The last stage of align_views, for zor.batch.align_views.)");
+
   const Icp::MParams i;
   m.def("icp", &RunIcp, py::arg("moving"), py::arg("fixed"), py::kw_only(), py::arg("single") = !i.multiStart,
         py::arg("directions") = i.directionCount, py::arg("rotations") = i.rotationCount,

@@ -134,6 +134,9 @@ DeviationResult Report(const std::filesystem::path& path, const py::object& movi
                        const py::object& rows);
 py::dict AlignViews(const py::sequence& meshObjects, const py::object& referenceObject, const std::string& strategy,
                     long long maxPairs, bool refine, const py::object& progress);
+py::list RankViewPairs(const py::sequence& meshObjects, const py::object& referenceObject);
+py::dict PlaceViews(const py::sequence& meshObjects, const py::sequence& pairObjects, const py::object& referenceObject,
+                    bool refine);
 std::shared_ptr<Mesh> Load(const std::filesystem::path& path, double scale);
 void Save(const Mesh& mesh, const std::filesystem::path& path, double scale, bool ascii);
 std::shared_ptr<Mesh> Transformed(const Mesh& mesh, const py::object& matrix);

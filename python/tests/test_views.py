@@ -50,3 +50,26 @@ def test_pieces_of_a_body_come_back_to_the_first_ones_frame(body):
         zor.align_views(views, strategy="sideways")
     with pytest.raises(ValueError, match="max_pairs"):
         zor.align_views(views, max_pairs=-1)
+
+
+def test_batch_align_views_runs_the_pairs_as_tasks_and_places_as_align_views_does(body, tmp_path):
+    body = lumpy(body)
+    poses = [turn(0, (0, 0, 1), (0, 0, 0)), turn(50, (1, 2, 0), (20, -5, 3)), turn(130, (0, 1, 1), (-9, 4, 30))]
+    pieces = [piece(body, 0.0, 0.6), piece(body, 0.3, 0.9), piece(body, 0.5, 1.0)]
+    paths = []
+    for k, (p, pose) in enumerate(zip(pieces, poses)):
+        paths.append(tmp_path / f"view{k}.ply")
+        p.transformed(pose).save(paths[-1])
+    here = zor.batch.align_views(paths, samples=500)
+    assert [v["placed"] for v in here["views"]] == [True, True, True]
+    for k in (1, 2):
+        assert rotation_error_deg(here["views"][k]["transform"], poses[k]) < 0.1
+    assert all(p["ok"] for p in here["pairs"])
+    with pytest.raises(TypeError, match="unknown parameter"):
+        zor.batch.align_views(paths, sample=3)
+    distributed = pytest.importorskip("distributed")
+    with distributed.LocalCluster(n_workers=2, threads_per_worker=1, dashboard_address=None) as cluster:
+        with distributed.Client(cluster) as client:
+            there = zor.batch.align_views(paths, client, samples=500, threads=1)
+    for a, b in zip(here["views"], there["views"]):
+        assert np.array_equal(a["transform"], b["transform"])

@@ -1,6 +1,6 @@
 # Types of the extension module; help() on each function shows its full description.
 import os
-from typing import Any, Callable, Dict, Optional, Sequence, Tuple, Union, overload
+from typing import Any, Callable, Dict, List, Optional, Sequence, Tuple, Union, overload
 
 import numpy as np
 import numpy.typing as npt
@@ -140,6 +140,17 @@ def align_views(
     max_pairs: int = 0,
     refine: bool = True,
     progress: _Progress = None,
+) -> Dict[str, Any]: ...
+def _sound_view_pair(doubtful: bool, overlap: float, fixed_overlap: float) -> bool: ...
+def rank_view_pairs(
+    meshes: Sequence[_MeshLike], reference: Optional[_MeshLike] = None
+) -> List[Tuple[int, int, float]]: ...
+def place_views(
+    meshes: Sequence[_MeshLike],
+    pairs: Sequence[Dict[str, Any]],
+    reference: Optional[_MeshLike] = None,
+    *,
+    refine: bool = True,
 ) -> Dict[str, Any]: ...
 def icp(
     moving: _MeshLike,

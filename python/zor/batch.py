@@ -11,6 +11,9 @@ with ``ok`` False and the reason in ``failure``, never a lost batch. A task the 
 loses (its worker killed, the task cancelled) is submitted once more, and reported as a
 failure if it is lost again.
 
+``align_views`` brings many view files of one part into one frame as zor.align_views
+does, with its pair registrations as tasks on the cluster.
+
 ``iter_register_pairs`` streams the records: it keeps only a window of tasks in flight
 (twice the cluster's threads by default), so that neither the tasks nor the records held
 on the client grow with the number of pairs.
@@ -214,6 +217,84 @@ def _on_cluster(
             yield arrived.pop(head)
             head += 1
         fill()
+
+
+def align_views(
+    paths: Sequence[PathLike],
+    client: Any = None,
+    *,
+    reference: Optional[PathLike] = None,
+    scale: float = 1.0,
+    threads: Optional[int] = None,
+    max_pairs: int = 0,
+    refine: bool = True,
+    **params: Any,
+) -> Dict[str, Any]:
+    """zor.align_views on view files, the pair registrations on a Dask cluster.
+
+    The views (and the reference) are read here for the ranking and the placement, and
+    by the workers for each pair. The pairs go in waves: every pair that would join views
+    not yet joined, best first, at once; again while views stay apart and the budget
+    (max_pairs; 0: three for each view beyond the first) lasts; then the best of the rest,
+    for loops, up to two a view. params: keyword parameters of zor.register. Returns the
+    dict of zor.align_views, its pairs in the order registered, each with its files
+    (moving_file, fixed_file), ok and failure: a pair whose task failed is there with ok
+    False and takes no part.
+    """
+    unknown = sorted(set(params) - set(REGISTER_PARAMETERS))
+    if unknown:
+        raise TypeError(f"align_views: unknown parameter(s) {', '.join(unknown)}")
+    files = [os.fspath(p) for p in paths] + ([os.fspath(reference)] if reference is not None else [])
+    meshes = [_zor.load(p, scale) for p in files[: len(paths)]]
+    model = _zor.load(files[-1], scale) if reference is not None else None
+    candidates = _zor.rank_view_pairs(meshes, model)
+    nodes = len(files)
+    budget = max_pairs if max_pairs > 0 else 3 * max(0, nodes - 1)
+    loop_budget = min(budget, 2 * max(0, nodes - 1))
+    parent = list(range(nodes))
+
+    def find(links: List[int], x: int) -> int:
+        while links[x] != x:
+            links[x] = links[links[x]]
+            x = links[x]
+        return x
+
+    records: Dict[int, Dict[str, Any]] = {}
+    order: List[int] = []
+
+    def run(wave: List[int]) -> None:
+        work = [(files[candidates[k][0]], files[candidates[k][1]]) for k in wave]
+        for k, record in zip(wave, iter_register_pairs(work, client, scale=scale, threads=threads, **params)):
+            records[k] = record
+            order.append(k)
+            if record["ok"] and _zor._sound_view_pair(record["doubtful"], record["overlap"], record["fixed_overlap"]):
+                a, b = find(parent, candidates[k][0]), find(parent, candidates[k][1])
+                parent[max(a, b)] = min(a, b)
+
+    while len(records) < budget and len({find(parent, x) for x in range(nodes)}) > 1:
+        tentative = parent[:]
+        wave: List[int] = []
+        for k, (moving, fixed, _) in enumerate(candidates):
+            if len(records) + len(wave) >= budget:
+                break
+            a, b = find(tentative, moving), find(tentative, fixed)
+            if k not in records and a != b:
+                tentative[max(a, b)] = min(a, b)
+                wave.append(k)
+        if not wave:
+            break
+        run(wave)
+    loops = [k for k in range(len(candidates)) if k not in records][: max(0, loop_budget - len(records))]
+    if loops:
+        run(loops)
+    pairs = [
+        {**records[k], "moving": candidates[k][0], "fixed": candidates[k][1], "score": candidates[k][2]} for k in order
+    ]
+    result = _zor.place_views(meshes, pairs, model, refine=refine)
+    for pair, k in zip(result["pairs"], order):
+        pair["ok"], pair["failure"] = records[k]["ok"], records[k]["failure"]
+        pair["moving_file"], pair["fixed_file"] = records[k]["moving"], records[k]["fixed"]
+    return result
 
 
 def _pair(pair: Sequence[PathLike]) -> Pair:

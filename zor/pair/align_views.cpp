@@ -116,11 +116,12 @@ std::vector<Candidate> RankPairs(const std::vector<MStlBase*>& nodes) {
 // The pose graph's edge of a sound pair: the moving view's points that lie on the fixed
 // surface under the pair's pose, with the fixed surface's normals there, in the moving
 // view's frame and millimetres.
-detail::GraphEdge EdgeOf(const Candidate& c, const PairResult& r, const std::vector<MStlBase*>& nodes) {
+detail::GraphEdge EdgeOf(std::size_t fixedNode, std::size_t movingNode, const PairResult& r,
+                         const std::vector<MStlBase*>& nodes) {
   const double ie = MUnit::GetIE();
   detail::GraphEdge edge;
-  edge.fixed = c.fixed;
-  edge.moving = c.moving;
+  edge.fixed = fixedNode;
+  edge.moving = movingNode;
   edge.weight = std::max(r.verdict.overlap, r.verdict.fixedOverlap);
   edge.sigma = std::max(r.verdict.rms / ie, kLeastSigmaMm);
   edge.transform = r.transform;
@@ -128,8 +129,8 @@ detail::GraphEdge EdgeOf(const Candidate& c, const PairResult& r, const std::vec
   edge.transform.SetElement(1, 3, r.transform.m[1][3] / ie, false);
   edge.transform.SetElement(2, 3, r.transform.m[2][3] / ie, true);
 
-  const MStlBase& moving = *nodes[c.moving];
-  const auto* tree = MeshQueries::GetTriangleTree(MeshQueries::MeshHandle(nodes[c.fixed]));
+  const MStlBase& moving = *nodes[movingNode];
+  const auto* tree = MeshQueries::GetTriangleTree(MeshQueries::MeshHandle(nodes[fixedNode]));
   if (tree == nullptr) return edge;
   std::vector<const MStlPoint*> points;
   const std::size_t step = std::max<std::size_t>(1, (moving.NumberOfPoints() + kEdgePoints - 1) / kEdgePoints);
@@ -162,99 +163,68 @@ detail::GraphEdge EdgeOf(const Candidate& c, const PairResult& r, const std::vec
   return edge;
 }
 
-}  // namespace
+// The nodes of a set of views: node 0 is the frame's, the reference when there is one,
+// else the first view. Throws InputError for a missing view or one without triangles.
+struct Nodes {
+  std::vector<MStlBase*> meshes;
+  std::size_t views = 0;
+  bool withReference = false;
+  std::size_t ViewOf(std::size_t node) const { return withReference ? (node == 0 ? views : node - 1) : node; }
+  std::size_t NodeOf(std::size_t view) const { return withReference ? (view == views ? 0 : view + 1) : view; }
+};
 
-ViewsResult AlignViews(const std::vector<MStlBase*>& views, MStlBase* reference, const ViewsOptions& options,
-                       const std::shared_ptr<ZorSDK::Common::IProgressDelegate>& progress) {
-  // Node 0 is the frame's: the reference when there is one, else the first view.
-  std::vector<MStlBase*> nodes;
-  if (reference != nullptr) nodes.push_back(reference);
+Nodes CheckedNodes(const std::vector<MStlBase*>& views, MStlBase* reference) {
+  Nodes nodes;
+  nodes.views = views.size();
+  nodes.withReference = reference != nullptr;
+  if (reference != nullptr) {
+    if (reference->GetNumberOfTriangles() == 0) throw InputError("the reference has no triangles");
+    nodes.meshes.push_back(reference);
+  }
   for (std::size_t v = 0; v < views.size(); ++v) {
     if (views[v] == nullptr) throw InputError("view " + std::to_string(v + 1) + " is missing");
-    nodes.push_back(views[v]);
+    if (views[v]->GetNumberOfTriangles() == 0) throw InputError("view " + std::to_string(v + 1) + " has no triangles");
+    nodes.meshes.push_back(views[v]);
   }
-  for (std::size_t k = 0; k < nodes.size(); ++k)
-    if (nodes[k]->GetNumberOfTriangles() == 0)
-      throw InputError(nodes[k] == reference ? std::string("the reference has no triangles")
-                                             : "view " + std::to_string(k + (reference ? 0 : 1)) + " has no triangles");
-  const std::size_t offset = reference != nullptr ? 1 : 0;
-  auto viewNumber = [&](std::size_t node) { return reference != nullptr && node == 0 ? views.size() : node - offset; };
+  return nodes;
+}
 
+}  // namespace
+
+bool SoundViewPair(const Verdict& verdict) {
+  return !verdict.doubtful && std::min(verdict.overlap, verdict.fixedOverlap) >= kLeastViewOverlap;
+}
+
+std::vector<ViewCandidate> RankViewPairs(const std::vector<MStlBase*>& views, MStlBase* reference) {
+  const Nodes nodes = CheckedNodes(views, reference);
+  std::vector<ViewCandidate> out;
+  if (nodes.meshes.size() < 2) return out;
+  for (const Candidate& c : RankPairs(nodes.meshes))
+    if (c.score >= kLeastScore) out.push_back({nodes.ViewOf(c.moving), nodes.ViewOf(c.fixed), c.score});
+  return out;
+}
+
+ViewsResult PlaceViews(const std::vector<MStlBase*>& views, MStlBase* reference, std::vector<ViewPair> pairs,
+                       const ViewsOptions& options) {
+  const Nodes nodes = CheckedNodes(views, reference);
+  const std::size_t n = nodes.meshes.size();
+  const std::size_t offset = nodes.withReference ? 1 : 0;
+  const auto started = std::chrono::steady_clock::now();
   ViewsResult result;
   result.views.resize(views.size());
-  const std::size_t n = nodes.size();
-  if (n < 2) {
-    if (n == 1 && reference == nullptr) result.views[0].placed = true;
-    return result;
-  }
-
-  if (!options.initial.empty()) {
-    if (options.initial.size() != views.size())
-      throw InputError("the initial poses number " + std::to_string(options.initial.size()) + " for " +
-                       std::to_string(views.size()) + " views");
-    std::vector<MMTransformMatrix> poses(n);
-    for (std::size_t v = 0; v < views.size(); ++v) poses[v + offset] = options.initial[v];
-    if (options.refine) {
-      const auto started = std::chrono::steady_clock::now();
-      const detail::JointRefinement joint =
-          detail::RefineJointly(nodes, std::vector<bool>(n, true), poses, kGivenPoseDistance * PairVerdictDistance());
-      result.refinedPairs = joint.pairs;
-      result.refinedRms = joint.rms / MUnit::GetIE();
-      result.graphSeconds = Seconds(std::chrono::steady_clock::now() - started).count();
-    }
-    for (std::size_t v = 0; v < views.size(); ++v) {
-      result.views[v].placed = result.views[v].confirmed = true;
-      result.views[v].transform = poses[v + offset];
-    }
-    return result;
-  }
-
-  auto started = std::chrono::steady_clock::now();
-  const std::vector<Candidate> candidates = RankPairs(nodes);
-  result.candidates = candidates.size();
-  result.rankSeconds = Seconds(std::chrono::steady_clock::now() - started).count();
-
-  const std::size_t budget = options.maxPairs > 0 ? options.maxPairs : 3 * (n - 1);
-  const std::size_t loopBudget = std::min(budget, kLoopCallsPerView * (n - 1));
-  ZorSDK::Common::IncrementalProgressReporter reporter(progress, "Pairs", budget, true);
-  started = std::chrono::steady_clock::now();
-  std::vector<bool> tried(candidates.size(), false);
-  std::vector<std::size_t> pairCandidate;  // per registered pair, its candidate
-  DisjointSets joined(n);
-  std::size_t groups = n;
-  auto registerPair = [&](std::size_t k) {
-    tried[k] = true;
-    ViewPair pair;
-    pair.moving = viewNumber(candidates[k].moving);
-    pair.fixed = viewNumber(candidates[k].fixed);
-    pair.score = candidates[k].score;
-    try {
-      pair.result = AlignPair(*nodes[candidates[k].moving], *nodes[candidates[k].fixed], options.pair);
-      pair.sound = !pair.result.verdict.doubtful &&
-                   std::min(pair.result.verdict.overlap, pair.result.verdict.fixedOverlap) >= kLeastViewOverlap;
-    } catch (const std::out_of_range&) {
-      pair.result.verdict.doubtful = true;
-      pair.result.verdict.reason = "a pose carried the view off the grid";
-    }
-    if (pair.sound && joined.Join(candidates[k].fixed, candidates[k].moving)) --groups;
-    result.pairs.push_back(std::move(pair));
-    pairCandidate.push_back(k);
-    ++reporter;
-  };
-  // First the pairs that join what is not yet joined, best first; then loops.
-  for (std::size_t k = 0; k < candidates.size() && groups > 1 && result.pairs.size() < budget; ++k)
-    if (candidates[k].score >= kLeastScore && joined.Find(candidates[k].fixed) != joined.Find(candidates[k].moving))
-      registerPair(k);
-  for (std::size_t k = 0; k < candidates.size() && result.pairs.size() < loopBudget; ++k)
-    if (!tried[k] && candidates[k].score >= kLeastScore) registerPair(k);
-  result.pairSeconds = Seconds(std::chrono::steady_clock::now() - started).count();
-
-  started = std::chrono::steady_clock::now();
+  result.pairs = std::move(pairs);
   std::vector<detail::GraphEdge> edges;
   std::vector<std::size_t> edgePair;
   for (std::size_t p = 0; p < result.pairs.size(); ++p) {
-    if (!result.pairs[p].sound) continue;
-    edges.push_back(EdgeOf(candidates[pairCandidate[p]], result.pairs[p].result, nodes));
+    ViewPair& pair = result.pairs[p];
+    if (pair.moving > views.size() || pair.fixed > views.size() || pair.moving == pair.fixed ||
+        (!nodes.withReference && (pair.moving == views.size() || pair.fixed == views.size())))
+      throw InputError("pair " + std::to_string(p + 1) + " names a view that is not there");
+    pair.sound = SoundViewPair(pair.result.verdict);
+    pair.kept = false;
+    pair.residual = 0.0;
+    if (!pair.sound) continue;
+    edges.push_back(EdgeOf(nodes.NodeOf(pair.fixed), nodes.NodeOf(pair.moving), pair.result, nodes.meshes));
     edgePair.push_back(p);
   }
   const double allowed =
@@ -281,7 +251,7 @@ ViewsResult AlignViews(const std::vector<MStlBase*>& views, MStlBase* reference,
       if (pair.kept) distances.push_back(pair.result.verdict.distance);
     std::nth_element(distances.begin(), distances.begin() + distances.size() / 2, distances.end());
     const detail::JointRefinement joint =
-        detail::RefineJointly(nodes, graph.placed, poses, distances[distances.size() / 2]);
+        detail::RefineJointly(nodes.meshes, graph.placed, poses, distances[distances.size() / 2]);
     result.refinedPairs = joint.pairs;
     result.refinedRms = joint.rms / ie;
   }
@@ -305,6 +275,82 @@ ViewsResult AlignViews(const std::vector<MStlBase*>& views, MStlBase* reference,
     view.confirmed = node == 0 || partners.size() >= 2;
   }
   result.graphSeconds = Seconds(std::chrono::steady_clock::now() - started).count();
+  return result;
+}
+
+ViewsResult AlignViews(const std::vector<MStlBase*>& views, MStlBase* reference, const ViewsOptions& options,
+                       const std::shared_ptr<ZorSDK::Common::IProgressDelegate>& progress) {
+  const Nodes nodes = CheckedNodes(views, reference);
+  const std::size_t n = nodes.meshes.size();
+  const std::size_t offset = nodes.withReference ? 1 : 0;
+  ViewsResult result;
+  result.views.resize(views.size());
+  if (n < 2) {
+    if (n == 1 && reference == nullptr) result.views[0].placed = result.views[0].confirmed = true;
+    return result;
+  }
+
+  if (!options.initial.empty()) {
+    if (options.initial.size() != views.size())
+      throw InputError("the initial poses number " + std::to_string(options.initial.size()) + " for " +
+                       std::to_string(views.size()) + " views");
+    std::vector<MMTransformMatrix> poses(n);
+    for (std::size_t v = 0; v < views.size(); ++v) poses[v + offset] = options.initial[v];
+    if (options.refine) {
+      const auto started = std::chrono::steady_clock::now();
+      const detail::JointRefinement joint = detail::RefineJointly(nodes.meshes, std::vector<bool>(n, true), poses,
+                                                                  kGivenPoseDistance * PairVerdictDistance());
+      result.refinedPairs = joint.pairs;
+      result.refinedRms = joint.rms / MUnit::GetIE();
+      result.graphSeconds = Seconds(std::chrono::steady_clock::now() - started).count();
+    }
+    for (std::size_t v = 0; v < views.size(); ++v) {
+      result.views[v].placed = result.views[v].confirmed = true;
+      result.views[v].transform = poses[v + offset];
+    }
+    return result;
+  }
+
+  auto started = std::chrono::steady_clock::now();
+  const std::vector<Candidate> candidates = RankPairs(nodes.meshes);
+  const double rankSeconds = Seconds(std::chrono::steady_clock::now() - started).count();
+
+  const std::size_t budget = options.maxPairs > 0 ? options.maxPairs : 3 * (n - 1);
+  const std::size_t loopBudget = std::min(budget, kLoopCallsPerView * (n - 1));
+  ZorSDK::Common::IncrementalProgressReporter reporter(progress, "Pairs", budget, true);
+  started = std::chrono::steady_clock::now();
+  std::vector<bool> tried(candidates.size(), false);
+  std::vector<ViewPair> pairs;
+  DisjointSets joined(n);
+  std::size_t groups = n;
+  auto registerPair = [&](std::size_t k) {
+    tried[k] = true;
+    ViewPair pair;
+    pair.moving = nodes.ViewOf(candidates[k].moving);
+    pair.fixed = nodes.ViewOf(candidates[k].fixed);
+    pair.score = candidates[k].score;
+    try {
+      pair.result = AlignPair(*nodes.meshes[candidates[k].moving], *nodes.meshes[candidates[k].fixed], options.pair);
+    } catch (const std::out_of_range&) {
+      pair.result.verdict.doubtful = true;
+      pair.result.verdict.reason = "a pose carried the view off the grid";
+    }
+    if (SoundViewPair(pair.result.verdict) && joined.Join(candidates[k].fixed, candidates[k].moving)) --groups;
+    pairs.push_back(std::move(pair));
+    ++reporter;
+  };
+  // First the pairs that join what is not yet joined, best first; then loops.
+  for (std::size_t k = 0; k < candidates.size() && groups > 1 && pairs.size() < budget; ++k)
+    if (candidates[k].score >= kLeastScore && joined.Find(candidates[k].fixed) != joined.Find(candidates[k].moving))
+      registerPair(k);
+  for (std::size_t k = 0; k < candidates.size() && pairs.size() < loopBudget; ++k)
+    if (!tried[k] && candidates[k].score >= kLeastScore) registerPair(k);
+  const double pairSeconds = Seconds(std::chrono::steady_clock::now() - started).count();
+
+  result = PlaceViews(views, reference, std::move(pairs), options);
+  result.candidates = candidates.size();
+  result.rankSeconds = rankSeconds;
+  result.pairSeconds = pairSeconds;
   return result;
 }
 

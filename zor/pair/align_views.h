@@ -90,6 +90,20 @@ struct ViewsResult {
   double rankSeconds = 0.0, pairSeconds = 0.0, graphSeconds = 0.0;
 };
 
+// The stages of AlignViews, for callers that run the pair calls elsewhere (on a cluster):
+// the pairs worth a pair call, best first (moving, fixed and score as in ViewPair), and
+// the placement of the views from pairs registered by AlignPair (each with moving,
+// fixed, score and result; sound, kept and residual are set here).
+struct ViewCandidate {
+  std::size_t moving = 0, fixed = 0;
+  double score = 0.0;
+};
+ZOR_PAIR_API std::vector<ViewCandidate> RankViewPairs(const std::vector<MStlBase*>& views, MStlBase* reference);
+ZOR_PAIR_API ViewsResult PlaceViews(const std::vector<MStlBase*>& views, MStlBase* reference,
+                                    std::vector<ViewPair> pairs, const ViewsOptions& options);
+// Whether a pair's verdict lets it join two views (see ViewPair::sound).
+ZOR_PAIR_API bool SoundViewPair(const Verdict& verdict);
+
 // Brings `views` into one frame (see above). `reference` may be null. `progress` (may
 // be null) counts the pair calls. Throws InputError for a null view and for a view or
 // reference without triangles.
