@@ -22,9 +22,9 @@
 namespace ZorStlRegistration {
 namespace {
 
-// The ranking describes the views a little coarser than the feature strategy does: it
-// only has to tell promising pairs from the rest, and it sees every pair.
-constexpr double kRankCoarsening = 1.0;
+// The ranking describes the views and draws triples as the feature strategy does: with
+// coarser keypoints or fewer trials, true neighbours scored no better than views from
+// opposite sides.
 constexpr std::uint64_t kRankTrials = 20000;
 constexpr std::uint64_t kRankMinimumTrials = 4096;
 constexpr double kRankInlierSpacings = 1.5;
@@ -82,10 +82,7 @@ std::vector<Candidate> RankPairs(const std::vector<MStlBase*>& nodes) {
       smallest = k;
     }
   }
-  FeatureParameters parameters = ChooseFeatureParameters(*nodes[smallest], *nodes[smallest]);
-  parameters.spacing *= kRankCoarsening;
-  parameters.normalRadius *= kRankCoarsening;
-  parameters.featureRadius *= kRankCoarsening;
+  const FeatureParameters parameters = ChooseFeatureParameters(*nodes[smallest], *nodes[smallest]);
   std::vector<FeatureCloud> clouds;
   clouds.reserve(nodes.size());
   for (MStlBase* node : nodes) clouds.push_back(DescribeSurface(*node, parameters));
