@@ -203,11 +203,11 @@ JointRefinement RefineJointly(const std::vector<MStlBase*>& nodes, const std::ve
         squares += s.squares;
         count += s.count;
         const std::size_t ends[2] = {column[pairs[k].b], column[pairs[k].a]};
-        for (int i = 0; i < 2; ++i) {
+        for (Eigen::Index i = 0; i < 2; ++i) {
           if (ends[i] == SIZE_MAX) continue;
           const Eigen::Index ri = static_cast<Eigen::Index>(ends[i]);
           g.segment<6>(ri) += s.g.segment<6>(6 * i);
-          for (int j = 0; j < 2; ++j)
+          for (Eigen::Index j = 0; j < 2; ++j)
             if (ends[j] != SIZE_MAX)
               h.block<6, 6>(ri, static_cast<Eigen::Index>(ends[j])) += s.h.block<6, 6>(6 * i, 6 * j);
         }

@@ -125,12 +125,12 @@ std::size_t Fit(const std::vector<GraphEdge>& edges, const std::vector<Edge>& so
                        (2.0 * kDifference);
       }
       const std::size_t ends[2] = {column[e.fixed], column[e.moving]};
-      for (int a = 0; a < 2; ++a) {
+      for (Eigen::Index a = 0; a < 2; ++a) {
         if (ends[a] == SIZE_MAX) continue;
         const auto ja = j.middleCols<6>(6 * a);
         const Eigen::Index ra = static_cast<Eigen::Index>(ends[a]);
         g.segment<6>(ra) += ja.transpose() * solved[k].information * error;
-        for (int b = 0; b < 2; ++b) {
+        for (Eigen::Index b = 0; b < 2; ++b) {
           if (ends[b] == SIZE_MAX) continue;
           const auto jb = j.middleCols<6>(6 * b);
           h.block<6, 6>(ra, static_cast<Eigen::Index>(ends[b])) += ja.transpose() * solved[k].information * jb;
