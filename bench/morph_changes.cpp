@@ -38,6 +38,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -47,6 +48,7 @@
 #include <tbb/parallel_for.h>
 
 #include "bench/bench_args.h"
+#include "bench/bench_bodies.h"
 #include "bench/bench_digest.h"
 #include "generators/bodies.h"
 #include "generators/deformations.h"
@@ -75,15 +77,10 @@ std::vector<Body> LoadBodies(const std::vector<std::string>& names, const std::s
   std::vector<Body> bodies;
   for (const std::string& name : names) {
     zorgen::MeshArrays arrays;
-    if (name == "bunny" || name == "view" || name == "view0") {
-      const std::string path = data + (name == "bunny"  ? "/bun_zipper.ply"
-                                       : name == "view" ? "/bun090.ply"
-                                                        : "/bun000.ply");
-      if (!std::filesystem::exists(path)) {
-        std::printf("(no %s: %s is missing)\n", name.c_str(), path.c_str());
-        continue;
-      }
-      arrays = zorgen::ArraysOf(*ZorStlRegistration::ReadMesh(path, 1.0).mesh);
+    if (zorbench::IsBunnyBody(name)) {
+      std::optional<zorgen::MeshArrays> read = zorbench::BunnyBody(name, data);
+      if (!read) continue;
+      arrays = std::move(*read);
     } else if (name == "lumpy") {
       arrays = zorgen::MakeLumpyBody(7, static_cast<std::int64_t>(triangles));
     } else if (name == "featured") {
