@@ -16,13 +16,16 @@
 //
 //   bench_scan_scenes [--bodies bunny,view,view0,lumpy,lumpy2,sample] [--kinds all|whole,...]
 //                     [--poses 5] [--threads 2] [--data DIR] [--save DIR] [--peer FILE] [--verbose]
-//                     [--verdicts]
+//                     [--verdicts] [--search-triangles N]
 //
 // --save DIR writes every case as DIR/NNN_moving.ply and DIR/NNN_fixed.ply (millimetres)
 // with DIR/cases.txt listing them, for bench/peers/open3d_scan_scenes.py, which writes
 // the transforms it finds and its seconds to a file (and its verdicts, when it gives
 // any: an earlier build of ours through the tool's JSON); --peer FILE judges that file's
 // results on the same cases by the same measures and prints them beside ours.
+// --search-triangles N sets the pair call's option of that name: meshes of more than 4 N
+// triangles are searched on a copy clustered to about N (the default leaves these cases,
+// of a few tens of thousands, to the operator's reduction).
 // --verdicts judges the verdict alone on the true pose and on wrong poses that the finish
 // has settled (see RunVerdicts), instead of running the pair call.
 // "bunny" is the zippered model, "view" and "view0" the range scans bun090 and bun000 of
@@ -252,6 +255,7 @@ int main(int argc, char** argv) {
   long threads = 2;
   std::string save, peer;
   bool verbose = false, verdicts = false;
+  ZorStlRegistration::PairOptions options;
   for (int i = 1; i < argc; ++i) {
     const std::string flag = argv[i];
     const char* value = i + 1 < argc ? argv[i + 1] : "";
@@ -284,10 +288,13 @@ int main(int argc, char** argv) {
       save = value;
     } else if (flag == "--peer") {
       peer = value;
+    } else if (flag == "--search-triangles") {
+      options.searchTriangles = static_cast<std::size_t>(std::max(0L, std::atol(value)));
     } else {
       std::fprintf(stderr,
                    "usage: bench_scan_scenes [--bodies bunny,view,view0,lumpy,lumpy2,sample] [--kinds all|...] "
-                   "[--poses 5] [--threads 2] [--data DIR] [--save DIR] [--peer FILE] [--verbose] [--verdicts]\n");
+                   "[--poses 5] [--threads 2] [--data DIR] [--save DIR] [--peer FILE] [--verbose] [--verdicts] "
+                   "[--search-triangles N]\n");
       return 2;
     }
   }
@@ -332,8 +339,7 @@ int main(int argc, char** argv) {
           manifest << name << " " << zorgen::ScanKindName(kind) << " " << body.name << "\n";
         }
         const auto start = std::chrono::steady_clock::now();
-        const ZorStlRegistration::PairResult r =
-            ZorStlRegistration::AlignPair(*moving, *fixed, ZorStlRegistration::PairOptions());
+        const ZorStlRegistration::PairResult r = ZorStlRegistration::AlignPair(*moving, *fixed, options);
         const double ms = ZorSDK::Common::SecondsSince(start) * 1000.0;
         const Judged j = Judge(c, *fixed, r.transform);
         for (Tally* t : {&tally, &all}) {

@@ -207,7 +207,9 @@ FileNotFoundError for a missing file and ValueError for a malformed one, naming 
         py::arg("normal_radius") = r.normalRadius, py::arg("max_normal_angle") = r.maxNormalAngle,
         py::arg("normal_weight") = r.normalWeight, py::arg("sphere_rings") = r.sphereRingSteps,
         py::arg("sphere_spins") = r.sphereSpinSteps, py::arg("axis_steps") = r.axisRotationSteps,
-        py::arg("polish") = true, py::arg("progress") = py::none(),
+        py::arg("polish") = true,
+        py::arg("search_triangles") = static_cast<long long>(ZorStlRegistration::PairOptions().searchTriangles),
+        py::arg("progress") = py::none(),
         R"(Finds the rigid transform that lays moving on fixed, with no starting pose.
 
 moving, fixed: zor.Mesh, or anything with vertices and faces arrays.
@@ -225,12 +227,16 @@ normals, flip_normals, normal_radius (mm), max_normal_angle (degrees), normal_we
 sphere_rings, sphere_spins: directions the ball strategy tries; axis_steps: turns about
   a symmetry axis for rod and disc.
 polish: finish with point-to-plane ICP on the full meshes.
+search_triangles: with reduce, a mesh of more than four times this many triangles is
+  searched on a copy clustered to about this many (fast); smaller ones on the reduction
+  (0: always the reduction).
 progress: None, True (a tqdm bar) or a callable (label, done, total).
 
 Returns a RegisterResult: transform (4x4, points as column vectors, shift in mm), error
 (mm), strategy_used, inliers, iterations, overlap (share of moving within
 overlap_distance mm of fixed, loose fragments aside), fixed_overlap (share of fixed
-within it of moving), overlap_rms (mm), doubtful and doubt (why), seconds by stage. The interpreter is free for other threads while it runs.)");
+within it of moving), overlap_rms (mm), doubtful and doubt (why), seconds by stage (and
+of the whole call: registration; studying the surfaces: surfaces; judging poses: verdicts). The interpreter is free for other threads while it runs.)");
 
   m.def("align_views", &AlignViews, py::arg("meshes"), py::arg("reference") = py::none(), py::kw_only(),
         py::arg("strategy") = std::string(ZorStlRegistration::kDefaultStrategy), py::arg("max_pairs") = 0,

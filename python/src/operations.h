@@ -117,7 +117,7 @@ RegisterResult Register(const py::object& movingObject, const py::object& fixedO
                         long long samples, double overlap, double errorTolerance, long long iterations, bool reduce,
                         double reduceTolerance, double slideStep, bool normals, bool flipNormals, double normalRadius,
                         double maxNormalAngle, double normalWeight, long long sphereRings, long long sphereSpins,
-                        long long axisSteps, bool polish, const py::object& progress);
+                        long long axisSteps, bool polish, long long searchTriangles, const py::object& progress);
 IcpResult RunIcp(const py::object& movingObject, const py::object& fixedObject, bool single, long long directions,
                  long long rotations, long long iterations, long long samples, bool allowScale, bool normals,
                  double distanceFactor, double maxDistance, const py::object& initial, bool refine,

@@ -48,7 +48,7 @@ RegisterResult Register(const py::object& movingObject, const py::object& fixedO
                         long long samples, double overlap, double errorTolerance, long long iterations, bool reduce,
                         double reduceTolerance, double slideStep, bool normals, bool flipNormals, double normalRadius,
                         double maxNormalAngle, double normalWeight, long long sphereRings, long long sphereSpins,
-                        long long axisSteps, bool polish, const py::object& progress) {
+                        long long axisSteps, bool polish, long long searchTriangles, const py::object& progress) {
   ZorStlRegistration::PairOptions options;
   Registration::MParams& p = options.params;
   p = ZorStlRegistration::PairDefaults();
@@ -74,6 +74,8 @@ RegisterResult Register(const py::object& movingObject, const py::object& fixedO
   p.sphereSpinSteps = Count(PairRanges::kSphereSpins, sphereSpins);
   p.axisRotationSteps = Count(PairRanges::kAxisSteps, axisSteps);
   options.polish = polish;
+  if (searchTriangles < 0) throw std::invalid_argument("search_triangles must not be negative");
+  options.searchTriangles = static_cast<std::size_t>(searchTriangles);
   const auto [moving, fixed] = Operands(movingObject, "moving", fixedObject, "fixed");
   const std::shared_ptr<Progress> bar = Progress::From(progress);
 
@@ -107,10 +109,11 @@ RegisterResult Register(const py::object& movingObject, const py::object& fixedO
   out.doubtful = r.verdict.doubtful;
   out.doubt = r.verdict.reason;
   const Registration::StageTimes& t = r.times;
-  out.seconds =
-      py::dict(py::arg("reduction") = t.reduction, py::arg("sampling") = t.sampling, py::arg("index") = t.index,
-               py::arg("alignment") = t.alignment, py::arg("refinement") = t.refinement,
-               py::arg("polish") = r.polishSeconds, py::arg("total") = t.total + r.polishSeconds);
+  out.seconds = py::dict(py::arg("reduction") = t.reduction, py::arg("sampling") = t.sampling,
+                         py::arg("index") = t.index, py::arg("alignment") = t.alignment,
+                         py::arg("refinement") = t.refinement, py::arg("polish") = r.polishSeconds,
+                         py::arg("total") = t.total + r.polishSeconds, py::arg("surfaces") = r.surfaceSeconds,
+                         py::arg("verdicts") = r.verdictSeconds, py::arg("registration") = r.seconds);
   return out;
 }
 

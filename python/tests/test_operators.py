@@ -25,6 +25,17 @@ def test_register_recovers_a_pose_and_reports_it(body, moved, pose):
     # Anything with vertices and faces is a mesh.
     as_arrays = types.SimpleNamespace(vertices=moved.vertices, faces=moved.triangles)
     assert np.array_equal(zor.register(as_arrays, body).transform, result.transform)
+    # The whole call and its verdicts are timed beside the stages.
+    assert result.seconds["registration"] >= result.seconds["surfaces"] + result.seconds["verdicts"] > 0
+
+
+def test_register_on_clustered_search_copies(body, moved, pose):
+    # The body's 40k triangles count as large at this setting: searched on copies of
+    # about 2000 triangles, finished on the full meshes.
+    result = zor.register(moved, body, search_triangles=2000)
+    assert rotation_error_deg(result.transform, pose) < 0.05 and not result.doubtful
+    with pytest.raises(ValueError, match="search_triangles"):
+        zor.register(moved, body, search_triangles=-1)
 
 
 def test_icp_recovers_a_pose_from_its_search_and_from_a_start(body, moved, pose):

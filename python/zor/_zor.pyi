@@ -130,6 +130,7 @@ def register(
     sphere_spins: int = 8,
     axis_steps: int = 16,
     polish: bool = True,
+    search_triangles: int = 50000,
     progress: _Progress = None,
 ) -> RegisterResult: ...
 def align_views(

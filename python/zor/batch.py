@@ -49,6 +49,7 @@ REGISTER_PARAMETERS = (
     "sphere_spins",
     "axis_steps",
     "polish",
+    "search_triangles",
 )
 
 

@@ -96,14 +96,18 @@ TEST(PairProgress, TheReductionAndTheFinishReportTheirSteps) {
   const auto fixed = zorgen::MakeMesh(zorgen::MakeShape(zorgen::Shape::Featured, 120000));
   const auto moving =
       zorgen::MakeMovedCopy(zorgen::MakeShape(zorgen::Shape::Featured, 100000), zorgen::DrawPose(5, 20000.0));
-  auto recorder = std::make_shared<StageRecorder>();
-  ZorStlRegistration::PairOptions options;
-  ZorStlRegistration::AlignPair(*moving, *fixed, options, recorder);
-  ASSERT_GE(recorder->stages.size(), 3u);
-  EXPECT_EQ(recorder->stages.front().label, "Reduction");
-  EXPECT_EQ(recorder->stages.front().done, recorder->stages.front().total);
-  EXPECT_EQ(recorder->stages.back().label, "Finish");
-  EXPECT_EQ(recorder->stages.back().done, recorder->stages.back().total);
+  // The operator's reduction, and the clustered copies of meshes counted as large.
+  for (const std::size_t searchTriangles : {ZorStlRegistration::PairOptions().searchTriangles, std::size_t{5000}}) {
+    auto recorder = std::make_shared<StageRecorder>();
+    ZorStlRegistration::PairOptions options;
+    options.searchTriangles = searchTriangles;
+    ZorStlRegistration::AlignPair(*moving, *fixed, options, recorder);
+    ASSERT_GE(recorder->stages.size(), 3u);
+    EXPECT_EQ(recorder->stages.front().label, "Reduction");
+    EXPECT_EQ(recorder->stages.front().done, recorder->stages.front().total);
+    EXPECT_EQ(recorder->stages.back().label, "Finish");
+    EXPECT_EQ(recorder->stages.back().done, recorder->stages.back().total);
+  }
 }
 
 }  // namespace

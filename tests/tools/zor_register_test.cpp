@@ -158,6 +158,9 @@ TEST_F(ZorRegister, AlignRecoversAKnownPoseAndReportsIt) {
     EXPECT_LT(report["error"].get<double>() * scale,
               0.1);  // reported in file units
     EXPECT_GT(report["seconds"]["total"].get<double>(), 0.0);
+    // The whole call holds its stages, and reading is counted apart.
+    EXPECT_GE(report["seconds"]["registration"].get<double>(), report["seconds"]["verdicts"].get<double>());
+    EXPECT_GT(report["seconds"]["read"].get<double>(), 0.0);
     EXPECT_EQ(report["moving"]["triangles"], body->GetNumberOfTriangles());
 
     // The moved copy lands on the body.
@@ -350,6 +353,8 @@ TEST_F(ZorRegister, BadInputExitsWithStatusTwoAndWritesNothing) {
     const char* message;
   } cases[] = {
       {"align missing.stl box.obj -o out.stl", "cannot read 'missing.stl': No such file or directory"},
+      // Both files are read at once; when both fail, the first one named is reported.
+      {"align missing.stl garbage.stl -o out.stl", "cannot read 'missing.stl': No such file or directory"},
       {"align box.obj folder.stl -o out.stl", "cannot read 'folder.stl': it is a directory"},
       {"align garbage.stl box.obj -o out.stl", "cannot read 'garbage.stl'"},
       {"align empty.stl box.obj -o out.stl", "'empty.stl' has no triangles"},

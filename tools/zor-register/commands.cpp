@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -84,8 +83,7 @@ int RunAlign(const std::string& movingPath, const std::string& fixedPath, const 
              const PairOptions& options, const DeviationOptions& deviation, const CommonOptions& common) {
   if (!output.empty()) CheckOutputPath(output);
   CheckDeviationPath(deviation);
-  const LoadedMesh moving = ReadWithWarnings(movingPath, common);
-  const LoadedMesh fixed = ReadWithWarnings(fixedPath, common);
+  const auto [moving, fixed] = ReadPairWithWarnings(movingPath, fixedPath, common);
 
   PairResult result;
   {
@@ -105,6 +103,7 @@ int RunAlign(const std::string& movingPath, const std::string& fixedPath, const 
                                                            3.0 * result.error * toFile, toFile, common);
   WarnIfDoubtful(result.verdict, common);
   ResultDescription d = DescribeAlign(movingPath, moving, fixedPath, fixed, options, result, toFile);
+  DescribeWall(d, moving.seconds + fixed.seconds, result);
   DescribeOutputs(d, output, deviation, map, common.scale);
   WriteReport(deviation, map, "zor-register align", *moving.mesh, &result.transform, *fixed.mesh, d.Lines(),
               NoOverlapProblem(result.verdict, toFile,
@@ -117,8 +116,7 @@ int RunIcp(const std::string& movingPath, const std::string& fixedPath, const st
            const IcpOptions& options, const DeviationOptions& deviation, const CommonOptions& common) {
   if (!output.empty()) CheckOutputPath(output);
   CheckDeviationPath(deviation);
-  const LoadedMesh moving = ReadWithWarnings(movingPath, common);
-  const LoadedMesh fixed = ReadWithWarnings(fixedPath, common);
+  const auto [moving, fixed] = ReadPairWithWarnings(movingPath, fixedPath, common);
 
   IcpOptions inMillimetres = options;
   for (int i = 3; i < 12 && !options.initial.empty(); i += 4) inMillimetres.initial[i] *= common.scale;
@@ -145,8 +143,7 @@ int RunMorph(const std::string& movingPath, const std::string& targetPath, const
              const MorphOptions& options, const DeviationOptions& deviation, const CommonOptions& common) {
   if (!output.empty()) CheckOutputPath(output);
   CheckDeviationPath(deviation);
-  const LoadedMesh moving = ReadWithWarnings(movingPath, common);
-  const LoadedMesh target = ReadWithWarnings(targetPath, common);
+  const auto [moving, target] = ReadPairWithWarnings(movingPath, targetPath, common);
 
   const double toFile = 1.0 / (common.scale * MUnit::GetIE());
   MorphRun run;

@@ -4,10 +4,13 @@
 
 #include <cmath>
 #include <cstdio>
+#include <exception>
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <string>
+
+#include <tbb/parallel_invoke.h>
 
 #include "tools/zor-register/progress_bar.h"
 #include "zor/files/inspection_report.h"
@@ -25,6 +28,29 @@ LoadedMesh ReadWithWarnings(const std::string& path, const CommonOptions& common
   LoadedMesh m = ReadMesh(path, common.scale);
   Warn(common, m.warnings);
   return m;
+}
+
+std::pair<LoadedMesh, LoadedMesh> ReadPairWithWarnings(const std::string& first, const std::string& second,
+                                                       const CommonOptions& common) {
+  std::pair<LoadedMesh, LoadedMesh> read;
+  std::exception_ptr failed[2];
+  {
+    const auto limit = LimitThreads(common.threads);
+    const auto readInto = [&](const std::string& path, LoadedMesh& into, std::exception_ptr& error) {
+      try {
+        into = ReadMesh(path, common.scale);
+      } catch (...) {
+        error = std::current_exception();
+      }
+    };
+    tbb::parallel_invoke([&] { readInto(first, read.first, failed[0]); },
+                         [&] { readInto(second, read.second, failed[1]); });
+  }
+  for (const std::exception_ptr& error : failed)
+    if (error) std::rethrow_exception(error);
+  Warn(common, read.first.warnings);
+  Warn(common, read.second.warnings);
+  return read;
 }
 
 // Caps the worker threads for the life of the object when `threads` is not 0.
@@ -100,7 +126,8 @@ Json MeshJson(const std::string& path, const LoadedMesh& m) {
               {"points", m.mesh->NumberOfPoints()},
               {"triangles", m.mesh->GetNumberOfTriangles()},
               {"vertices_joined", m.joined.pointsMerged},
-              {"degenerate_dropped", m.joined.trianglesSkipped}};
+              {"degenerate_dropped", m.joined.trianglesSkipped},
+              {"read_seconds", m.seconds}};
 }
 
 // The deviation map's path is checked before any work, so that a bad name costs nothing.

@@ -24,6 +24,11 @@ void Warn(const CommonOptions& common, const std::vector<std::string>& lines);
 // Reads a mesh file and passes its grid advice on to the user.
 LoadedMesh ReadWithWarnings(const std::string& path, const CommonOptions& common);
 
+// Reads two mesh files at once (each reader runs on one thread), then passes their
+// grid advice on in order. When both fail, the first file's error is the one thrown.
+std::pair<LoadedMesh, LoadedMesh> ReadPairWithWarnings(const std::string& first, const std::string& second,
+                                                       const CommonOptions& common);
+
 // Caps the worker threads for the life of the object when `threads` is not 0.
 std::optional<tbb::global_control> LimitThreads(unsigned threads);
 

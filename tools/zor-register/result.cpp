@@ -56,6 +56,16 @@ void DescribeMeshes(ResultDescription& d, const char* movingRole, const std::str
   }
 }
 
+void DescribeWall(ResultDescription& d, double read, const PairResult& result) {
+  d.Add("wall", Format("reading both files %.3f s; the registration %.3f s, of which studying the surfaces %.3f and "
+                       "verdicts %.3f",
+                       read, result.seconds, result.surfaceSeconds, result.verdictSeconds));
+  d.json["seconds"]["read"] = read;
+  d.json["seconds"]["surfaces"] = result.surfaceSeconds;
+  d.json["seconds"]["verdicts"] = result.verdictSeconds;
+  d.json["seconds"]["registration"] = result.seconds;
+}
+
 void DescribeVerdict(ResultDescription& d, const Verdict& v, double toFile) {
   d.Add("overlap", Format("%.1f%% of MOVING within %.6g file units of FIXED, RMS %.6g there; %.1f%% of FIXED on "
                           "MOVING",

@@ -31,6 +31,10 @@ void DescribeMeshes(ResultDescription& d, const char* movingRole, const std::str
                     const LoadedMesh& moving, const char* fixedRole, const std::string& fixedPath,
                     const LoadedMesh& fixed);
 
+// What a user waits for beside the stages: reading the files, and the whole call after
+// them (seconds).
+void DescribeWall(ResultDescription& d, double read, const PairResult& result);
+
 // The verdict: the overlap, whether the result is doubtful and why.
 void DescribeVerdict(ResultDescription& d, const Verdict& verdict, double toFile);
 

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -105,6 +106,7 @@ private:
 }  // namespace
 
 LoadedMesh ReadMesh(const std::string& path, double scale) {
+  const auto start = std::chrono::steady_clock::now();
   const double toGrid = scale * MUnit::GetIE();
   std::vector<double> xyz;
   std::vector<std::uint32_t> indices;
@@ -150,6 +152,7 @@ LoadedMesh ReadMesh(const std::string& path, double scale) {
                      " collapse on the grid at scale " + Number(scale) + "; try --scale " +
                      Number(SuggestedScale(scale, std::max(reach, 1.0), kComfortableSteps, true)));
   loaded.warnings = GridAdvice(Quoted(path), *loaded.mesh, scale);
+  loaded.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   return loaded;
 }
 

@@ -27,6 +27,7 @@ struct LoadedMesh {
   std::size_t fileTriangles = 0;      // triangles read, before degenerate ones were dropped
   MStlBuildReport joined;             // vertices joined and degenerate triangles dropped
   std::vector<std::string> warnings;  // grid advice, one line each
+  double seconds = 0.0;               // reading the file and building the mesh
 };
 
 // Reads `path` and builds its mesh. Throws InputError when the file is missing

@@ -7,17 +7,18 @@
 #include <limits>
 #include <memory>
 #include <optional>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include <Eigen/Dense>
 #include <tbb/parallel_for.h>
-#include <tbb/parallel_invoke.h>
 
 #include "zor/alignment/feature_poses.h"
 #include "zor/model/distance_statistics.h"
 #include "zor/model/stopwatch.h"
 #include "zor/model/unit.h"
+#include "zor/pair/detail/search_copy.h"
 #include "zor/services/registration_icp.h"
 #include "zor/spatial/surface_query.h"
 #include "zor/spatial/tree_property.h"
@@ -55,6 +56,8 @@ constexpr double kFullOverlap = 0.99;
 // support (verdict.h) on this many points; the best is finished and judged in full when
 // it beats the result's support by this much.
 constexpr std::size_t kTwinSamples = 2000;
+// Points of each mesh a verdict on a finished pose measures.
+constexpr std::size_t kVerdictSamples = 20000;
 constexpr std::size_t kTwinIterations = 30;
 constexpr double kTwinGain = 0.02;
 // A first result that lays less than this support either way is no start for the
@@ -78,9 +81,7 @@ constexpr double kRivalShare = 0.6;
 constexpr double kRivalContradiction = 0.02;
 // A motion that lays this share of the fixed mesh on itself is a symmetry of it.
 constexpr double kSymmetricOverlap = 0.9;
-// Steps of the reduction's progress report (both meshes) and of the finish's (its
-// rounds and the verdict).
-constexpr std::size_t kReductionSteps = 100;
+// Steps of the finish's progress report (its rounds and the verdict).
 constexpr std::size_t kFinishSteps = 4;
 
 struct Run {
@@ -224,16 +225,32 @@ double SelfOverlap(const MStlBase& mesh, const MMTransformMatrix& motion, double
 
 }  // namespace
 
-PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& options,
-                     std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress) {
+namespace {
+
+// Where a pair call's time went besides the search and the finish.
+struct CallClocks {
+  double surfaces = 0.0;  // studying both meshes and building their trees
+  double verdicts = 0.0;  // judging poses
+};
+
+PairResult Align(MStlBase& moving, MStlBase& fixed, const PairOptions& options,
+                 std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress, CallClocks& clocks) {
   // Both meshes without their loose pieces, which take no part in the search, the finish
   // or the verdict, and studied for the distance the verdict measures within.
+  const auto studied = std::chrono::steady_clock::now();
   const PairSurfaces pair(moving, fixed);
+  clocks.surfaces = SecondsSince(studied);
   MStlBase& bodyMoving = pair.Moving();
   MStlBase& bodyFixed = pair.Fixed();
   const double finishDistance = kVerdictBounds * options.params.reduceTolerance * MUnit::GetIE();
   const double distance = pair.VerdictDistance(kLeastVerdictShare * finishDistance);
   const double reach = std::max(finishDistance, distance);
+  const auto judge = [&](const MMTransformMatrix& pose, std::size_t samples) {
+    const auto start = std::chrono::steady_clock::now();
+    Verdict v = JudgePose(pair, pose, distance, samples);
+    clocks.verdicts += SecondsSince(start);
+    return v;
+  };
   const auto judged = [&](const Run& run) {
     PairResult r;
     r.transform = run.transform;
@@ -241,7 +258,7 @@ PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& optio
     r.inliers = run.inliers;
     r.used = run.used;
     r.times = run.times;
-    r.verdict = JudgePose(pair, r.transform, distance);
+    r.verdict = judge(r.transform, kVerdictSamples);
     return r;
   };
   // The finish, then the verdict on the finished pose; a pose finished once is left.
@@ -251,7 +268,7 @@ PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& optio
     ZorSDK::Common::IncrementalProgressReporter reporter(progress, "Finish", kFinishSteps, true);
     r.polished = FinishPose(bodyMoving, bodyFixed, reach, r.transform, &reporter);
     r.polishSeconds = SecondsSince(start);
-    r.verdict = JudgePose(pair, r.transform, distance);
+    r.verdict = judge(r.transform, kVerdictSamples);
     while (reporter.GetDone() < kFinishSteps) ++reporter;
   };
 
@@ -264,21 +281,11 @@ PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& optio
   double reduction = 0.0;
   if (params.reduceMeshes) {
     const auto start = std::chrono::steady_clock::now();
-    const double bound = params.reduceTolerance * MUnit::GetIE();
-    // The operator's own reduction, once for every run; a mesh it leaves whole is
-    // searched on a copy all the same, since the operator places the meshes it is given
-    // by writing their coordinates and the caller's may be read meanwhile.
-    // The report moves with the blocks of both reductions, each mesh's share by its
-    // triangles.
-    const std::size_t movingTriangles = bodyMoving.GetNumberOfTriangles(),
-                      fixedTriangles = bodyFixed.GetNumberOfTriangles();
-    const std::size_t all = std::max<std::size_t>(1, movingTriangles + fixedTriangles);
-    const std::size_t movingSteps = kReductionSteps * movingTriangles / all;
-    ZorSDK::Common::IncrementalProgressReporter reporter(progress, "Reduction", kReductionSteps, false);
-    ZorSDK::Common::ProgressShare movingShare(reporter, movingSteps, movingTriangles);
-    ZorSDK::Common::ProgressShare fixedShare(reporter, kReductionSteps - movingSteps, fixedTriangles);
-    tbb::parallel_invoke([&] { reducedMoving = ReducedSearchCopy(bodyMoving, bound, &movingShare); },
-                         [&] { reducedFixed = ReducedSearchCopy(bodyFixed, bound, &fixedShare); });
+    // Once for every run; a mesh the reduction leaves whole is searched on a copy all
+    // the same, since the operator places the meshes it is given by writing their
+    // coordinates and the caller's may be read meanwhile.
+    std::tie(reducedMoving, reducedFixed) = detail::SearchCopies(
+        bodyMoving, bodyFixed, params.reduceTolerance * MUnit::GetIE(), options.searchTriangles, progress);
     searchMoving = reducedMoving.get();
     searchFixed = reducedFixed.get();
     params.reduceMeshes = false;
@@ -301,7 +308,7 @@ PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& optio
   };
   const auto settled = [&](const MMTransformMatrix& pose, Registration::MInitialAlignment from) {
     const MMTransformMatrix at = Settled(*searchMoving, *searchFixed, pose, reach);
-    return Candidate{at, JudgePose(pair, at, distance, kTwinSamples), from};
+    return Candidate{at, judge(at, kTwinSamples), from};
   };
   // The twins of a pose: the half turns about the principal axes of either mesh, and of
   // both together as the pose lays them (where each is a part of a near-symmetric body,
@@ -385,8 +392,7 @@ PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& optio
     if (!result.polished || result.verdict.doubtful) {
       PairResult automatic = search(params.initialAlignment);
       finish(automatic);
-      tried.push_back(
-          {automatic.transform, JudgePose(pair, automatic.transform, distance, kTwinSamples), automatic.used});
+      tried.push_back({automatic.transform, judge(automatic.transform, kTwinSamples), automatic.used});
       // The time of both goes to the one kept.
       PairResult& kept = !result.polished || Better(automatic.verdict, result.verdict) ? automatic : result;
       const PairResult& other = &kept == &automatic ? result : automatic;
@@ -411,7 +417,7 @@ PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& optio
     // and measured on a sample, the best finished and judged in full, and kept when its
     // verdict is better.
     const auto start = std::chrono::steady_clock::now();
-    tried.push_back({result.transform, JudgePose(pair, result.transform, distance, kTwinSamples), result.used});
+    tried.push_back({result.transform, judge(result.transform, kTwinSamples), result.used});
     if (!hopeless)
       for (const MMTransformMatrix& twin : twinsOf(result.transform)) tried.push_back(settled(twin, result.used));
     const double seconds = SecondsSince(start);
@@ -446,6 +452,19 @@ PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& optio
       result.verdict.reason = text;
       break;
     }
+  return result;
+}
+
+}  // namespace
+
+PairResult AlignPair(MStlBase& moving, MStlBase& fixed, const PairOptions& options,
+                     std::shared_ptr<ZorSDK::Common::IProgressDelegate> progress) {
+  const auto start = std::chrono::steady_clock::now();
+  CallClocks clocks;
+  PairResult result = Align(moving, fixed, options, std::move(progress), clocks);
+  result.surfaceSeconds = clocks.surfaces;
+  result.verdictSeconds = clocks.verdicts;
+  result.seconds = SecondsSince(start);
   return result;
 }
 

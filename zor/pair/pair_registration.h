@@ -54,6 +54,11 @@ struct PairOptions {
   // their twins only.
   bool withFeatures = true;
   bool polish = true;  // point-to-plane ICP on the full meshes after the operator
+  // With reduceMeshes on, a mesh of more than four times this many triangles is searched
+  // on a copy clustered to about this many (at the speed of reading it), a smaller one
+  // on the operator's own reduction; 0 leaves every mesh to the operator's reduction.
+  // The finish and the verdict work on the full meshes either way.
+  std::size_t searchTriangles = 50000;
 };
 
 struct PairResult {
@@ -67,7 +72,10 @@ struct PairResult {
   MUserOperatorStlRegistration::StageTimes times;  // of the whole search: every run and candidate tried
   bool triedFeatures = false;
   bool polished = false;
-  double polishSeconds = 0.0;  // the finishes (AlignPair may finish two poses)
+  double polishSeconds = 0.0;   // the finishes (AlignPair may finish two poses)
+  double surfaceSeconds = 0.0;  // studying both meshes (pieces, noise, holes) and building their trees
+  double verdictSeconds = 0.0;  // judging poses (of candidates too, whose time `times` also counts)
+  double seconds = 0.0;         // the whole call
   Verdict verdict;
 };
 

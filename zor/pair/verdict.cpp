@@ -50,13 +50,14 @@ constexpr double kMostOpenOfClosed = 0.05;
 constexpr std::size_t kCounterpartSamples = 20000;
 
 // Every k-th point of `mesh` with a triangle, for at most `samples`.
-std::vector<const MStlPoint*> Sample(const MStlBase& mesh, std::size_t samples) {
+// Every k-th of `all` (a body's points in list order) that has a triangle, for at most
+// about `samples`.
+std::vector<const MStlPoint*> Sample(const std::vector<const MStlPoint*>& all, std::size_t samples) {
   std::vector<const MStlPoint*> points;
   samples = std::max<std::size_t>(1, samples);
-  const std::size_t step = std::max<std::size_t>(1, (mesh.NumberOfPoints() + samples - 1) / samples);
-  std::size_t i = 0;
-  for (const MStlPoint* p = mesh.GetFirstPoint(); p != nullptr; p = p->GetNext(), ++i)
-    if (i % step == 0 && p->GetNumberOfNeighbourTriangles() > 0) points.push_back(p);
+  const std::size_t step = std::max<std::size_t>(1, (all.size() + samples - 1) / samples);
+  for (std::size_t i = 0; i < all.size(); i += step)
+    if (all[i]->GetNumberOfNeighbourTriangles() > 0) points.push_back(all[i]);
   return points;
 }
 
@@ -180,16 +181,23 @@ SurfaceFacts StudySurface(const MStlBase& mesh) {
 
 PairSurfaces::PairSurfaces(MStlBase& movingMesh, MStlBase& fixedMesh) : moving(&movingMesh), fixed(&fixedMesh) {
   const auto study = [](MStlBase& mesh, std::unique_ptr<MStlBase>& copy, SurfaceFacts& facts, double& loose,
-                        std::size_t& bodies, MeshPieces& pieces) {
+                        std::size_t& bodies, MeshPieces& pieces, std::vector<const MStlPoint*>& points) {
     pieces = FindPieces(mesh);
     copy = WithoutLoosePieces(mesh, pieces);
     loose = LooseShare(mesh, pieces);
     bodies = CountBodies(pieces);
-    facts = StudySurface(copy ? *copy : mesh);
+    const MStlBase& body = copy ? *copy : mesh;
+    facts = StudySurface(body);
+    points.reserve(body.NumberOfPoints());
+    for (const MStlPoint* p = body.GetFirstPoint(); p != nullptr; p = p->GetNext()) points.push_back(p);
+    // The tree every verdict and finish searches in, built here while the other mesh
+    // is studied.
+    MeshQueries::GetTriangleTree(MeshQueries::MeshHandle(&body));
   };
   MeshPieces fixedPieces;
-  tbb::parallel_invoke([&] { study(movingMesh, movingCopy, movingFacts, movingLoose, movingBodies, movingPieces); },
-                       [&] { study(fixedMesh, fixedCopy, fixedFacts, fixedLoose, fixedBodies, fixedPieces); });
+  tbb::parallel_invoke(
+      [&] { study(movingMesh, movingCopy, movingFacts, movingLoose, movingBodies, movingPieces, movingPoints); },
+      [&] { study(fixedMesh, fixedCopy, fixedFacts, fixedLoose, fixedBodies, fixedPieces, fixedPoints); });
 }
 
 double PairSurfaces::VerdictDistance(double least) const {
@@ -211,8 +219,8 @@ Verdict JudgePose(const PairSurfaces& pair, const MMTransformMatrix& pose, doubl
   v.loose = pair.MovingLoose();
   const MStlBase& moving = pair.Moving();
   const MStlBase& fixed = pair.Fixed();
-  const std::vector<const MStlPoint*> movingPoints = Sample(moving, samples);
-  const std::vector<const MStlPoint*> fixedPoints = Sample(fixed, samples);
+  const std::vector<const MStlPoint*> movingPoints = Sample(pair.MovingPoints(), samples);
+  const std::vector<const MStlPoint*> fixedPoints = Sample(pair.FixedPoints(), samples);
   const MeshQueries::TriangleTreeHolder* fixedTree = MeshQueries::GetTriangleTree(MeshQueries::MeshHandle(&fixed));
   const MeshQueries::TriangleTreeHolder* movingTree = MeshQueries::GetTriangleTree(MeshQueries::MeshHandle(&moving));
   if (movingPoints.empty() || fixedPoints.empty() || fixedTree == nullptr || movingTree == nullptr ||
@@ -290,7 +298,7 @@ std::vector<std::uint8_t> Counterparts(const PairSurfaces& pair, const MMTransfo
   if (points.empty() || fixedTree == nullptr || fixedTree->GetTree().GetObjects().empty()) return counterpart;
   // Whether a point contradicts the fixed surface is told by its neighbours among the
   // verdict's sample of the body, as the verdict tells it.
-  const std::vector<const MStlPoint*> sample = Sample(pair.Moving(), kCounterpartSamples);
+  const std::vector<const MStlPoint*> sample = Sample(pair.MovingPoints(), kCounterpartSamples);
   std::vector<double> sampleFound;
   std::vector<std::uint8_t> sampleSide;
   Measure(sample, pose, *fixedTree, distance, sampleFound, sampleSide);

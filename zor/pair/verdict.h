@@ -88,6 +88,10 @@ public:
   // by its triangles, whose chords cut inside a curved surface), at least `least`
   // (internal units).
   double VerdictDistance(double least) const;
+  // The bodies' points in list order, so that a verdict samples them without walking
+  // the lists again.
+  const std::vector<const MStlPoint*>& MovingPoints() const { return movingPoints; }
+  const std::vector<const MStlPoint*>& FixedPoints() const { return fixedPoints; }
 
 private:
   MStlBase* moving;
@@ -97,6 +101,7 @@ private:
   double movingLoose = 0.0, fixedLoose = 0.0;
   std::size_t movingBodies = 0, fixedBodies = 0;
   MeshPieces movingPieces;
+  std::vector<const MStlPoint*> movingPoints, fixedPoints;
 };
 
 // Judges `pose` (moving onto fixed) within `distance`, on up to `samples` points of

@@ -169,7 +169,6 @@ double SurfaceNoise(const MStlBase& mesh, const MeshPieces* pieces, std::size_t 
   std::vector<const MStlPoint*> all;
   for (const MStlPoint* p = mesh.GetFirstPoint(); p != nullptr; p = p->GetNext())
     if (p->GetNumberOfNeighbourTriangles() > 0 && (pieces == nullptr || !pieces->IsLoose(*p))) all.push_back(p);
-  std::vector<double> offset(mesh.GetMasks().GetPointMaskSize(), 0.0);
   const auto ringMean = [](const MStlPoint& p, const auto& value) {
     double sum = 0.0;
     std::size_t corners = 0;
@@ -183,30 +182,29 @@ double SurfaceNoise(const MStlBase& mesh, const MeshPieces* pieces, std::size_t 
     }
     return corners > 0 ? sum / static_cast<double>(corners) : 0.0;
   };
-  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, all.size(), 1024),
-                    [&](const tbb::blocked_range<std::size_t>& r) {
-                      for (std::size_t i = r.begin(); i != r.end(); ++i) {
-                        const MStlPoint& p = *all[i];
-                        MMVector3d normal;
-                        for (std::uint16_t j = 0; j < p.GetNumberOfNeighbourTriangles(); ++j)
-                          normal += p.GetNeighbourTriangle(j)->data.GetAreaVector();
-                        if (Normalize(normal) == 0.0) continue;
-                        for (std::size_t k = 0; k < 3; ++k) {
-                          const double mean = ringMean(p, [k](const MStlPoint& q) { return q.GetDouble()[k]; });
-                          offset[p.GetMaskIndex()] += (p.GetDouble()[k] - mean) * normal[k];
-                        }
-                      }
-                    });
+  // Only the sampled points and their neighbours need an offset: a few per sample
+  // rather than one per point of a mesh of millions.
+  const auto offsetOf = [&ringMean](const MStlPoint& p) {
+    MMVector3d normal;
+    for (std::uint16_t j = 0; j < p.GetNumberOfNeighbourTriangles(); ++j)
+      normal += p.GetNeighbourTriangle(j)->data.GetAreaVector();
+    double offset = 0.0;
+    if (Normalize(normal) == 0.0) return offset;
+    for (std::size_t k = 0; k < 3; ++k) {
+      const double mean = ringMean(p, [k](const MStlPoint& q) { return q.GetDouble()[k]; });
+      offset += (p.GetDouble()[k] - mean) * normal[k];
+    }
+    return offset;
+  };
   const std::size_t every = std::max<std::size_t>(1, (all.size() + samples - 1) / std::max<std::size_t>(1, samples));
   std::vector<double> noise((all.size() + every - 1) / every);
-  tbb::parallel_for(
-      tbb::blocked_range<std::size_t>(0, noise.size(), 512), [&](const tbb::blocked_range<std::size_t>& r) {
-        for (std::size_t i = r.begin(); i != r.end(); ++i) {
-          const MStlPoint& p = *all[i * every];
-          noise[i] = std::fabs(offset[p.GetMaskIndex()] -
-                               ringMean(p, [&offset](const MStlPoint& q) { return offset[q.GetMaskIndex()]; }));
-        }
-      });
+  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, noise.size(), 64),
+                    [&](const tbb::blocked_range<std::size_t>& r) {
+                      for (std::size_t i = r.begin(); i != r.end(); ++i) {
+                        const MStlPoint& p = *all[i * every];
+                        noise[i] = std::fabs(offsetOf(p) - ringMean(p, offsetOf));
+                      }
+                    });
   return NearestRank(noise, 0.5) / (kMedianToSigma * kSecondDifferenceGain);
 }
 
