@@ -11,6 +11,9 @@
 #include <oneapi/tbb/task_arena.h>
 
 #include "generators/bodies.h"
+#include "generators/deformations.h"
+#include "generators/mesh_arrays.h"
+#include "generators/scan_cases.h"
 #include "support/mesh_checks.h"
 #include "zor/model/stl.h"
 #include "zor/model/stl_guards.h"
@@ -106,6 +109,33 @@ TEST(FieldMorph, ABentBodyLandsWhereTheBendTakesIt) {
   EXPECT_GT(still / static_cast<double>(morphed.size()), 1000.0);
   // 140 um; the surface levels alone leave 700 um, sliding along the flanks.
   EXPECT_LT(slide / static_cast<double>(morphed.size()), 250.0);
+  EXPECT_FALSE(report.local);
+}
+
+// Two bumps and a dent a tenth of the body across, the rest of the body as it was: a
+// field over space would take them for a stretch of the whole body and slide every point
+// along the surface. The morph keeps the rest where it is: its points end nearer where
+// the changes take them than they started, and it says the change was taken locally.
+TEST(FieldMorph, LocalChangesStayWhereTheyAreAndTheRestDoesNotSlide) {
+  const zorgen::MeshArrays body = zorgen::ArraysOf(*zorgen::MakeMesh(
+      zorgen::ScaledToExtent(zorgen::Simplified(zorgen::MakeShape(zorgen::Shape::Featured, 10000), 10000), 200000.0)));
+  const std::vector<MMVector3d> truth = zorgen::ChangedAlongNormals(body, zorgen::NamedChanges(body, "several", 3));
+  const auto moving = zorgen::MakeMesh(body);
+  // The changed body tessellated anew, as a scan of it would be.
+  const auto target = zorgen::MakeMesh(zorgen::Retessellated(zorgen::Placed(body, truth), 0.6));
+  const std::vector<MMVector3d> rest = zortest::AllPoints(*moving);
+  const auto report = Morph(*moving, *target);
+  EXPECT_TRUE(report.local);
+  EXPECT_EQ(report.folded, 0u);
+  EXPECT_LT(report.p95Distance, 50.0);
+  const std::vector<MMVector3d> morphed = zortest::AllPoints(*moving);
+  double slide = 0.0, nothing = 0.0;
+  for (std::size_t i = 0; i < morphed.size(); ++i) {
+    slide += Length(morphed[i] - truth[i]);
+    nothing += Length(rest[i] - truth[i]);
+  }
+  EXPECT_GT(nothing / static_cast<double>(morphed.size()), 20.0);
+  EXPECT_LT(slide, nothing);
 }
 
 // Both meshes tessellate the same sphere coarsely (edges of 5 and 7 mm on a 20 mm

@@ -10,8 +10,9 @@
 //   see (the ends of a bend seen from the side, a twist), moves the surface along its
 //   normal elsewhere on the body, and one field over space carries it across. A
 //   local motion that a coarse lattice can only explain by a stretch of the whole body
-//   (a dent on the tip of a featureless ellipsoid) is taken as that stretch: the
-//   matches cannot tell the two apart there. The target's own points are matched back
+//   (a dent on the tip of a featureless ellipsoid) would be taken as that stretch: the
+//   matches cannot tell the two apart there. Hence local changes first (below). The
+//   target's own points are matched back
 //   onto the moving mesh as well, so that where both meshes are coarse tessellations
 //   of one curved surface the chords of either side, which cut inside it, do not
 //   shrink the field.
@@ -27,15 +28,25 @@
 //   the length shrinks to `smoothing` mean edges on the mesh itself.
 // - Matches are taken on the curved surface that the target's triangles and their
 //   corners' normals describe (not across creases), not on the flat triangles alone.
-// - Last (unless `layOnTarget` is off), each point with a near match is laid on the
-//   target itself, unless that would fold one of its triangles: the field is smooth,
-//   and a coarse mesh on a coarse target would otherwise keep the chords' depth.
+// - Last (unless `layOnTarget` is off), each point with a match as near as the last
+//   passes searched is laid on the target itself, unless that would fold one of its
+//   triangles: the field is smooth, and a coarse mesh on a coarse target would
+//   otherwise keep the chords' depth, a sharp local change its tip.
+// - Local changes: when most points (80% of a sample) already lie within five
+//   tolerances of the target, the change is taken for a local one (a dent, a bump) and
+//   the surface levels alone run first, from the length the field over space would have
+//   left them at. Their result is kept when it lays the mesh on the target cleanly (no
+//   fold, the 95th percentile within the tolerance, no point beyond four); otherwise the
+//   field over space runs as well, and of the two the one that moves the points less is
+//   kept, unless it strains the mesh (its edges' lengths) half as much again or lies
+//   farther from the target or folds more. The report says which (`local`).
 // - Points without a match (the target does not cover them) keep the deformation of
 //   their neighbours and are counted.
 // - The run always ends: when the share `targetFraction` of the matched points lies
 //   within `distanceTolerance` of its match (at most that far) (after the full schedule), when the 95th
 //   percentile of the match distances has not improved by 1% in `stallPasses` passes,
-//   or after `maxPasses` passes. The report says which.
+//   or after `maxPasses` passes, each of the (at most two) deformations tried. The
+//   report says which, of the one kept; its passes and times are those of both.
 //
 // The report's distances are measured after the last step, on the coordinates written,
 // from each point to the nearest place of the whole target (no filter, no radius): the
@@ -95,6 +106,7 @@ public:
     std::size_t unmatched = 0;    // points without a match in the last pass
     std::size_t folded = 0;       // triangles whose normal turned by more than 90 degrees
     std::size_t laid = 0;         // points the last step laid on the target
+    bool local = false;           // the deformation kept is the one without the field over space
     // Seconds.
     double setup = 0.0;           // levels, target tree
     double space = 0.0;           // the field over space: its matching and fitting
