@@ -183,14 +183,20 @@ FileNotFoundError for a missing file and ValueError for a malformed one, naming 
          &IcpResult::overlap, &IcpResult::fixed_overlap, &IcpResult::overlap_rms, &IcpResult::doubtful,
          &IcpResult::doubt, &IcpResult::seconds);
   py::class_<MorphResult> morphResult(m, "MorphResult", "What zor.morph made.");
-  Fields(morphResult,
-         {"vertices", "triangles", "mesh", "max_distance", "mean_distance", "fraction_within", "tolerance",
-          "iterations", "method", "stop", "p95_distance", "unmatched", "folded", "registered", "registration_succeeded",
-          "registration", "scales", "icp", "seconds"},
+  Fields(morphResult, {"vertices",      "triangles",
+                       "mesh",          "max_distance",
+                       "mean_distance", "fraction_within",
+                       "tolerance",     "iterations",
+                       "method",        "stop",
+                       "p95_distance",  "unmatched",
+                       "folded",        "local",
+                       "registered",    "registration_succeeded",
+                       "registration",  "scales",
+                       "icp",           "seconds"},
          &MorphResult::vertices, &MorphResult::triangles, &MorphResult::mesh, &MorphResult::max_distance,
          &MorphResult::mean_distance, &MorphResult::fraction_within, &MorphResult::tolerance, &MorphResult::iterations,
          &MorphResult::method, &MorphResult::stop, &MorphResult::p95_distance, &MorphResult::unmatched,
-         &MorphResult::folded, &MorphResult::registered, &MorphResult::registration_succeeded,
+         &MorphResult::folded, &MorphResult::local, &MorphResult::registered, &MorphResult::registration_succeeded,
          &MorphResult::registration, &MorphResult::scales, &MorphResult::icp, &MorphResult::seconds);
   py::class_<DeviationResult> deviationResult(m, "DeviationResult", "Signed distances of zor.deviation.");
   Fields(deviationResult, {"distances", "colours", "range", "within_share", "percentile95", "largest"},
@@ -333,7 +339,8 @@ moving is left as it is. Returns a MorphResult: vertices (the new positions, mm)
 triangles, mesh (the morphed Mesh), max_distance and mean_distance (mm), fraction_within,
 iterations (passes of the field morph); for the field morph the distances are those of
 the morphed vertices to target, with p95_distance, unmatched (vertices without a
-counterpart), folded (triangles turned over) and stop (what ended it); with register
+counterpart), folded (triangles turned over), local (the change was taken as a local
+one: the surface levels alone, without the field over space) and stop (what ended it); with register
 also registration (4x4), scales and icp (4x4); seconds.)");
 
   m.def("closest_points", &ClosestPoints, py::arg("mesh"), py::arg("points"),

@@ -99,6 +99,7 @@ MorphResult Morph(const py::object& movingObject, const py::object& targetObject
     out.p95_distance = f.p95Distance / ie;
     out.unmatched = f.unmatched;
     out.folded = f.folded;
+    out.local = f.local;
     morphSeconds =
         py::dict(py::arg("setup") = f.setup, py::arg("space") = f.space, py::arg("matching") = f.correspondence,
                  py::arg("solving") = f.solve, py::arg("measuring") = f.measure, py::arg("total") = f.total);

@@ -102,6 +102,7 @@ struct MorphResult {
   std::string method, stop;
   double p95_distance = 0.0;
   std::size_t unmatched = 0, folded = 0;
+  bool local = false;
   bool registered = false, registration_succeeded = false;
   py::object registration = py::none(), scales = py::none(), icp = py::none();
   py::dict seconds;

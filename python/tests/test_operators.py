@@ -64,6 +64,7 @@ def test_morph_lands_on_the_target_keeping_vertices_and_triangles(body):
     assert np.percentile(distances, 90) < 0.01 and result.fraction_within >= 0.99
     assert np.array_equal(result.mesh.vertices, result.vertices)
     assert result.method == "field" and result.stop == "converged" and result.folded == 0
+    assert not result.local, "a stretch of the whole body is no local change"
     assert abs(result.max_distance - distances.max()) < 1e-6, "the reported distances are those of the result"
     for method in ("field", "base"):
         alone = zor.morph(body, body, register=False, method=method)

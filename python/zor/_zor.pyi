@@ -84,6 +84,7 @@ class MorphResult:
     p95_distance: float
     unmatched: int
     folded: int
+    local: bool
     registered: bool
     registration_succeeded: bool
     registration: Optional[npt.NDArray[np.float64]]

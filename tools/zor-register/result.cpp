@@ -221,7 +221,8 @@ ResultDescription DescribeMorph(const std::string& movingPath, const LoadedMesh&
                           tolerance));
     d.json["iterations"] = m.iterations;
   } else {
-    d.Add("morph", Format("field morph, %zu passes, %s", f.passes, StopReasonName(f.stop)));
+    d.Add("morph", Format("field morph, %zu passes, %s%s", f.passes, StopReasonName(f.stop),
+                          f.local ? "; a local change, followed by the surface alone" : ""));
     d.Add("distance", Format("to TARGET after the last step: largest %.6g file units, mean %.6g, 95%% below %.6g; "
                              "%.2f%% within %.6g",
                              run.maxDistance * toFile, run.meanDistance * toFile, f.p95Distance * toFile,
@@ -234,6 +235,7 @@ ResultDescription DescribeMorph(const std::string& movingPath, const LoadedMesh&
     d.json["unmatched"] = f.unmatched;
     d.json["folded"] = f.folded;
     d.json["laid"] = f.laid;
+    d.json["local"] = f.local;
   }
   d.json["max_distance"] = run.maxDistance * toFile;
   d.json["mean_distance"] = run.meanDistance * toFile;
