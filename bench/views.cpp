@@ -260,12 +260,14 @@ int main(int argc, char** argv) {
         worstDeg = std::max(worstDeg, deg);
         worstMm = std::max(worstMm, mm);
         if (verbose)
-          std::fprintf(stderr, "%s #%ld view %zu: %.4f deg %.4f mm%s%s (%zu pairs, overlap %.2f, residual %.3f mm)\n",
+          std::fprintf(stderr,
+                       "%s #%ld view %zu: %.4f deg %.4f mm%s%s (%zu pairs, overlap %.2f, residual %.3f mm, shares "
+                       "%.2f)\n",
                        set.name.c_str(), draw, v, deg, mm,
                        ok                                     ? ""
                        : deg <= kNearDegrees && mm <= kNearMm ? " near"
                                                               : " WRONG",
-                       p.confirmed ? "" : " unconfirmed", p.pairs.size(), p.overlap, p.residual);
+                       p.confirmed ? "" : " unconfirmed", p.pairs.size(), p.overlap, p.residual, set.shared[v]);
       }
       if (verbose)
         for (const auto& pair : r.pairs)
