@@ -15,9 +15,12 @@
 namespace ZorStlRegistration::detail {
 namespace {
 
-constexpr std::size_t kSamples = 1500;  // points of each view that pull it
+// Points of each view that pull it: with 0.2 mm of noise along the line of sight, 1,500
+// left the noise in the poses (up to 0.14 degrees); 6,000 average it out to 0.08.
+constexpr std::size_t kSamples = 6000;
 constexpr double kReaches[] = {4.0, 2.0, 1.0};
-constexpr std::size_t kStepsPerReach = 3;
+// Solves per reach at most: three left the last reach short of where it settles.
+constexpr std::size_t kStepsPerReach = 5;
 // A pair of views takes part when at least this share of the moving view's sample finds
 // the other's surface within reach (and at least kLeastPairs points do).
 constexpr double kLeastShare = 0.05;
