@@ -88,6 +88,30 @@ TEST(ScanAnalysis, TheHoleShareIsTheAreaTheOpenBordersSpan) {
   }
   for (MStlTriangleCell* cell : top) open->RemoveTriangle(cell, MStlBase::RemoveFreePoints);
   EXPECT_NEAR(ZorStlRegistration::HoleShare(*open), 0.2, 1e-9);
+
+  // One triangle taken out of the middle of three faces: three small holes amid points
+  // whose fans are closed.
+  auto pricked = zorgen::MakeBox(1000, 1000, 1000, 4);
+  std::vector<MStlTriangleCell*> taken;
+  for (int axis = 0; axis < 3; ++axis)
+    for (auto it = MStlIteratorStlTriangle::Begin(pricked.get()); it != MStlIteratorStlTriangle::End(pricked.get());
+         ++it) {
+      MStlTriangle* t = &*it;
+      bool inside = true;
+      for (std::size_t c = 0; c < 3; ++c)
+        for (int k = 0; k < 3; ++k) {
+          const auto v = t->GetVertex(c)[k];
+          inside = inside && (k == axis ? v == 0 : v >= 250 && v <= 750);
+        }
+      if (inside) {
+        taken.push_back(t->GetCell());
+        break;
+      }
+    }
+  ASSERT_EQ(taken.size(), 3u);
+  for (MStlTriangleCell* cell : taken) pricked->RemoveTriangle(cell, MStlBase::RemoveFreePoints);
+  const double hole = 250.0 * 250.0 / 2.0;
+  EXPECT_NEAR(ZorStlRegistration::HoleShare(*pricked), 3 * hole / (6e6 - 3 * hole), 1e-12);
 }
 
 }  // namespace
