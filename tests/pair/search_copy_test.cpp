@@ -64,12 +64,12 @@ TEST(ClusteredSearchCopy, ASmallMeshIsCopiedWholeAndAMeshWithoutTrianglesKeepsIt
   EXPECT_EQ(ClusteredSearchCopy(empty, 10)->NumberOfPoints(), 0u);
 }
 
-// A part among debris and a part of a partial scan, both searched on clustered copies
-// (the option set low, so that these meshes count as large): the right pose, sound, and
-// bit for bit the same on one thread and on two.
+// A part among debris, a part of a partial scan and a noisy copy, searched on clustered
+// copies and finished first on them (the option set low, so that these meshes count as
+// large): the right pose, sound, and bit for bit the same on one thread and on two.
 TEST(AlignPair, SearchedOnClusteredCopiesFindsTheRightPoseAtEveryThreadCount) {
   const zorgen::MeshArrays body = zorgen::ScaledToDiagonal(zorgen::MakeLumpyBody(5, 40000), 200000.0);
-  for (const zorgen::ScanKind kind : {zorgen::ScanKind::Debris, zorgen::ScanKind::Partial}) {
+  for (const zorgen::ScanKind kind : {zorgen::ScanKind::Debris, zorgen::ScanKind::Partial, zorgen::ScanKind::Noisy}) {
     const zorgen::ScanCase c = zorgen::MakeScanCase(body, kind, 17);
     ZorStlRegistration::PairOptions options;
     options.searchTriangles = 2000;

@@ -89,6 +89,11 @@ ZOR_PAIR_API double PairVerdictDistance();
 // counts one step per round.
 ZOR_PAIR_API bool FinishPose(const MStlBase& moving, const MStlBase& fixed, double distance, MMTransformMatrix& pose,
                              ZorSDK::Common::IncrementalProgressReporter* progress = nullptr);
+// As above, the wide rounds (4 and 2 times `distance`) on `wideMoving` onto `wideFixed`
+// (coarse copies of the two), the last on the meshes themselves.
+ZOR_PAIR_API bool FinishPose(const MStlBase& moving, const MStlBase& fixed, const MStlBase& wideMoving,
+                             const MStlBase& wideFixed, double distance, MMTransformMatrix& pose,
+                             ZorSDK::Common::IncrementalProgressReporter* progress = nullptr);
 
 // Registers `moving` onto `fixed` (lengths of `options.params` in user units, usually
 // millimetres). Throws std::out_of_range when a pose

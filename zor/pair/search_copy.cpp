@@ -209,6 +209,10 @@ std::unique_ptr<MStlBase> ClusteredSearchCopy(const MStlBase& mesh, std::size_t 
   return BuildStl(points.data(), kept, corners.data(), corners.size() / 3);
 }
 
+bool ClustersMesh(const MStlBase& mesh, std::size_t searchTriangles) {
+  return searchTriangles > 0 && mesh.GetNumberOfTriangles() / 4 > searchTriangles;
+}
+
 std::pair<std::unique_ptr<MStlBase>, std::unique_ptr<MStlBase>> SearchCopies(
     MStlBase& moving, MStlBase& fixed, double bound, std::size_t searchTriangles,
     const std::shared_ptr<ZorSDK::Common::IProgressDelegate>& progress) {
@@ -221,7 +225,7 @@ std::pair<std::unique_ptr<MStlBase>, std::unique_ptr<MStlBase>> SearchCopies(
   ZorSDK::Common::ProgressShare movingShare(reporter, movingSteps, movingTriangles);
   ZorSDK::Common::ProgressShare fixedShare(reporter, kReductionSteps - movingSteps, fixedTriangles);
   const auto copyOf = [&](MStlBase& mesh, ZorSDK::Common::ProgressShare& share) {
-    if (searchTriangles > 0 && mesh.GetNumberOfTriangles() / 4 > searchTriangles) {
+    if (ClustersMesh(mesh, searchTriangles)) {
       std::unique_ptr<MStlBase> copy = ClusteredSearchCopy(mesh, searchTriangles);
       share.Add(mesh.GetNumberOfTriangles());
       return copy;

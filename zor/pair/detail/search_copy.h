@@ -20,6 +20,10 @@ namespace ZorStlRegistration::detail {
 // its points alone. `mesh` is only read.
 ZOR_PAIR_API std::unique_ptr<MStlBase> ClusteredSearchCopy(const MStlBase& mesh, std::size_t triangles);
 
+// Whether SearchCopies clusters `mesh` (more than four times `searchTriangles`
+// triangles) rather than reducing it.
+bool ClustersMesh(const MStlBase& mesh, std::size_t searchTriangles);
+
 // The copies of both meshes the pose search runs on, made at once: a mesh of more than
 // four times `searchTriangles` triangles clustered to about that many (0: none is), a
 // smaller one reduced by the registration operator's reduction within `bound`
