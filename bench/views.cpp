@@ -7,7 +7,8 @@
 //               [--threads 2] [--data DIR] [--save DIR] [--verbose]
 //
 // bunny: the six range scans of ../shared/data/bunny (which lie in one frame). virtual:
-// a seeded blob and the bunny model (scaled to 200 mm, about --triangles triangles), seen
+// a seeded blob of about --triangles triangles and the bunny model (its own 69k), both
+// scaled to 200 mm, seen
 // by a virtual range scanner from 8, 12 and 20 directions (generators/virtual_scans.h)
 // with Gaussian noise along the line of sight; --foreign adds a view of another blob,
 // which must be reported unplaced. --no-refine leaves out the joint refinement of all views;
