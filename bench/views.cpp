@@ -8,9 +8,8 @@
 //
 // bunny: the six range scans of ../shared/data/bunny (which lie in one frame). virtual:
 // a seeded blob of about --triangles triangles and the bunny model (its own 69k), both
-// scaled to 200 mm, seen
-// by a virtual range scanner from 8, 12 and 20 directions (generators/virtual_scans.h)
-// with Gaussian noise along the line of sight; --foreign adds a view of another blob,
+// scaled to 200 mm, seen by a virtual range scanner from 8, 12 and 20 directions
+// (generators/virtual_scans.h) with Gaussian noise along the line of sight; --foreign adds a view of another blob,
 // which must be reported unplaced. --no-refine leaves out the joint refinement of all views;
 // --from-truth gives every view its true pose and only refines (where the surfaces
 // themselves put the views, against where the truth does). --surface-truth judges against
