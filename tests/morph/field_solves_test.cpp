@@ -40,7 +40,8 @@ void AddOuter(Eigen::MatrixXd& a, std::size_t i, std::size_t j, const MMVector3d
 
 // The surface field: sum_i w_i (m_i . (x_i + d_i - c_i))^2 + bending |K d|^2 + membrane
 // (sum over listed edges of |d_i - d_j|^2, each edge listed from both ends, halved) +
-// strain (the same over (e . (d_i - d_j))^2) + ridge |d|^2.
+// strain (the same over (e . (d_i - d_j))^2) + ridge |d|^2 + tangent |d - (n . d) n|^2 +
+// tie |d_apex - (1 - t) d_a - t d_b|^2 over the tied triangles (here every one).
 TEST(FieldSolves, TheSurfaceFieldIsTheDirectSolveOfItsEnergy) {
   const auto grid = zorgen::MakeGrid(5, 10);
   FieldLevel level;
@@ -55,9 +56,17 @@ TEST(FieldSolves, TheSurfaceFieldIsTheDirectSolveOfItsEnergy) {
   const std::size_t n = level.rest.size();
   level.graph = ZorStlRegistration::detail::GraphOfTriangles(n, triangles);
   ZorStlRegistration::detail::MeasureEdges(level);
+  ZorStlRegistration::detail::TieThinTriangles(level, triangles, 1.0);
+  ASSERT_EQ(level.ties.size(), triangles.size() / 3);
   std::mt19937 rng(11);
   const std::vector<PlaneTerm> terms = RandomTerms(level.rest, rng);
-  const ZorStlRegistration::detail::FieldWeights weights{0.7, 0.05, 0.3, 0.002};
+  std::normal_distribution<double> normal(0.0, 1.0);
+  level.normals.resize(n);
+  for (MMVector3d& m : level.normals) {
+    m = MMVector3d(normal(rng), normal(rng), normal(rng));
+    Normalize(m);
+  }
+  const ZorStlRegistration::detail::FieldWeights weights{0.7, 0.05, 0.3, 0.002, 0.4, 0.8};
 
   // A x = b, assembled from the energy.
   Eigen::MatrixXd a = Eigen::MatrixXd::Zero(3 * n, 3 * n);
@@ -71,7 +80,8 @@ TEST(FieldSolves, TheSurfaceFieldIsTheDirectSolveOfItsEnergy) {
     const PlaneTerm& t = terms[i];
     AddOuter(a, i, i, t.normal, t.normal, t.weight);
     for (int r = 0; r < 3; ++r) b(3 * i + r) += t.weight * t.normal[r] * Dot(t.normal, t.place - level.rest[i]);
-    for (int r = 0; r < 3; ++r) a(3 * i + r, 3 * i + r) += weights.ridge;
+    for (int r = 0; r < 3; ++r) a(3 * i + r, 3 * i + r) += weights.ridge + weights.tangent;
+    AddOuter(a, i, i, level.normals[i], level.normals[i], -weights.tangent);
     for (std::uint32_t e = g.offsets[i]; e < g.offsets[i + 1]; ++e) {
       const std::size_t j = g.neighbours[e];
       const MMVector3d& dir = level.edgeDirections[e];
@@ -82,6 +92,13 @@ TEST(FieldSolves, TheSurfaceFieldIsTheDirectSolveOfItsEnergy) {
       AddOuter(a, i, i, dir, dir, weights.strain);
       AddOuter(a, i, j, dir, dir, -weights.strain);
     }
+  }
+  for (const auto& tie : level.ties) {
+    const std::size_t at[3] = {tie.apex, tie.a, tie.b};
+    const double share[3] = {1.0, -(1.0 - tie.along), -tie.along};
+    for (int u = 0; u < 3; ++u)
+      for (int v = 0; v < 3; ++v)
+        for (int r = 0; r < 3; ++r) a(3 * at[u] + r, 3 * at[v] + r) += weights.tie * share[u] * share[v];
   }
   const Eigen::MatrixXd ktk = k.transpose() * k;
   for (std::size_t i = 0; i < n; ++i)

@@ -57,6 +57,13 @@ MMVector3d Umbrella(const PointGraph& g, const std::vector<MMVector3d>& d, std::
   return d[i] - sum * (1.0 / static_cast<double>(end - begin));
 }
 
+// The share of point i in a tie's difference (apex 1, edge ends the negatives of their
+// interpolation weights).
+double TieShare(const ApexTie& tie, std::size_t i) {
+  if (i == tie.apex) return 1.0;
+  return i == tie.a ? -(1.0 - tie.along) : -tie.along;
+}
+
 // Applies A d = W d + bending K^T K d + membrane L d at point i, with u = K d given.
 MMVector3d Apply(const FieldLevel& level, const std::vector<PlaneTerm>& terms, const FieldWeights& weights,
                  const std::vector<MMVector3d>& d, const std::vector<MMVector3d>& u, std::size_t i) {
@@ -81,22 +88,39 @@ MMVector3d Apply(const FieldLevel& level, const std::vector<PlaneTerm>& terms, c
     }
   }
   out = out + d[i] * weights.ridge;
+  if (weights.tangent > 0.0) {
+    const MMVector3d& n = level.normals[i];
+    out = out + (d[i] - n * Dot(n, d[i])) * weights.tangent;
+  }
+  if (weights.tie > 0.0 && !level.ties.empty())
+    for (std::uint32_t k = level.tieOffsets[i]; k < level.tieOffsets[i + 1]; ++k) {
+      const ApexTie& tie = level.ties[level.tieIndices[k]];
+      const MMVector3d r = d[tie.apex] - d[tie.a] * (1.0 - tie.along) - d[tie.b] * tie.along;
+      out = out + r * (weights.tie * TieShare(tie, i));
+    }
   const PlaneTerm& t = terms[i];
   if (t.weight > 0.0) out = out + t.normal * (t.weight * Dot(t.normal, d[i]));
   return out;
 }
 
 // The diagonal of the smoothing part of A at point i, the same on every axis.
-double SmoothingDiagonal(const PointGraph& g, const FieldWeights& weights, std::size_t i) {
+double SmoothingDiagonal(const FieldLevel& level, const FieldWeights& weights, std::size_t i) {
+  const PointGraph& g = level.graph;
+  double ties = 0.0;
+  if (weights.tie > 0.0 && !level.ties.empty())
+    for (std::uint32_t k = level.tieOffsets[i]; k < level.tieOffsets[i + 1]; ++k) {
+      const double share = TieShare(level.ties[level.tieIndices[k]], i);
+      ties += weights.tie * share * share;
+    }
   const std::uint32_t begin = g.offsets[i], end = g.offsets[i + 1];
-  if (begin == end) return weights.ridge;
+  if (begin == end) return weights.ridge + weights.tangent + ties;
   double spread = 1.0;
   for (std::uint32_t k = begin; k < end; ++k) {
     const double degree = Degree(g, g.neighbours[k]);
     spread += 1.0 / (degree * degree);
   }
   return weights.bending * spread + (weights.membrane + weights.strain / 3.0) * static_cast<double>(end - begin) +
-         weights.ridge;
+         weights.ridge + weights.tangent + ties;
 }
 
 // The block-Jacobi preconditioner: (a I + w m m^T)^-1 r by Sherman-Morrison; only the
@@ -139,6 +163,38 @@ PointGraph GraphOfTriangles(std::size_t pointCount, const std::vector<std::uint3
   graph.offsets[pointCount] = write;
   graph.neighbours.resize(write);
   return graph;
+}
+
+void TieThinTriangles(FieldLevel& level, const std::vector<std::uint32_t>& triangles, double thinness) {
+  const std::vector<MMVector3d>& x = level.rest;
+  level.ties.clear();
+  for (std::size_t t = 0; t + 2 < triangles.size(); t += 3) {
+    std::size_t longest = 0;
+    double longest2 = -1.0;
+    for (std::size_t k = 0; k < 3; ++k) {
+      const double l2 = Length2(x[triangles[t + (k + 2) % 3]] - x[triangles[t + (k + 1) % 3]]);
+      if (l2 > longest2) {
+        longest2 = l2;
+        longest = k;
+      }
+    }
+    const std::uint32_t apex = triangles[t + longest], a = triangles[t + (longest + 1) % 3],
+                        b = triangles[t + (longest + 2) % 3];
+    if (!(longest2 > 0.0) || apex == a || apex == b || a == b) continue;
+    if (!(Length(Cross(x[a] - x[apex], x[b] - x[apex])) < thinness * longest2)) continue;
+    const double along = std::clamp(Dot(x[apex] - x[a], x[b] - x[a]) / longest2, 0.0, 1.0);
+    level.ties.push_back({apex, a, b, along});
+  }
+  const std::size_t n = x.size();
+  level.tieOffsets.assign(n + 1, 0);
+  for (const ApexTie& tie : level.ties)
+    for (std::uint32_t v : {tie.apex, tie.a, tie.b}) ++level.tieOffsets[v + 1];
+  for (std::size_t i = 0; i < n; ++i) level.tieOffsets[i + 1] += level.tieOffsets[i];
+  level.tieIndices.resize(level.tieOffsets[n]);
+  std::vector<std::uint32_t> fill(level.tieOffsets.begin(), level.tieOffsets.end() - 1);
+  for (std::size_t k = 0; k < level.ties.size(); ++k)
+    for (std::uint32_t v : {level.ties[k].apex, level.ties[k].a, level.ties[k].b})
+      level.tieIndices[fill[v]++] = static_cast<std::uint32_t>(k);
 }
 
 void MeasureEdges(FieldLevel& level) {
@@ -244,7 +300,7 @@ std::size_t SolveField(const FieldLevel& level, const std::vector<PlaneTerm>& te
   s.umbrella.resize(n);
   s.diagonal.resize(n);
   ForEachPoint(n, [&](std::size_t i) {
-    s.diagonal[i] = SmoothingDiagonal(g, weights, i);
+    s.diagonal[i] = SmoothingDiagonal(level, weights, i);
     s.umbrella[i] = Umbrella(g, field, i);
   });
   // r = b - A d.

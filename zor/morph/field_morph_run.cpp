@@ -47,6 +47,16 @@ constexpr double kBendingShare = 0.1;
 // so it is stronger only on the coarse levels, where such a translation would start.
 constexpr double kRidge = 0.001;
 constexpr double kCoarseRidge = 0.01;
+// Weight of the part of the displacement along the surface (across the point's rest
+// normal), beside a point's plane term: the matches cannot see it, and where the field
+// carries a change along the normals (a bump, a dent) it would otherwise slide the
+// surface around it as well.
+constexpr double kTangent = 10.0;
+// A triangle thinner than this (twice its area over its longest edge squared) has its
+// apex tied to its longest edge with this weight: a smooth field bends across a sliver
+// by more than its height and turns it over.
+constexpr double kThinTriangle = 0.1;
+constexpr double kTie = 100.0;
 // When the distances stall at the final smoothing length, it is halved, at most until
 // it is this share of the length asked for.
 constexpr double kFloorShare = 0.2;
@@ -99,6 +109,7 @@ bool FieldMorphRun::Prepare() {
   PointNormals(triangles, levels[0].rest, levels[0].normals);
   levels[0].graph = GraphOfTriangles(n, triangles);
   MeasureEdges(levels[0]);
+  TieThinTriangles(levels[0], triangles, kThinTriangle);
   while (levels.back().rest.size() > params.coarsestPoints) {
     FieldLevel coarse = Coarsen(levels.back());
     if (coarse.rest.size() * 10 > levels.back().rest.size() * 9) break;  // the graph no longer shrinks
@@ -275,17 +286,23 @@ void FieldMorphRun::FitSurfaceLevels(ZorSDK::Common::IncrementalProgressReporter
     stage = Clock::now();
     const double ratio2 =
         current.meanEdge > 0.0 ? (smoothing / current.meanEdge) * (smoothing / current.meanEdge) : 0.0;
-    const FieldWeights weights{kBendingShare * ratio2 * ratio2, kMembraneShare * ratio2, 0.0,
-                               level == 0 ? kRidge : kCoarseRidge};
-    if (level == 0) previous = field;
+    const FieldWeights weights{
+        kBendingShare * ratio2 * ratio2, kMembraneShare * ratio2, 0.0, level == 0 ? kRidge : kCoarseRidge, kTangent,
+        level == 0 ? kTie : 0.0};
+    if (level == 0) {
+      previous = field;
+      FoldFlags(triangles, fine.rest, positions, foldedAt);
+    }
     SolveField(current, terms, weights, level == 0 ? kFineSolverSteps : kSolverSteps, kSolverTolerance, field, scratch);
     if (level == 0) {
-      // A step that folds triangles to come closer is not taken: the run ends on the
-      // field before it. (Coarse meshes laid on a coarse re-tessellation of their
-      // target would otherwise crease at the target's edges.)
-      const std::size_t foldedBefore = FoldedTriangles(triangles, fine.rest, positions);
+      // A step that turns over a triangle that was not turned over before is not taken:
+      // the run ends on the field before it. (Coarse meshes laid on a coarse
+      // re-tessellation of their target would otherwise crease at the target's edges.)
       PlaceFinePoints(false);
-      if (FoldedTriangles(triangles, fine.rest, positions) > foldedBefore) {
+      FoldFlags(triangles, fine.rest, positions, foldedNow);
+      bool folds = false;
+      for (std::size_t t = 0; t < foldedNow.size() && !folds; ++t) folds = foldedNow[t] != 0 && foldedAt[t] == 0;
+      if (folds) {
         field.swap(previous);
         report.solve += SecondsSince(stage);
         stop = StopReason::Stalled;

@@ -1,5 +1,6 @@
 #include "zor/morph/detail/lay_on_target.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "zor/morph/detail/parallel_loops.h"
@@ -11,6 +12,15 @@ namespace {
 template <typename Body>
 void ForEach(std::size_t count, const Body& body) {
   ForEachIndex(count, 256, body);
+}
+
+// A triangle lower than this share of its longest edge has no side to turn over: its
+// normal is the rounding of its corners.
+constexpr double kFlat = 3e-4;
+
+bool HasSide(const MMVector3d& a, const MMVector3d& b, const MMVector3d& c) {
+  const double longest2 = std::max({Length2(b - a), Length2(c - a), Length2(c - b)});
+  return Length(Cross(b - a, c - a)) > kFlat * longest2;
 }
 
 }  // namespace
@@ -28,6 +38,18 @@ void PointNormals(const std::vector<std::uint32_t>& triangles, const std::vector
   });
 }
 
+void FoldFlags(const std::vector<std::uint32_t>& triangles, const std::vector<MMVector3d>& before,
+               const std::vector<MMVector3d>& after, std::vector<std::uint8_t>& flags) {
+  flags.assign(triangles.size() / 3, 0);
+  ForEach(flags.size(), [&](std::size_t t) {
+    const std::uint32_t* v = &triangles[3 * t];
+    if (!HasSide(before[v[0]], before[v[1]], before[v[2]])) return;
+    const MMVector3d a = Cross(before[v[1]] - before[v[0]], before[v[2]] - before[v[0]]);
+    const MMVector3d b = Cross(after[v[1]] - after[v[0]], after[v[2]] - after[v[0]]);
+    flags[t] = Dot(a, b) < 0.0 ? 1 : 0;
+  });
+}
+
 std::size_t FoldedTriangles(const std::vector<std::uint32_t>& triangles, const std::vector<MMVector3d>& before,
                             const std::vector<MMVector3d>& after) {
   std::size_t folded = 0;
@@ -36,6 +58,7 @@ std::size_t FoldedTriangles(const std::vector<std::uint32_t>& triangles, const s
       const MMVector3d& a = x[triangles[t]];
       return Cross(x[triangles[t + 1]] - a, x[triangles[t + 2]] - a);
     };
+    if (!HasSide(before[triangles[t]], before[triangles[t + 1]], before[triangles[t + 2]])) continue;
     folded += Dot(normalIn(before), normalIn(after)) < 0.0 ? 1 : 0;
   }
   return folded;
@@ -59,6 +82,7 @@ std::size_t LayOnTarget(const std::vector<std::uint32_t>& triangles, const std::
       const std::uint32_t* v = &triangles[3 * t];
       folds[t] = 0;
       if (moved[v[0]] == 0 && moved[v[1]] == 0 && moved[v[2]] == 0) return;
+      if (!HasSide(rest[v[0]], rest[v[1]], rest[v[2]])) return;
       const auto normalIn = [&](const std::vector<MMVector3d>& x) {
         return Cross(x[v[1]] - x[v[0]], x[v[2]] - x[v[0]]);
       };

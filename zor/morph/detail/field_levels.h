@@ -46,6 +46,14 @@ struct PointGraph {
 // Corners repeated within a triangle give no edge.
 ZOR_API PointGraph GraphOfTriangles(std::size_t pointCount, const std::vector<std::uint32_t>& triangles);
 
+// A thin triangle's apex (the corner across its longest edge) held to the point of that
+// edge it stands over, at `along` from `a` to `b`: its displacement follows theirs, so the
+// triangle moves with its edge instead of turning over when the field bends across it.
+struct ApexTie {
+  std::uint32_t apex = 0, a = 0, b = 0;
+  double along = 0.0;
+};
+
 struct FieldLevel {
   std::vector<MMVector3d> rest;     // rest position of each point
   std::vector<MMVector3d> normals;  // unit rest normal (zero where unknown)
@@ -55,10 +63,18 @@ struct FieldLevel {
   // Coarser levels only: the point of the finer level each point stands on, and for
   // each finer point the coarse points and weights (summing to 1) of its field.
   std::vector<std::uint32_t> seeds;
+  // The level's ties, and for each point the ties it takes part in (compressed rows).
+  std::vector<ApexTie> ties;
+  std::vector<std::uint32_t> tieOffsets{0};
+  std::vector<std::uint32_t> tieIndices;
   std::vector<std::uint32_t> prolongOffsets{0};
   std::vector<std::uint32_t> prolongPoints;
   std::vector<double> prolongWeights;
 };
+
+// Ties the apex of every triangle of `triangles` thinner than `thinness` (twice its area
+// over its longest edge squared) to that edge, at the level's rest places.
+ZOR_API void TieThinTriangles(FieldLevel& level, const std::vector<std::uint32_t>& triangles, double thinness);
 
 // Fills meanEdge and edgeDirections from the rest positions and the graph.
 ZOR_API void MeasureEdges(FieldLevel& level);
@@ -84,6 +100,8 @@ struct FieldWeights {
   double membrane = 0.0;
   double strain = 0.0;
   double ridge = 0.0;
+  double tangent = 0.0;
+  double tie = 0.0;  // weight of each apex tie
 };
 
 // Scratch of the solver, reused between solves of one run.

@@ -89,6 +89,7 @@ private:
   std::vector<MMVector3d> base;   // the field over space at the level's points
   std::vector<MMVector3d> positions, normals, finerField;
   std::vector<PlaneTerm> terms;
+  std::vector<std::uint8_t> foldedAt, foldedNow;  // per triangle
   std::vector<double> distances;
   double diagonal = 0.0, finest = 0.0, smoothing = 0.0, reach = 0.0, cosine = 0.0;
   std::size_t firstPass = 0;

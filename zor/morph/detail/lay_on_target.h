@@ -17,9 +17,15 @@ namespace ZorStlRegistration::detail {
 void PointNormals(const std::vector<std::uint32_t>& triangles, const std::vector<MMVector3d>& positions,
                   std::vector<MMVector3d>& normals);
 
-// Triangles whose normal at `after` points against their normal at `before`.
+// Triangles whose normal at `after` points against their normal at `before`. A triangle
+// nearly flat at `before` (lower than a small share of its longest edge) never counts,
+// here nor below: its normal is the rounding of its corners.
 std::size_t FoldedTriangles(const std::vector<std::uint32_t>& triangles, const std::vector<MMVector3d>& before,
                             const std::vector<MMVector3d>& after);
+
+// Per triangle, 1 where its normal at `after` points against its normal at `before`.
+void FoldFlags(const std::vector<std::uint32_t>& triangles, const std::vector<MMVector3d>& before,
+               const std::vector<MMVector3d>& after, std::vector<std::uint8_t>& flags);
 
 // Moves each point with a match within `reach` (distances[i] in [0, reach)) from
 // `from` onto its matched place terms[i].place + base[i], then takes back the move of
