@@ -340,7 +340,7 @@ void FieldMorphRun::LayPointsOnTarget() {
   report.correspondence += SecondsSince(stage);
 }
 
-double FieldMorphRun::NearShare() const {
+FieldMorphRun::RestMatch FieldMorphRun::MatchAtRest() const {
   // As the first pass of the field over space matches: on its sample level, at rest.
   std::size_t sample = 0;
   while (sample + 1 < levels.size() && levels[sample].rest.size() > kSpacePoints) ++sample;
@@ -350,10 +350,29 @@ double FieldMorphRun::NearShare() const {
   std::vector<double> restDistances;
   const PassSummary found = MatchLevel(*surface, fit, zero, zero, fit.normals, cosine, reach, params.distanceTolerance,
                                        restTerms, restDistances);
-  if (found.matched == 0) return 0.0;
+  RestMatch out;
+  if (found.matched == 0) return out;
   std::size_t near = 0;
-  for (double d : restDistances) near += d >= 0.0 && d <= kNearTolerances * params.distanceTolerance ? 1 : 0;
-  return static_cast<double>(near) / static_cast<double>(found.matched);
+  MMVector3d lo, hi;
+  bool any = false;
+  for (std::size_t i = 0; i < restDistances.size(); ++i) {
+    const double d = restDistances[i];
+    if (!(d >= 0.0)) continue;
+    if (d <= kNearTolerances * params.distanceTolerance) {
+      ++near;
+      continue;
+    }
+    const MMVector3d& p = fit.rest[i];
+    if (!any) lo = hi = p;
+    any = true;
+    for (std::size_t k = 0; k < 3; ++k) {
+      lo[k] = std::min(lo[k], p[k]);
+      hi[k] = std::max(hi[k], p[k]);
+    }
+  }
+  out.nearShare = static_cast<double>(near) / static_cast<double>(found.matched);
+  out.farSpread = any && diagonal > 0.0 ? Length(hi - lo) / diagonal : 0.0;
+  return out;
 }
 
 void FieldMorphRun::Restart(bool withSpaceField) {

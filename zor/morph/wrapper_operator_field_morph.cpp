@@ -28,6 +28,12 @@ using StopReason = MWrapperOperatorFieldMorph::StopReason;
 // moves, the change is taken for a local one, which a field over space may explain by
 // moving the whole body along its surface: the surface levels alone are tried first.
 constexpr double kLocalShare = 0.8;
+// A change that leaves fewer points near is taken for a local one too when the points
+// off the target lie together: their box spans at most this share of the mesh's
+// diagonal (a large dent or bump), where those of a bend, a twist or a stretch span the
+// whole mesh (0.94-1 measured).
+constexpr double kCompactShare = 0.7;
+constexpr double kCompactSpread = 0.9;
 // The deformation without it may strain the mesh this many times as much and still be
 // kept when it moves the points less.
 constexpr double kStrainSlack = 1.5;
@@ -129,7 +135,10 @@ void MWrapperOperatorFieldMorph::Operate(std::shared_ptr<ZorSDK::Common::IProgre
       return OutcomeOf(run, tolerance);
     };
     Outcome chosen;
-    if (params.spaceField && run.NearShare() >= kLocalShare) {
+    const FieldMorphRun::RestMatch rest = params.spaceField ? run.MatchAtRest() : FieldMorphRun::RestMatch();
+    const bool maybeLocal =
+        rest.nearShare >= kLocalShare || (rest.nearShare >= kCompactShare && rest.farSpread <= kCompactSpread);
+    if (params.spaceField && maybeLocal) {
       // Most of the mesh is in place already: the surface levels alone first, kept
       // when they lay it on the target cleanly; else the field over space as well, and
       // the better of the two.

@@ -39,9 +39,14 @@ public:
   // Lays every point with a near match on the target itself, unless that folds.
   void LayPointsOnTarget();
 
-  // Of the points the field over space would match first (a sample of the mesh, at
-  // rest), the share that already lies near the target.
-  double NearShare() const;
+  // The points the field over space would match first (a sample of the mesh, at rest):
+  // the share of them that already lies near the target, and how far apart the others
+  // lie (the diagonal of their box over the mesh's).
+  struct RestMatch {
+    double nearShare = 0.0;
+    double farSpread = 0.0;
+  };
+  RestMatch MatchAtRest() const;
   // Starts again from no deformation, with its own budget of passes: with the field over
   // space (FitSpaceField next), or without it, the surface levels alone from the length
   // they would start at after its coarsest lattice.
