@@ -14,10 +14,12 @@
 #include "generators/deformations.h"
 #include "generators/mesh_arrays.h"
 #include "generators/scan_cases.h"
+#include "generators/small_meshes.h"
 #include "support/mesh_checks.h"
 #include "zor/model/stl.h"
 #include "zor/model/stl_guards.h"
 #include "zor/morph/detail/field_levels.h"
+#include "zor/morph/detail/target_surface.h"
 #include "zor/morph/wrapper_operator_field_morph.h"
 
 namespace {
@@ -250,6 +252,17 @@ TEST(FieldMorph, RefusesBadInputAndLeavesTheMeshAlone) {
 // Two spheres 1 mm apart: close in space, but no edge joins them, so no coarse level
 // may either, and a field laid on the coarse level comes back unchanged where it is
 // constant.
+// The field morph judges its deformations where the target shows the surface: a point
+// whose nearest place lies on the target's open border has no distance to count.
+TEST(TargetSurface, APointBeyondAnOpenBorderIsNotCovered) {
+  const auto grid = zorgen::MakeGrid(4, 1000);  // 1 mm squares over 4 x 4 mm, open all round
+  const ZorStlRegistration::detail::TargetSurface surface(grid.get());
+  EXPECT_NEAR(surface.Distance(MMVector3d(2000.0, 2000.0, 300.0), true), 300.0, 1e-9);
+  EXPECT_NEAR(surface.Distance(MMVector3d(2000.0, 2000.0, 300.0)), 300.0, 1e-9);
+  EXPECT_EQ(surface.Distance(MMVector3d(6000.0, 2500.0, 0.0), true), -1.0);
+  EXPECT_NEAR(surface.Distance(MMVector3d(6000.0, 2500.0, 0.0)), 2000.0, 1e-9);
+}
+
 TEST(FieldLevels, CoarseLevelsJoinOnlyWhatTheMeshJoins) {
   const auto a = zorgen::MakeSphere(10000.0, 16, 32);
   const auto b = zorgen::MakeSphere(10000.0, 16, 32, 0.0, MMVector3d(21000.0, 0.0, 0.0));

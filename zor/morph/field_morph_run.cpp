@@ -60,6 +60,10 @@ constexpr double kTie = 100.0;
 // When the distances stall at the final smoothing length, it is halved, at most until
 // it is this share of the length asked for.
 constexpr double kFloorShare = 0.2;
+// Nor does a run end as converged while a matched point lies farther than this many
+// tolerances: a change on under 1% of the points passes the share and the 95th
+// percentile before it is reached.
+constexpr double kLargestTolerances = 10.0;
 // A gain of the 95th percentile below this share counts as none.
 constexpr double kStallGain = 0.01;
 // The field over space: lattices of kFirstCells cells along the longest side, doubling
@@ -263,7 +267,7 @@ void FieldMorphRun::FitSurfaceLevels(ZorSDK::Common::IncrementalProgressReporter
     const bool lastLength = level == 0 && !(smoothing > finest);
     if (lastLength) {
       if (static_cast<double>(pass.within) >= params.targetFraction * static_cast<double>(pass.matched) &&
-          pass.p95 < tolerance) {
+          pass.p95 < tolerance && !(pass.largest > kLargestTolerances * tolerance)) {
         stop = StopReason::Converged;
         break;
       }
@@ -431,9 +435,10 @@ double FieldMorphRun::MeanMove(const std::vector<MMVector3d>& at) const {
   return at.empty() ? 0.0 : sum / static_cast<double>(at.size());
 }
 
-void FieldMorphRun::Distances(const std::vector<MMVector3d>& at, std::vector<double>& out) const {
+void FieldMorphRun::Distances(const std::vector<MMVector3d>& at, std::vector<double>& out, bool covered) const {
   out.resize(at.size());
-  ForEach(at.size(), [&](std::size_t i) { out[i] = surface->Distance(at[i]); });
+  ForEach(at.size(), [&](std::size_t i) { out[i] = surface->Distance(at[i], covered); });
+  if (covered) out.erase(std::remove(out.begin(), out.end(), -1.0), out.end());
 }
 
 void FieldMorphRun::WriteBack(const std::vector<MMVector3d>& at) {

@@ -75,11 +75,11 @@ double TargetSurface::Match(const MMVector3d& p, const MMVector3d& normal, doubl
   return Length(term.place - p);
 }
 
-double TargetSurface::Distance(const MMVector3d& p) const {
+double TargetSurface::Distance(const MMVector3d& p, bool covered) const {
   MeshQueries::SurfacePlace place;
-  return MeshQueries::NearestSurfacePlace(holder, p, std::numeric_limits<double>::infinity(), place)
-             ? place.distance
-             : std::numeric_limits<double>::infinity();
+  if (!MeshQueries::NearestSurfacePlace(holder, p, std::numeric_limits<double>::infinity(), place))
+    return covered ? -1.0 : std::numeric_limits<double>::infinity();
+  return covered && MeshQueries::OnOpenBorder(place) ? -1.0 : place.distance;
 }
 
 PassSummary MatchLevel(const TargetSurface& surface, const FieldLevel& level, const std::vector<MMVector3d>& base,
@@ -104,6 +104,7 @@ PassSummary MatchLevel(const TargetSurface& surface, const FieldLevel& level, co
   s.matched = matched.size();
   s.p90 = NearestRank(matched, 0.90);
   s.p95 = NearestRank(matched, 0.95);
+  for (double d : matched) s.largest = std::max(s.largest, d);
   return s;
 }
 

@@ -74,7 +74,9 @@ Outcome OutcomeOf(const FieldMorphRun& run, double tolerance) {
   run.Place(o.places);
   o.stop = run.Stop();
   std::vector<double> distances;
-  run.Distances(o.places, distances);
+  // Judged where the target shows the surface: a point beyond its open border has no
+  // place to reach, and how far its neighbours drag it tells nothing of the fit.
+  run.Distances(o.places, distances, true);
   const DistanceStatistics s = SummariseDistances(distances, tolerance);
   o.p95 = s.percentile95;
   o.largest = s.largest;

@@ -22,7 +22,11 @@
 //   distance) and solves for the displacement field that best lays the points on the
 //   planes of their matches while keeping the field smooth (point-to-plane terms plus
 //   the bending and membrane energy of the field). A mesh already on its target does
-//   not move; a smooth stretch keeps its volume.
+//   not move; a smooth stretch keeps its volume. The part of a point's displacement
+//   along the surface, which its match does not see, costs more than the part across
+//   it, so that a bump or a dent is followed along the normals instead of sliding the
+//   surface around it; the apex of a thin triangle moves with its longest edge. A step
+//   that turns over a triangle (one not flat to start with) is not taken.
 // - Coarse to fine on the surface too: the field is first solved on coarse aggregates
 //   of the points with a long smoothing length, then handed down level by level while
 //   the length shrinks to `smoothing` mean edges on the mesh itself.
@@ -32,18 +36,21 @@
 //   passes searched is laid on the target itself, unless that would fold one of its
 //   triangles: the field is smooth, and a coarse mesh on a coarse target would
 //   otherwise keep the chords' depth, a sharp local change its tip.
-// - Local changes: when most points (80% of a sample) already lie within five
+// - Local changes: when most points (80% of a sample, or 70% with the others lying
+//   together, their box within 0.9 of the mesh's diagonal) already lie within five
 //   tolerances of the target, the change is taken for a local one (a dent, a bump) and
 //   the surface levels alone run first, from the length the field over space would have
 //   left them at. Their result is kept when it lays the mesh on the target cleanly (no
-//   fold, the 95th percentile within the tolerance, no point beyond four); otherwise the
+//   fold, the 95th percentile within the tolerance, no point beyond four, over the
+//   points the target covers); otherwise the
 //   field over space runs as well, and of the two the one that moves the points less is
 //   kept, unless it strains the mesh (its edges' lengths) half as much again or lies
 //   farther from the target or folds more. The report says which (`local`).
 // - Points without a match (the target does not cover them) keep the deformation of
 //   their neighbours and are counted.
 // - The run always ends: when the share `targetFraction` of the matched points lies
-//   within `distanceTolerance` of its match (at most that far) (after the full schedule), when the 95th
+//   within `distanceTolerance` of its match (at most that far) and none lies farther than
+//   ten tolerances (after the full schedule), when the 95th
 //   percentile of the match distances has not improved by 1% in `stallPasses` passes,
 //   or after `maxPasses` passes, each of the (at most two) deformations tried. The
 //   report says which, of the one kept; its passes and times are those of both.
@@ -87,7 +94,7 @@ public:
   enum class StopReason : std::uint8_t {
     NotRun,          // Operate has not run
     NothingToMorph,  // the moving mesh has no points or no triangles: nothing moved
-    Converged,       // the share of matched points within the tolerance reached targetFraction
+    Converged,       // targetFraction of the matched points within the tolerance, none beyond ten
     Stalled,         // the distances stopped improving
     PassLimit,       // maxPasses ran out
     NoMatch,         // no point found a target triangle (or the target has none): nothing moved

@@ -62,8 +62,9 @@ public:
   double Strain(const std::vector<MMVector3d>& at) const;
   // The mean distance of `at` from the rest places.
   double MeanMove(const std::vector<MMVector3d>& at) const;
-  // Distances of `at` to the target, in list order.
-  void Distances(const std::vector<MMVector3d>& at, std::vector<double>& out) const;
+  // Distances of `at` to the target, in list order; with `covered`, only of the points
+  // the target covers (their nearest place not on its open border), in list order.
+  void Distances(const std::vector<MMVector3d>& at, std::vector<double>& out, bool covered = false) const;
   StopReason Stop() const { return stop; }
 
   // Rounds `at` to the grid, checked whole before any point is written, and writes it

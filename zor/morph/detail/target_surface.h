@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "zor/export.h"
 #include "zor/model/mm_vector.h"
 #include "zor/morph/detail/field_levels.h"
 #include "zor/spatial/tree_property.h"
@@ -23,7 +24,7 @@ namespace ZorStlRegistration::detail {
 // creases slid the scans more, none slid the featured body more (bench/README.md).
 inline constexpr double kCreaseCosine = 0.5;
 
-class TargetSurface {
+class ZOR_API TargetSurface {
 public:
   // Builds the target's triangle tree (with its normals) and each corner's normal.
   explicit TargetSurface(MStlBase* mesh);
@@ -37,8 +38,10 @@ public:
   double Match(const MMVector3d& p, const MMVector3d& normal, double cosine, double reach, bool curved,
                PlaneTerm& term) const;
 
-  // Distance from `p` to the nearest place of the whole target.
-  double Distance(const MMVector3d& p) const;
+  // Distance from `p` to the nearest place of the whole target; with `covered`, -1
+  // where that place lies on an open border (the target does not show the surface
+  // there).
+  double Distance(const MMVector3d& p, bool covered = false) const;
 
 private:
   MeshQueries::TriangleTreeHolder holder;
@@ -51,6 +54,7 @@ struct PassSummary {
   std::size_t within = 0;  // matched points within the tolerance
   double p90 = 0.0;        // of the matched distances
   double p95 = 0.0;
+  double largest = 0.0;  // of the matched distances
 };
 
 // Matches the points of `level` displaced by base + field; the terms' places are then
