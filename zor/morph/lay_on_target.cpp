@@ -52,15 +52,10 @@ void FoldFlags(const std::vector<std::uint32_t>& triangles, const std::vector<MM
 
 std::size_t FoldedTriangles(const std::vector<std::uint32_t>& triangles, const std::vector<MMVector3d>& before,
                             const std::vector<MMVector3d>& after) {
+  std::vector<std::uint8_t> flags;
+  FoldFlags(triangles, before, after, flags);
   std::size_t folded = 0;
-  for (std::size_t t = 0; t + 2 < triangles.size(); t += 3) {
-    const auto normalIn = [&](const std::vector<MMVector3d>& x) {
-      const MMVector3d& a = x[triangles[t]];
-      return Cross(x[triangles[t + 1]] - a, x[triangles[t + 2]] - a);
-    };
-    if (!HasSide(before[triangles[t]], before[triangles[t + 1]], before[triangles[t + 2]])) continue;
-    folded += Dot(normalIn(before), normalIn(after)) < 0.0 ? 1 : 0;
-  }
+  for (std::uint8_t f : flags) folded += f;
   return folded;
 }
 
